@@ -1,0 +1,34 @@
+// Console messages of the system.
+//
+// M_errmsg is the general console output: it records the error code, prints
+// the text and then pauses (one second unless MRV_MSG_PAUSE_MS says
+// otherwise). The pause is deliberate behaviour of the console mode.
+//
+// When msg_output_fd is 0 or above, messages are not printed but collected in
+// a 4096-byte buffer to be flushed to that descriptor by its owner.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+
+inline constexpr size_t MRV_MSG_BUFFER_SIZE = 4096;
+
+extern int32_t msg_output_fd;
+extern char msg_buffer[MRV_MSG_BUFFER_SIZE];
+extern size_t msg_buffer_fill;
+// Text of the number of the last message; "-10000000" for an unnumbered one.
+extern char last_message_number[10];
+
+int M_errmsg(int32_t code, const char* format, ...) __attribute__((format(printf, 2, 3)));
+int M_errno_msg(const char* text);
+
+// Writes a text to the console (standard output), or into the message buffer
+// when messages are buffered. No pause, no error recording.
+int M_msg_out(const char* text, size_t length);
+int M_msg_buffer_printf(const char* format, ...) __attribute__((format(printf, 1, 2)));
+
+void M_set_last_message_number(int32_t number);
+
+// The console pause in milliseconds: MRV_MSG_PAUSE_MS, default 1000.
+int32_t M_msg_pause_ms();
+void M_sleep_ms(int32_t milliseconds);

@@ -1,0 +1,4 @@
+#include "flib/fl_globals.h"
+
+int32_t M_startup_messages = 0;
+int32_t M_file_time_stamp = 0;

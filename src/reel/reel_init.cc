@@ -1,0 +1,166 @@
+#include "reel/reel_init.h"
+
+#include <sys/resource.h>
+#include <termios.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <ctime>
+
+#include "NT/NT_signal.h"
+#include "common/mrv_alloc.h"
+#include "common/mrv_exit.h"
+#include "common/mrv_marks.h"
+#include "common/mrv_msg.h"
+#include "common/readconf.h"
+#include "common/readroot.h"
+#include "flib/fl_globals.h"
+#include "flib/fl_mempool.h"
+#include "flib/lrgfillib.h"
+#include "flib/parttbl.h"
+#include "reel/reel_account.h"
+#include "reel/reel_device.h"
+#include "reel/reel_dispatch.h"
+#include "reel/reel_get_expbuf.h"
+#include "reel/reel_options.h"
+#include "reel/reel_plan.h"
+#include "reel/reel_settings.h"
+#include "shmem/shmaddr.h"
+
+namespace {
+
+constexpr rlim_t kOpenStreams = 2048;
+constexpr int32_t kDefaultLargeFiles = 1000;
+constexpr char kBreakPrompt[] = "\nBREAK: Enter Q<return> to Quit. Any other character to continue";
+
+void write_all(int fd, const char* text, size_t length) {
+  while (length > 0) {
+    ssize_t n = write(fd, text, length);
+    if (n < 0 && errno == EINTR) continue;
+    if (n <= 0) return;
+    text += n;
+    length -= static_cast<size_t>(n);
+  }
+}
+
+}  // namespace
+
+void reel_platform_start() {
+  rlimit limit{};
+  if (getrlimit(RLIMIT_NOFILE, &limit) == 0 && limit.rlim_cur < kOpenStreams) {
+    limit.rlim_cur = limit.rlim_max == RLIM_INFINITY || limit.rlim_max >= kOpenStreams
+                         ? kOpenStreams
+                         : limit.rlim_max;
+    setrlimit(RLIMIT_NOFILE, &limit);
+  }
+}
+
+void reel_startup() {
+  M_errmsg(0, "%s", REEL_BANNER);
+  M_startup_messages = 1;
+  M_file_time_stamp = static_cast<int32_t>(std::time(nullptr));
+  M_readconfg();
+  M_init_process(-1, 1);
+  M_init_pools();
+  reel_init_levels();
+  read_root();
+  if (M_load_part_table() < 0) MRV_EXIT(1);
+  int32_t large_files = M_env_param("MAX_DSFILES", 0);
+  M_set_large_file_limit(large_files > 0 ? large_files : kDefaultLargeFiles);
+}
+
+[[noreturn]] void reel_fatal(const char* message) {
+  M_errmsg(0, "%s\n", message);
+  M_errmsg(0, "%s", REEL_USAGE);
+  M_exit_process();
+  MRV_EXIT(1);
+}
+
+[[noreturn]] void reel_finish() {
+  reel_close_device();
+  M_errmsg(0, "%s", REEL_FINISHED);
+  M_exit_process();
+  MRV_EXIT(1);
+}
+
+[[noreturn]] void reel_end_run() {
+  if (reel_settings.analyse_mode) reel_finish_analysis();
+  reel_close_account();
+  reel_finish();
+}
+
+int reel_get_answer() {
+  std::fflush(stdout);
+  bool terminal = isatty(STDIN_FILENO) != 0;
+  if (terminal) tcflush(STDIN_FILENO, TCIFLUSH);
+  for (;;) {
+    unsigned char c;
+    ssize_t n = read(STDIN_FILENO, &c, 1);
+    if (n == 1) {
+      if (!terminal && (c == '\n' || c == '\r')) continue;
+      return c;
+    }
+    if (n < 0 && errno == EINTR) continue;
+    reel_fatal("End of input while waiting for an answer.\n");
+  }
+}
+
+// Runs beside the main thread, so it writes and reads with the plain system
+// calls only.
+void reel_break_handler(int signal_number) {
+  if (M_critical_count > 0) {
+    M_note_pending_signal(signal_number);
+    return;
+  }
+  write_all(STDOUT_FILENO, kBreakPrompt, sizeof kBreakPrompt - 1);
+  int answer = reel_get_answer();
+  if (answer == 'Q' || answer == 'q') {
+    std::signal(signal_number, SIG_IGN);
+    stop_requested = 1;
+  }
+}
+
+void reel_install_break_handler() {
+  struct sigaction action {};
+  action.sa_handler = reel_break_handler;
+  sigemptyset(&action.sa_mask);
+  action.sa_flags = SA_RESTART;
+  sigaction(SIGINT, &action, nullptr);
+}
+
+[[noreturn]] void reel_block_loop(unsigned char* buffer) {
+  int32_t length = reel_next_block(buffer);
+  while (stop_requested != 1)
+    if (reel_dispatch_block(buffer, &length) == 0) break;
+  reel_end_run();
+}
+
+[[noreturn]] int reel_main(int argc, char** argv) {
+  reel_platform_start();
+  reel_parse_options(argc, argv);
+  reel_startup();
+
+  RunSettings& s = reel_settings;
+  if (M_RM != TAPE_RM) s.mark_translate = 1;
+  s.max_name_len = s.short_names ? 12 : 198;
+
+  if (!s.analyse_mode) reel_open_account();
+  reel_open_dispmsg();
+  if (s.create_mode) {
+    reel_apply_plan();
+    reel_close_account();
+    reel_finish();
+  }
+
+  int32_t block_size = reel_open_unit(s.unit_char);
+  // The one tape buffer of the run; it lives until the process ends.
+  auto* buffer = static_cast<unsigned char*>(mrv_malloc(static_cast<size_t>(block_size)));
+  if (buffer == nullptr) reel_fatal("tape buffer malloc failed!\n");
+
+  stop_requested = 0;
+  reel_install_break_handler();
+  reel_block_loop(buffer);
+}

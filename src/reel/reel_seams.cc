@@ -1,0 +1,62 @@
+// Entry points of the tool's layers that this build does not have yet.
+//
+// Each one either fails in the open, through the fatal path with a message
+// that says what is missing, or, where nothing depends on it yet, does
+// nothing and says so here. A layer that arrives removes its entry from this
+// file and defines it in its own module.
+#include "flib/fl_mempool.h"
+#include "flib/parttbl.h"
+#include "reel/reel_account.h"
+#include "reel/reel_device.h"
+#include "reel/reel_dispatch.h"
+#include "reel/reel_get_expbuf.h"
+#include "reel/reel_init.h"
+#include "reel/reel_plan.h"
+#include "common/mrv_msg.h"
+
+int32_t reel_open_unit(char) { reel_fatal("Reading tapes is not available in this build.\n"); }
+
+int32_t reel_next_block(unsigned char*) {
+  reel_fatal("Reading tapes is not available in this build.\n");
+}
+
+// No device can have been opened, so there is nothing to close.
+void reel_close_device() {}
+
+int reel_dispatch_block(unsigned char*, int32_t*) {
+  reel_fatal("Restoring saved accounts is not available in this build.\n");
+}
+
+void reel_open_account() {
+  reel_fatal("Setting up accounts is not available in this build.\n");
+}
+
+void reel_open_dispmsg() {
+  reel_fatal("Setting up accounts is not available in this build.\n");
+}
+
+void reel_close_account() {}
+
+void reel_apply_plan() { reel_fatal("Creating files from a plan is not available in this build.\n"); }
+
+void reel_finish_analysis() { reel_fatal("Analysis plans are not available in this build.\n"); }
+
+int reel_load_block_list(const char*) {
+  M_errmsg(0, "Selection lists are not available in this build.\n");
+  return 0;
+}
+
+int reel_load_recovery_list(const char*) {
+  M_errmsg(0, "Selection lists are not available in this build.\n");
+  return 0;
+}
+
+// Nothing allocates levels yet.
+void reel_init_levels() {}
+
+// Nothing allocates from the pools yet.
+void M_init_pools() {}
+
+// Without a part table every part of a file lies beside the file, which is
+// the table's default row.
+int M_load_part_table() { return 0; }

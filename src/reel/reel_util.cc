@@ -1,0 +1,135 @@
+#include "reel/reel_util.h"
+
+#include <cmath>
+#include <cstdio>
+#include <cstring>
+
+#include "common/mrv_marks.h"
+#include "common/mrv_msg.h"
+
+namespace {
+
+constexpr int32_t kPrimeLimit = 1000000000;
+constexpr unsigned char kBlankRun = 0x91;
+constexpr unsigned char kNewline = 0x8A;
+constexpr unsigned char kBlank = 0x80;
+constexpr unsigned char kFillBlank = 0xA0;
+constexpr int kMaxBlankRun = 100;
+
+}  // namespace
+
+int32_t reel_next_prime(int32_t n) {
+  if (n < 4) return n;
+  for (int32_t c = (n / 2) * 2 + 1; c < kPrimeLimit; c += 2) {
+    int32_t q = static_cast<int32_t>(std::sqrt(static_cast<double>(c))) + 1;
+    bool prime = true;
+    for (int32_t d = 3; d <= q && prime; d += 2) prime = c % d != 0;
+    if (prime) return c;
+  }
+  M_errmsg(0, "Number %d out of prime number table range.\n", n);
+  return n;
+}
+
+int reel_is_number(const char* text) {
+  int digits = 0;
+  for (; *text != '\0'; ++text, ++digits)
+    if (*text < '0' || *text > '9') return 0;
+  return digits < 10 ? 1 : 0;
+}
+
+int reel_name_from_tape(char* destination, const unsigned char* source, int length) {
+  if (length < 1) {
+    destination[0] = '\0';
+    return 0;
+  }
+  for (int i = 0; i < length; ++i)
+    destination[i] = source[i] == 0 ? '\0' : static_cast<char>((source[i] + 128) & 0xFF);
+  destination[length] = '\0';
+  while (length > 0 && destination[length - 1] == ' ') destination[--length] = '\0';
+  return length;
+}
+
+void reel_mask_copy(char* destination, const unsigned char* source, int length) {
+  if (length < 1) {
+    destination[0] = '\0';
+    return;
+  }
+  for (int i = 0; i < length; ++i)
+    destination[i] = source[i] == 0 ? '\0' : static_cast<char>(source[i] ^ 0x80);
+  destination[length] = '\0';
+}
+
+int reel_text_from_tape(char* destination, const unsigned char* source, int length) {
+  char* out = destination;
+  for (int i = 0; i < length; ++i) {
+    unsigned char b = source[i];
+    if (b == kBlankRun) {
+      if (i + 1 < length && source[i + 1] >= 1 && source[i + 1] <= kMaxBlankRun) {
+        int count = source[++i];
+        std::memset(out, ' ', static_cast<size_t>(count));
+        out += count;
+      }
+    } else if (b == kNewline) {
+      *out++ = '\n';
+      // Lines are padded to an even length on tape: a filler byte after a
+      // newline at an even offset is not text.
+      if (i % 2 == 0 && i + 1 < length && (source[i + 1] == kFillBlank || source[i + 1] == 0)) ++i;
+    } else if (b == kBlank) {
+      *out++ = ' ';
+    } else {
+      *out++ = static_cast<char>((b + 0x80) & 0xFF);
+    }
+  }
+  *out = '\0';
+  return static_cast<int>(out - destination);
+}
+
+int reel_next_attribute(const unsigned char** cursor, char* destination, int system_marks) {
+  const unsigned char field_mark = system_marks ? M_FM : TAPE_FM;
+  const unsigned char record_mark = system_marks ? M_RM : TAPE_RM;
+  const unsigned char* p = *cursor;
+  int n = 0;
+  while (n < REEL_ATTRIBUTE_LIMIT && *p != '\0' && *p != field_mark && *p != record_mark)
+    destination[n++] = static_cast<char>(*p++);
+  destination[n] = '\0';
+  if (*p == '\0') {
+    *cursor = p;
+    return 1;
+  }
+  if (*p == field_mark || *p == record_mark) {
+    *cursor = p + 1;
+    return 1;
+  }
+  while (*p != '\0' && *p != field_mark) ++p;
+  if (*p == field_mark) ++p;
+  *cursor = p;
+  return 0;
+}
+
+void reel_drop_prefix(char* text, int count) {
+  size_t length = std::strlen(text);
+  if (count <= 0) return;
+  if (static_cast<size_t>(count) >= length) {
+    text[0] = '\0';
+    return;
+  }
+  std::memmove(text, text + count, length - static_cast<size_t>(count) + 1);
+}
+
+char* reel_copy_limited(char* destination, const char* source, int n) {
+  if (n < 1) return destination;
+  std::strncpy(destination, source, static_cast<size_t>(n - 1));
+  destination[n] = '\0';
+  return destination;
+}
+
+void reel_print_bytes(const unsigned char* bytes, int length) {
+  for (int i = 0; i < length; ++i) {
+    if (bytes[i] >= 160 && bytes[i] <= 253)
+      std::printf("   %c", bytes[i] - 128);
+    else
+      std::printf(" %03d", bytes[i]);
+  }
+  std::printf("\n\n");
+  std::fflush(stdout);
+}
