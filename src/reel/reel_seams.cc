@@ -31,10 +31,6 @@ void reel_open_account() {
   reel_fatal("Setting up accounts is not available in this build.\n");
 }
 
-void reel_open_dispmsg() {
-  reel_fatal("Setting up accounts is not available in this build.\n");
-}
-
 void reel_close_account() {}
 
 void reel_apply_plan() { reel_fatal("Creating files from a plan is not available in this build.\n"); }

@@ -1,0 +1,37 @@
+// The current-file slot: the file on tape that is being restored or
+// analysed, from its description block until the next one.
+#pragma once
+
+#include <cstdint>
+#include <cstdio>
+#include <string>
+
+enum FileKind : int32_t {
+  FILE_KIND_DATA = 0,
+  FILE_KIND_DICT = 1,
+  FILE_KIND_DIR = 2,
+  FILE_KIND_SAM = 3,
+  FILE_KIND_DAM = 4,
+};
+
+// Texts of the kinds as logs and plans show them, four characters each.
+inline constexpr const char* reel_file_kind_text(int32_t kind) {
+  constexpr const char* kTexts[] = {"DATA", "DICT", "DIR ", "SAM ", "DAM "};
+  return kind >= 0 && kind <= 4 ? kTexts[kind] : "????";
+}
+
+struct CurrentFile {
+  int64_t key_bytes = 0;
+  int64_t data_bytes = 0;
+  int32_t record_count = 0;
+  int32_t file_kind = FILE_KIND_DATA;
+  int32_t modulo = 0;
+  std::string name;        // name on tape, after the name rules
+  std::string short_name;  // name on disk
+  int32_t handle = -1;     // -1: no target file open
+};
+
+extern CurrentFile reel_current;
+// The run's log in the working directory; open from reel_open_dispmsg to the
+// account's close-down.
+extern FILE* dispmsg;
