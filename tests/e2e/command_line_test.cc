@@ -1,5 +1,6 @@
 // The command line of REEL_INTAKE, run as the real program.
 #include <filesystem>
+#include <fstream>
 #include <string>
 
 #include <gtest/gtest.h>
@@ -85,6 +86,17 @@ TEST(CommandLine, AdministratorStopEndsTheRunBeforeHomeIsLookedAt) {
   EXPECT_EQ(r.output, std::string(REEL_BANNER) +
                           "An Administrator has stopped Morvane from running.\n"
                           "Use startmr to restart Morvane.\n");
+}
+
+TEST(CommandLine, ListsThatHoldNothingAreRefused) {
+  TempDir dir;
+  std::string blank = dir.str() + "/blank";
+  std::ofstream(blank) << "\n   \n";
+  ProgramResult r = reel({"-B", blank, "acct"});
+  EXPECT_EQ(r.status, 1);
+  EXPECT_EQ(r.output, "Illegal blocksize filelist\n" + kUsage);
+  r = reel({"-R", dir.str() + "/missing", "acct"});
+  EXPECT_EQ(r.output, "Illegal recovery filelist\n" + kUsage);
 }
 
 TEST(CommandLine, HugeLoadBuffersAreRefusedBeforeTheBanner) {
