@@ -10,19 +10,13 @@
 
 #include <gtest/gtest.h>
 
+#include "support/files.h"
 #include "support/run_program.h"
 #include "support/temp_dir.h"
 
 namespace fs = std::filesystem;
 
 namespace {
-
-std::string slurp(const fs::path& path) {
-  std::ifstream in(path, std::ios::binary);
-  std::ostringstream text;
-  text << in.rdbuf();
-  return text.str();
-}
 
 TEST(IsCommand, FirstWordByItsLastPathPartAnyCaseWithOrWithoutExtension) {
   EXPECT_TRUE(is_command("mrvsort -u -r -o a b", "mrvsort"));

@@ -10,17 +10,11 @@
 
 #include "NT/NT_logerror.h"
 #include "common/mrv_exit.h"
+#include "support/files.h"
 #include "support/run_program.h"
 #include "support/temp_dir.h"
 
 namespace {
-
-std::string slurp(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  std::ostringstream text;
-  text << in.rdbuf();
-  return text.str();
-}
 
 TEST(ErrlogExit, AppendsAStanzaToTheBinDirectory) {
   TempDir dir;

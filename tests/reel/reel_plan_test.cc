@@ -10,17 +10,11 @@
 #include "reel/reel_current.h"
 #include "reel/reel_init.h"
 #include "reel/reel_settings.h"
+#include "support/files.h"
 #include "support/run_program.h"
 #include "support/temp_dir.h"
 
 namespace {
-
-std::string slurp(const std::string& path) {
-  std::ifstream in(path);
-  std::ostringstream text;
-  text << in.rdbuf();
-  return text.str();
-}
 
 TEST(SuggestModulo, EmptyFilesKeepTheTapeModuloButNeverBelowOne) {
   EXPECT_EQ(reel_suggest_modulo(FILE_KIND_DATA, 0, 0, 0, 7), 7);
