@@ -124,9 +124,9 @@ int32_t reel_next_block(unsigned char* buffer) {
       continue;  // the same block read twice
     } else {
       // The block is dropped, but the numbering picks up from it, so one
-      // missing block costs one block.
-      reel_log_error(REEL_ERR_READ, "block No. error");
+      // missing block costs one block. The line names the unexpected block.
       last_block_no = number;
+      reel_log_error(REEL_ERR_READ, "block No. error");
       continue;
     }
     if (n < length) {
