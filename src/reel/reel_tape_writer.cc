@@ -117,7 +117,8 @@ int reel_writer_next_reel(TapeWriter& w, const std::string& path) {
   return reel_writer_open(w, path, w.options);
 }
 
-int reel_writer_label(TapeWriter& w, const TapeLabel& label) {
+int reel_writer_label(TapeWriter& w, const TapeLabel& label,
+                      const std::vector<std::vector<unsigned char>>& label_file) {
   if (w.plain_file) return fail(w, "a plain file cannot carry a label");
   if (flush_pending(w, true) != 0) return -1;
   TapeLabel fields = label;
@@ -137,6 +138,8 @@ int reel_writer_label(TapeWriter& w, const TapeLabel& label) {
   } else if (put_block(w, block) != 0) {
     return -1;
   }
+  for (const auto& record : label_file)
+    if (write_record(w, record.data(), record.size(), false) != 0) return -1;
   if (MNT_TapeMark(w.slot) != 0) return fail(w, "tape mark failed");
   w.last_tape_no = fields.tape_no;
   w.last_name = fields.name;

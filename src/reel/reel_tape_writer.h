@@ -66,10 +66,12 @@ int reel_writer_open(TapeWriter& w, const std::string& path, const TapeWriterOpt
 // Closes the current reel and opens the next at `path`, keeping the
 // options and the label numbering.
 int reel_writer_next_reel(TapeWriter& w, const std::string& path);
-// Writes the label block and the tape mark behind it; block numbers start
-// again at 1. A tape_no of 0 takes the last one plus 1, an empty name the
-// last one ("SAVE" on the first reel), an empty date "01-01-92".
-int reel_writer_label(TapeWriter& w, const TapeLabel& label);
+// Writes the label block, the rest of the label file (records as they are,
+// unconverted) and the tape mark behind it; block numbers start again at 1.
+// A tape_no of 0 takes the last one plus 1, an empty name the last one
+// ("SAVE" on the first reel), an empty date "01-01-92".
+int reel_writer_label(TapeWriter& w, const TapeLabel& label,
+                      const std::vector<std::vector<unsigned char>>& label_file = {});
 // Writes a block of `type` with the payload behind the header; an odd
 // payload gets a zero byte, since blocks are whole words.
 int reel_writer_block(TapeWriter& w, uint8_t type, const unsigned char* payload, size_t size,

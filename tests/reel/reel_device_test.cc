@@ -14,6 +14,7 @@
 #include "reel/reel_tape_format.h"
 #include "reel/reel_tape_script.h"
 #include "reel/reel_tape_writer.h"
+#include "reel/reel_util.h"
 #include "reel/tape_child.h"
 
 namespace {
@@ -47,16 +48,22 @@ void make_tape(const std::string& script) {
 
 // The child's body: opens the unit in `dir` and prints every block that
 // reel_next_block hands out, up to the end-of-save block.
+// In the child: enters `dir`, sets the run up and opens the unit; returns
+// the tape buffer.
+std::vector<unsigned char> open_unit_in(const std::string& dir, const ReadRun& run) {
+  if (chdir(dir.c_str()) != 0) _exit(3);
+  setenv("MRVHOME", dir.c_str(), 1);
+  reel_reset_settings();
+  reel_settings.convert_mode = run.convert;
+  reel_settings.transport_b = run.buffered;
+  reel_settings.transport_c = run.cartridge;
+  dispmsg = std::fopen("dispmsg", "w");
+  return std::vector<unsigned char>(static_cast<size_t>(reel_open_unit(run.unit)));
+}
+
 std::function<void()> reader(const std::string& dir, ReadRun run = {}) {
   return [dir, run] {
-    if (chdir(dir.c_str()) != 0) _exit(3);
-    setenv("MRVHOME", dir.c_str(), 1);
-    reel_reset_settings();
-    reel_settings.convert_mode = run.convert;
-    reel_settings.transport_b = run.buffered;
-    reel_settings.transport_c = run.cartridge;
-    dispmsg = std::fopen("dispmsg", "w");
-    std::vector<unsigned char> buffer(static_cast<size_t>(reel_open_unit(run.unit)));
+    std::vector<unsigned char> buffer = open_unit_in(dir, run);
     for (int i = 0; i < 100; ++i) {
       int32_t n = reel_next_block(buffer.data());
       std::printf("[block %d len %d type %d]\n", tape_block_no(buffer.data()), n,
@@ -284,6 +291,87 @@ TEST(ReelTransports, ConversionsApplyToLabelAndBlocks) {
     EXPECT_EQ(numbers(child.output()), (std::vector<int>{1, 2}));
     EXPECT_EQ(read_file(dir + "/dispmsg"), "");
   }
+}
+
+// The label file is passed with plain reads whatever the transport and
+// -M: records behind the label that would parse as blocks (a label, a block
+// longer than the buffer) are never looked at.
+TEST(ReelReadLabel, LabelFileIsPassedWithoutParsing) {
+  std::string dir = unit_dir("label_file");
+  TapeWriter w;
+  TapeWriterOptions options;
+  options.framing = TapeFraming::kBuffered;
+  options.convert_mode = '2';
+  ASSERT_EQ(reel_writer_open(w, dir + "/t.tap", options), 0) << w.error;
+  TapeLabel label;
+  label.tape_no = 1;
+  std::vector<unsigned char> another_label(LABEL_SIZE, 0);
+  tape_put_header(another_label.data(), 0, LABEL_SIZE, TAPE_BLOCK_LABEL ^ 0x80);
+  std::vector<unsigned char> too_long(64, 0);
+  tape_put_header(too_long.data(), 1 ^ 0x8080, 0xFFF0, TAPE_BLOCK_DATA ^ 0x80);
+  ASSERT_EQ(reel_writer_label(w, label, {another_label, too_long}), 0);
+  auto text = reel_tape_text("data");
+  ASSERT_EQ(reel_writer_block(w, TAPE_BLOCK_DATA, text.data(), text.size()), 0);
+  ASSERT_EQ(reel_writer_end_save(w), 0);
+  ASSERT_EQ(reel_writer_close(w), 0);
+  ReadRun run;
+  run.buffered = true;
+  run.convert = '2';
+  TapeChild child(reader(dir, run));
+  EXPECT_EQ(child.finish(), 0) << child.output();
+  EXPECT_EQ(count_of(child.output(), "LOGICAL TAPE NUMBER"), 1u);
+  EXPECT_EQ(numbers(child.output()), (std::vector<int>{1, 2}));
+}
+
+TEST(ReelOpenDevice, RetriesAfterTheOperatorsC) {
+  std::string dir = unit_dir("late", "0 late.tap rlate.tap 8192");
+  TapeChild child(reader(dir));
+  ASSERT_TRUE(child.wait_for("Tape late.tap open error\nPlease check tape drive and input C to continue"));
+  make_tape("tape " + dir + "/late.tap\nlabel\nend\n");
+  child.send("x\nC\n");
+  EXPECT_EQ(child.finish(), 0) << child.output();
+  EXPECT_EQ(count_of(child.output(), "open error"), 1u);
+  EXPECT_EQ(numbers(child.output()), (std::vector<int>{1}));
+}
+
+TEST(ReelSkipBlocks, StopsAtTheFirstBlockThatIsNotPassedOver) {
+  std::string dir = unit_dir("skip");
+  make_tape(label_and(dir, "block data 'a'\nblock data 'b'\nblock description zeros:144\n"
+                           "block data 'c'\nblock description zeros:96\n"));
+  TapeChild child([dir] {
+    std::vector<unsigned char> buffer = open_unit_in(dir, {});
+    int32_t length = 0;
+    reel_skip_blocks(buffer.data(), &length, 0);
+    std::printf("mode 0 stops at %d (%d)\n", tape_block_no(buffer.data()), length);
+    reel_skip_blocks(buffer.data(), &length, 1);
+    std::printf("mode 1 stops at %d (%d)\n", tape_block_no(buffer.data()), length);
+  });
+  EXPECT_EQ(child.finish(), 0) << child.output();
+  EXPECT_NE(child.output().find("mode 0 stops at 3 (150)\nmode 1 stops at 5 (102)\n"),
+            std::string::npos)
+      << child.output();
+}
+
+TEST(ReelLogs, CodedLinesAndBadBlocks) {
+  std::string dir = scratch("logs");
+  TapeChild child([dir] {
+    if (chdir(dir.c_str()) != 0) _exit(3);
+    dispmsg = std::fopen("dispmsg", "w");
+    last_block_no = 12;
+    reel_log_error(REEL_ERR_ACCOUNT, "ignored");
+    reel_log_error(REEL_ERR_DATA, "short record");
+    reel_log_error(42, "ignored");
+    write_file("BAD_BLOCKS", "from an earlier run");
+    reel_log_bad_block("FILE1", reinterpret_cast<const unsigned char*>("ab\0c"), 4);
+    reel_log_bad_block("FILE2", reinterpret_cast<const unsigned char*>("z"), 1);
+  });
+  EXPECT_EQ(child.finish(), 0) << child.output();
+  EXPECT_EQ(read_file(dir + "/dispmsg"),
+            "Blkno = 12 \tGet acct_name error\n"
+            "Blkno = 12 \tGet data block error: short record\n"
+            "Blkno = 12 \tUnknown error\n");
+  EXPECT_EQ(read_file(dir + "/BAD_BLOCKS"), std::string("\nFILE1\nab\0c\nFILE2\nz", 19));
+  EXPECT_EQ(child.output(), "");
 }
 
 }  // namespace
