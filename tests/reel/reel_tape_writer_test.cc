@@ -57,22 +57,6 @@ TEST(ReelConvert, SwapOfAnOddCountStaysInsideTheBuffer) {
   reel_reset_settings();
 }
 
-TEST(TapeLabel, EncodeDecodeRoundTrip) {
-  TapeLabel in;
-  in.tape_no = 200;
-  in.revision = 3;
-  std::snprintf(in.name, sizeof in.name, "AB");
-  std::snprintf(in.date, sizeof in.date, "12-31-99");
-  unsigned char block[LABEL_SIZE];
-  tape_encode_label(block, in);
-  EXPECT_EQ(block[LABEL_OFF_NAME + 2], 0xA0);  // blank padding in tape text
-  TapeLabel out = tape_decode_label(block);
-  EXPECT_EQ(out.tape_no, 200);
-  EXPECT_EQ(out.revision, 3);
-  EXPECT_STREQ(out.name, "AB");
-  EXPECT_STREQ(out.date, "12-31-99");
-}
-
 std::string run_mkreel(const std::string& dir, const std::string& script, int* status) {
   write_file(dir + "/script", script);
   std::string command = "cd " + dir + " && " + REEL_BIN_DIR + "/mkreel script > out 2>&1";
