@@ -26,9 +26,10 @@ namespace {
 //
 //   OFFSET  SIZE  DESCRIPTION
 //   0       4     length word, little-endian: bits 0-23 the record length
-//                 n, bits 28-31 the class (0 good data, 8 data read with
-//                 an error); 0 alone is a tape mark, 0xFFFFFFFF the end of
-//                 the medium, 0xFFFFFFFE an erase gap of four bytes
+//                 n, bits 28-31 the class (0 good data; any other class,
+//                 such as 8 for data read with an error, is a record that
+//                 cannot be read); 0 alone is a tape mark, 0xFFFFFFFF the
+//                 end of the medium, 0xFFFFFFFE an erase gap of four bytes
 //   4       n     the record's bytes
 //   4+n     0/1   one pad byte when n is odd
 //   ...     4     the length word again, so the image can be walked back
@@ -49,14 +50,14 @@ struct Slot {
   bool writable = false;
   Medium medium = Medium::kFile;
   std::string name;  // without the rewind prefix
-  int64_t pos = 0;   // images only: offset of the next record
+  int64_t pos = 0;   // images: offset of the next record; files: kept at close
   bool at_end = false;
 };
 
 Slot g_slots[MNT_TAPE_SLOTS];
 
-// Where each image was left when it was closed, so that opening the same
-// name again goes on from there.
+// Where each image or file was left when it was closed, so that opening
+// the same name again goes on from there.
 struct KeptPosition {
   dev_t dev = 0;
   ino_t ino = 0;
@@ -342,11 +343,12 @@ int MNT_TapeOpen(const char* name, int flags) {
   }
   if (s.fd < 0) return open_failure(errno);
 
-  if (s.medium == Medium::kImage && fstat(s.fd, &st) == 0) {
+  if (s.medium != Medium::kDrive && fstat(s.fd, &st) == 0) {
     auto kept = g_kept.find(path);
     if (!rewind && kept != g_kept.end() && kept->second.dev == st.st_dev &&
         kept->second.ino == st.st_ino)
       s.pos = kept->second.pos;
+    if (s.medium == Medium::kFile && lseek(s.fd, s.pos, SEEK_SET) < 0) s.pos = 0;
     g_kept[path] = {st.st_dev, st.st_ino, s.pos};
   }
   g_slots[slot] = s;
@@ -361,7 +363,8 @@ int MNT_TapeClose(int slot) {
     if (s->medium == Medium::kDrive) drive_op(s->fd, MTWEOF, 1);
     if (s->medium == Medium::kImage) image_mark(*s);
   }
-  if (s->medium == Medium::kImage) g_kept[s->name].pos = s->pos;
+  if (s->medium == Medium::kFile) s->pos = lseek(s->fd, 0, SEEK_CUR);
+  if (s->medium != Medium::kDrive && s->pos >= 0) g_kept[s->name].pos = s->pos;
   int fd = s->fd;
   *s = Slot{};
   if (close(fd) != 0) {
@@ -505,10 +508,7 @@ int MNT_TapeBack(const char* name, int count) {
 
 int MNT_TapeUnload(const char* name) {
   std::string path = name[0] == 'r' || name[0] == 'R' ? name + 1 : name;
-  if (ends_with(path, ".tap")) {
-    g_kept.erase(path);
-    return 0;
-  }
+  if (g_kept.erase(path) > 0) return 0;
   int fd = open(path.c_str(), O_RDWR);
   if (fd < 0) fd = open(path.c_str(), O_RDONLY);
   if (fd < 0) {

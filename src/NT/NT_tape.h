@@ -13,8 +13,9 @@
 //           a file replaced at that path (another device or inode) starts
 //           at its beginning.
 //   file    any other file: a byte stream without marks, read in requests
-//           of the count asked; end of file reads as 0. It opens at its
-//           start every time.
+//           of the count asked; end of file reads as 0. It keeps its
+//           position across close and open as an image does, so that what
+//           was passed (a label file, say) is not read again.
 //
 // Names: a leading "r" or "R" is not part of the name; it asks for a rewind
 // at open (for an image: back to the start) and is always stripped, so
@@ -66,7 +67,8 @@ int MNT_TapeMark(int slot);
 // one: the start of the count-th file before the current one. Stopping at
 // the beginning of the medium counts as success. 0 or 1.
 int MNT_TapeBack(const char* name, int count);
-// Rewinds the medium of `name` and takes it off line. 0 or 1.
+// Rewinds the medium of `name` and takes it off line; an image or a file
+// forgets its kept position. 0 or 1.
 int MNT_TapeUnload(const char* name);
 
 // The descriptor read of the byte-oriented transports: read(2) on the

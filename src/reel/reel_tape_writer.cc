@@ -185,6 +185,6 @@ int reel_writer_close(TapeWriter& w) {
   w.slot = -1;
   // A written reel comes off the drive: whoever mounts it next starts at
   // its beginning, as with a reel carried to another drive.
-  if (!w.plain_file) MNT_TapeUnload(w.path.c_str());
+  MNT_TapeUnload(w.path.c_str());
   return result;
 }

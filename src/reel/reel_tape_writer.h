@@ -85,8 +85,8 @@ int reel_writer_raw(TapeWriter& w, const unsigned char* bytes, size_t size);
 // A tape mark (not on a plain file).
 int reel_writer_mark(TapeWriter& w);
 // Writes what is pending and closes the reel; an image or a drive gets its
-// closing tape mark and is unloaded (an image: its kept position is
-// forgotten, so the next open starts at its beginning).
+// closing tape mark; the medium is unloaded (an image or a file forgets its
+// kept position, so the next open starts at its beginning).
 int reel_writer_close(TapeWriter& w);
 
 // Tape text: each character with its high bit set, as names and text stand

@@ -329,6 +329,22 @@ TEST(ReelReadLabel, LabelFileIsPassedWithoutParsing) {
   EXPECT_EQ(numbers(child.output()), (std::vector<int>{1, 2}));
 }
 
+// A label read from a plain file passes the whole file; reopening it must
+// not start over, or a label numbered 0 (which never counts as a reel)
+// would be read again and again.
+TEST(ReelReadLabel, PassedLabelFileIsNotReadAgain) {
+  std::string dir = unit_dir("label_zero", "0 s.dat rs.dat 8192");
+  make_tape("framing buffered\ntape " + dir + "/s.dat\n"
+            "raw hex:0000000c00048000b0b1b0b1b9b200000000a0a0a0a0a0a0\nblock data 'a'\n");
+  ReadRun run;
+  run.buffered = true;
+  TapeChild child(reader(dir, run));
+  ASSERT_TRUE(child.wait_for("\nGet EOF mark."));
+  child.send("E\n");
+  EXPECT_EQ(child.finish(), 1);
+  EXPECT_EQ(count_of(child.output(), "LOGICAL TAPE NUMBER: 0\n"), 1u);
+}
+
 TEST(ReelOpenDevice, RetriesAfterTheOperatorsC) {
   std::string dir = unit_dir("late", "0 late.tap rlate.tap 8192");
   TapeChild child(reader(dir));
