@@ -8,3 +8,7 @@
 extern int32_t M_startup_messages;
 // The run's time stamp, written into the headers of the files it makes.
 extern int32_t M_file_time_stamp;
+// Status of the last failed operation of the platform's device layers
+// (2 end of data, 3 name unusable, 6 other fault). Exported for modules
+// loaded into the process.
+extern "C" int32_t M_Status;

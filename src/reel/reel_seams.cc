@@ -7,20 +7,10 @@
 #include "flib/fl_mempool.h"
 #include "flib/parttbl.h"
 #include "reel/reel_account.h"
-#include "reel/reel_device.h"
 #include "reel/reel_dispatch.h"
 #include "reel/reel_init.h"
 #include "reel/reel_plan.h"
 #include "common/mrv_msg.h"
-
-int32_t reel_open_unit(char) { reel_fatal("Reading tapes is not available in this build.\n"); }
-
-int32_t reel_next_block(unsigned char*) {
-  reel_fatal("Reading tapes is not available in this build.\n");
-}
-
-// No device can have been opened, so there is nothing to close.
-void reel_close_device() {}
 
 int reel_dispatch_block(unsigned char*, int32_t*) {
   reel_fatal("Restoring saved accounts is not available in this build.\n");

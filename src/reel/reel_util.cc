@@ -6,6 +6,9 @@
 
 #include "common/mrv_marks.h"
 #include "common/mrv_msg.h"
+#include "reel/reel_device.h"
+#include "reel/reel_settings.h"
+#include "reel/reel_tape_format.h"
 
 namespace {
 
@@ -132,4 +135,22 @@ void reel_print_bytes(const unsigned char* bytes, int length) {
   }
   std::printf("\n\n");
   std::fflush(stdout);
+}
+
+void reel_skip_blocks(unsigned char* buffer, int32_t* length, int mode) {
+  for (;;) {
+    *length = reel_next_block(buffer);
+    if (tape_block_type(buffer) == TAPE_BLOCK_DATA) continue;
+    if (mode == 1 && *length == reel_settings.level_sub) continue;
+    return;
+  }
+}
+
+void reel_log_bad_block(const char* name, const unsigned char* data, int32_t size) {
+  static FILE* bad_blocks = nullptr;
+  if (bad_blocks == nullptr) bad_blocks = std::fopen("BAD_BLOCKS", "w");
+  if (bad_blocks == nullptr) return;
+  std::fprintf(bad_blocks, "\n%s\n", name);
+  if (size > 0) std::fwrite(data, 1, static_cast<size_t>(size), bad_blocks);
+  std::fflush(bad_blocks);
 }

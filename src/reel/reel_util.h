@@ -57,3 +57,13 @@ char* reel_copy_limited(char* destination, const char* source, int n);
 // Prints each byte from 160 to 253 as "   %c" of the byte less 128, every
 // other one as " %03d", then "\n\n".
 void reel_print_bytes(const unsigned char* bytes, int length);
+
+// Reads on through reel_next_block, leaving each length in *length. Mode 0
+// stops at the first block that is not a data block (type 1); mode 1 also
+// passes description blocks of sub-file length (level_sub).
+void reel_skip_blocks(unsigned char* buffer, int32_t* length, int mode);
+
+// Keeps data that could not be placed: "\n<name>\n" and the raw bytes,
+// appended to BAD_BLOCKS in the working directory (made afresh by the
+// run's first call).
+void reel_log_bad_block(const char* name, const unsigned char* data, int32_t size);

@@ -1,0 +1,51 @@
+#include "reel/reel_tape_format.h"
+
+#include <cstdio>
+#include <cstring>
+
+#include "reel/reel_util.h"
+
+namespace {
+
+constexpr int kRevisionBase = 128;
+constexpr int kRevisionStep = 16;
+constexpr unsigned char kHighBit = 0x80;
+
+}  // namespace
+
+TapeLabel tape_decode_label(const unsigned char* label) {
+  TapeLabel out;
+  out.tape_no = label[LABEL_OFF_TAPE_NO];
+  out.revision = (static_cast<int>(label[LABEL_OFF_REVISION]) - kRevisionBase) / kRevisionStep;
+  reel_name_from_tape(out.name, label + LABEL_OFF_NAME, LABEL_NAME_SIZE);
+  char month[LABEL_DATE_FIELD + 1];
+  char day[LABEL_DATE_FIELD + 1];
+  char year[LABEL_DATE_FIELD + 1];
+  reel_mask_copy(month, label + LABEL_OFF_MONTH, LABEL_DATE_FIELD);
+  reel_mask_copy(day, label + LABEL_OFF_DAY, LABEL_DATE_FIELD);
+  reel_mask_copy(year, label + LABEL_OFF_YEAR, LABEL_DATE_FIELD);
+  std::snprintf(out.date, sizeof out.date, "%s-%s-%s", month, day, year);
+  return out;
+}
+
+void tape_encode_label(unsigned char* label, const TapeLabel& fields) {
+  std::memset(label + TAPE_HEADER_SIZE, 0, LABEL_SIZE - TAPE_HEADER_SIZE);
+  label[TAPE_OFF_TYPE] = TAPE_BLOCK_LABEL;
+  label[LABEL_OFF_REVISION] =
+      static_cast<unsigned char>(kRevisionBase + kRevisionStep * fields.revision);
+  label[LABEL_OFF_TAPE_NO] = static_cast<unsigned char>(fields.tape_no);
+  // The date is written "MM-DD-YY"; each two-digit field goes to its place.
+  const int32_t places[] = {LABEL_OFF_MONTH, LABEL_OFF_DAY, LABEL_OFF_YEAR};
+  const size_t date_length = std::strlen(fields.date);
+  for (int f = 0; f < 3; ++f)
+    for (int i = 0; i < LABEL_DATE_FIELD; ++i) {
+      size_t at = static_cast<size_t>(3 * f + i);
+      char c = at < date_length ? fields.date[at] : ' ';
+      label[places[f] + i] = static_cast<unsigned char>(c) ^ kHighBit;
+    }
+  const size_t name_length = std::strlen(fields.name);
+  for (int i = 0; i < LABEL_NAME_SIZE; ++i) {
+    char c = static_cast<size_t>(i) < name_length ? fields.name[i] : ' ';
+    label[LABEL_OFF_NAME + i] = static_cast<unsigned char>(c) ^ kHighBit;
+  }
+}

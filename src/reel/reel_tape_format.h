@@ -1,0 +1,117 @@
+// The foreign system's tape, as far as reels and logical blocks go: the
+// block header, the reel label, and the framings of the two packed
+// transports. The tape reader (reel_device) and the tape writer
+// (reel_tape_writer) both work through this header; nothing else knows
+// these offsets.
+//
+// Every integer on tape is big-endian. The source machine counts in 16-bit
+// words, so block lengths are word counts and every block is even.
+//
+// Logical block header, at the start of every block:
+//
+//   OFFSET  SIZE  DESCRIPTION
+//   0       2     block number; rises from 1 on each reel, wraps 65535 -> 0
+//   2       2     block length in 16-bit words, header included
+//   4       1     not used
+//   5       1     block type (TapeBlockType)
+//
+// Reel label, a block of type 4; character fields hold 7-bit text with the
+// high bit set:
+//
+//   OFFSET  SIZE  DESCRIPTION
+//   0       5     header (number and length as above)
+//   5       1     block type 4
+//   6       1     revision b: the revision number is (b - 128) / 16
+//   7       1     not used
+//   8       2     month, two digits
+//   10      2     day, two digits
+//   12      2     year, two digits
+//   14      3     not used
+//   17      1     logical tape number, binary
+//   18      6     tape name, blank padded
+//
+// Cartridge frame (-G C): every logical block is carried in frames of 512
+// bytes, each block starting in a new frame:
+//
+//   OFFSET  SIZE  DESCRIPTION
+//   0       2     not used
+//   2       2     payload bytes in this frame, at most 508
+//   4       508   payload
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+
+inline constexpr int32_t TAPE_HEADER_SIZE = 6;
+inline constexpr int32_t TAPE_OFF_BLOCK_NO = 0;
+inline constexpr int32_t TAPE_OFF_LENGTH = 2;
+inline constexpr int32_t TAPE_OFF_TYPE = 5;
+// The length field counts words; the largest block it can describe.
+inline constexpr int32_t TAPE_MAX_BLOCK = 0xFFFF * 2;
+
+enum TapeBlockType : uint8_t {
+  TAPE_BLOCK_DATA = 1,
+  TAPE_BLOCK_DESCRIPTION = 2,
+  TAPE_BLOCK_LABEL = 4,
+  TAPE_BLOCK_END = 5,
+};
+
+inline constexpr int32_t LABEL_OFF_REVISION = 6;
+inline constexpr int32_t LABEL_OFF_MONTH = 8;
+inline constexpr int32_t LABEL_OFF_DAY = 10;
+inline constexpr int32_t LABEL_OFF_YEAR = 12;
+inline constexpr int32_t LABEL_OFF_TAPE_NO = 17;
+inline constexpr int32_t LABEL_OFF_NAME = 18;
+inline constexpr int32_t LABEL_NAME_SIZE = 6;
+inline constexpr int32_t LABEL_DATE_FIELD = 2;
+inline constexpr int32_t LABEL_SIZE = LABEL_OFF_NAME + LABEL_NAME_SIZE;
+
+inline constexpr int32_t CARTRIDGE_FRAME = 512;
+inline constexpr int32_t CARTRIDGE_OFF_COUNT = 2;
+inline constexpr int32_t CARTRIDGE_OFF_PAYLOAD = 4;
+inline constexpr int32_t CARTRIDGE_PAYLOAD = CARTRIDGE_FRAME - CARTRIDGE_OFF_PAYLOAD;
+
+// The -G B reader takes its byte stream in requests of this size.
+inline constexpr int32_t TAPE_STREAM_REQUEST = 32768;
+// The smallest block size tapeinfo may name.
+inline constexpr int32_t TAPE_MIN_BLOCK_SIZE = 5120;
+
+inline uint16_t tape_get_u16(const unsigned char* p) {
+  return static_cast<uint16_t>(p[0] << 8 | p[1]);
+}
+inline void tape_put_u16(unsigned char* p, uint16_t v) {
+  p[0] = static_cast<unsigned char>(v >> 8);
+  p[1] = static_cast<unsigned char>(v);
+}
+
+inline uint16_t tape_block_no(const unsigned char* block) {
+  return tape_get_u16(block + TAPE_OFF_BLOCK_NO);
+}
+// Length in bytes that the header claims, header included.
+inline int32_t tape_block_length(const unsigned char* block) {
+  return 2 * static_cast<int32_t>(tape_get_u16(block + TAPE_OFF_LENGTH));
+}
+inline uint8_t tape_block_type(const unsigned char* block) { return block[TAPE_OFF_TYPE]; }
+
+// REQUIRES: block has TAPE_HEADER_SIZE bytes; length is even.
+inline void tape_put_header(unsigned char* block, uint16_t number, int32_t length, uint8_t type) {
+  tape_put_u16(block + TAPE_OFF_BLOCK_NO, number);
+  tape_put_u16(block + TAPE_OFF_LENGTH, static_cast<uint16_t>(length / 2));
+  block[4] = 0;
+  block[TAPE_OFF_TYPE] = type;
+}
+
+// Label fields in plain form.
+struct TapeLabel {
+  int32_t tape_no = 0;
+  int32_t revision = 0;
+  char name[LABEL_NAME_SIZE + 1] = {};  // trailing blanks cut
+  char date[9] = {};                    // "MM-DD-YY"
+};
+
+// REQUIRES: label has LABEL_SIZE bytes.
+TapeLabel tape_decode_label(const unsigned char* label);
+// Writes the label fields in their tape form over the first LABEL_SIZE
+// bytes (the header is left to tape_put_header). Missing date digits and
+// name characters become blanks.
+void tape_encode_label(unsigned char* label, const TapeLabel& fields);

@@ -1,0 +1,272 @@
+#include "reel/reel_tape_script.h"
+
+#include <cstdlib>
+#include <cstring>
+#include <functional>
+#include <map>
+#include <sstream>
+#include <vector>
+
+#include "reel/reel_tape_writer.h"
+
+namespace {
+
+struct Token {
+  std::string text;
+  char quote = 0;  // '"', '\'' or 0
+};
+
+struct ScriptError {
+  std::string what;
+};
+
+struct Script {
+  TapeWriterOptions options;
+  TapeWriter writer;
+  bool open = false;
+};
+
+int hex_digit(char c) {
+  if (c >= '0' && c <= '9') return c - '0';
+  if (c >= 'a' && c <= 'f') return c - 'a' + 10;
+  if (c >= 'A' && c <= 'F') return c - 'A' + 10;
+  return -1;
+}
+
+std::vector<Token> split(const std::string& line) {
+  std::vector<Token> tokens;
+  size_t i = 0;
+  while (i < line.size()) {
+    char c = line[i];
+    if (c == ' ' || c == '\t' || c == '\r') {
+      ++i;
+      continue;
+    }
+    if (c == '#') break;
+    Token t;
+    if (c == '"' || c == '\'') {
+      t.quote = c;
+      for (++i;; ++i) {
+        if (i >= line.size()) throw ScriptError{"unclosed quote"};
+        char q = line[i];
+        if (q == c) break;
+        if (q != '\\') {
+          t.text += q;
+          continue;
+        }
+        if (++i >= line.size()) throw ScriptError{"unclosed quote"};
+        switch (line[i]) {
+          case 'n': t.text += '\n'; break;
+          case 't': t.text += '\t'; break;
+          case 'x': {
+            int hi = i + 1 < line.size() ? hex_digit(line[i + 1]) : -1;
+            int lo = i + 2 < line.size() ? hex_digit(line[i + 2]) : -1;
+            if (hi < 0 || lo < 0) throw ScriptError{"bad \\x escape"};
+            t.text += static_cast<char>(hi * 16 + lo);
+            i += 2;
+            break;
+          }
+          default: t.text += line[i]; break;
+        }
+      }
+      ++i;
+    } else {
+      while (i < line.size() && line[i] != ' ' && line[i] != '\t' && line[i] != '\r')
+        t.text += line[i++];
+    }
+    tokens.push_back(t);
+  }
+  return tokens;
+}
+
+long number(const std::string& text, long low, long high) {
+  char* end = nullptr;
+  long v = std::strtol(text.c_str(), &end, 0);
+  if (text.empty() || *end != '\0' || v < low || v > high)
+    throw ScriptError{"bad number '" + text + "'"};
+  return v;
+}
+
+// "key=value" when the token has that key.
+bool option(const Token& t, const char* key, std::string* value) {
+  size_t n = std::strlen(key);
+  if (t.quote != 0 || t.text.compare(0, n, key) != 0 || t.text.size() <= n || t.text[n] != '=')
+    return false;
+  *value = t.text.substr(n + 1);
+  return true;
+}
+
+void append_item(std::vector<unsigned char>& out, const Token& t) {
+  if (t.quote == '"') {
+    auto text = reel_tape_text(t.text);
+    out.insert(out.end(), text.begin(), text.end());
+  } else if (t.quote == '\'') {
+    out.insert(out.end(), t.text.begin(), t.text.end());
+  } else if (t.text.rfind("hex:", 0) == 0) {
+    std::string h = t.text.substr(4);
+    if (h.size() % 2 != 0) throw ScriptError{"odd count of hex digits"};
+    for (size_t i = 0; i < h.size(); i += 2) {
+      int hi = hex_digit(h[i]);
+      int lo = hex_digit(h[i + 1]);
+      if (hi < 0 || lo < 0) throw ScriptError{"bad hex digit in '" + t.text + "'"};
+      out.push_back(static_cast<unsigned char>(hi * 16 + lo));
+    }
+  } else if (t.text.rfind("zeros:", 0) == 0) {
+    out.resize(out.size() + static_cast<size_t>(number(t.text.substr(6), 0, TAPE_MAX_BLOCK)), 0);
+  } else if (t.text.rfind("u16:", 0) == 0) {
+    unsigned char b[2];
+    tape_put_u16(b, static_cast<uint16_t>(number(t.text.substr(4), 0, 0xFFFF)));
+    out.insert(out.end(), b, b + 2);
+  } else {
+    throw ScriptError{"unknown item '" + t.text + "'"};
+  }
+}
+
+uint8_t block_type(const std::string& name) {
+  if (name == "data") return TAPE_BLOCK_DATA;
+  if (name == "description") return TAPE_BLOCK_DESCRIPTION;
+  if (name == "end") return TAPE_BLOCK_END;
+  return static_cast<uint8_t>(number(name, 0, 255));
+}
+
+void check(Script& s, int result) {
+  if (result != 0) throw ScriptError{s.writer.error};
+}
+
+void need_tape(const Script& s) {
+  if (!s.open) throw ScriptError{"no tape line before this"};
+}
+
+void need_args(const std::vector<Token>& t, size_t n) {
+  if (t.size() != n) throw ScriptError{"'" + t[0].text + "' takes " + std::to_string(n - 1) + " argument(s)"};
+}
+
+using Directive = std::function<void(Script&, const std::vector<Token>&)>;
+
+const std::map<std::string, Directive>& directives() {
+  static const std::map<std::string, Directive> table = {
+      {"framing",
+       [](Script& s, const std::vector<Token>& t) {
+         need_args(t, 2);
+         static const std::map<std::string, TapeFraming> kinds = {
+             {"plain", TapeFraming::kPlain},
+             {"buffered", TapeFraming::kBuffered},
+             {"cartridge", TapeFraming::kCartridge},
+             {"stream", TapeFraming::kStream}};
+         auto it = kinds.find(t[1].text);
+         if (it == kinds.end()) throw ScriptError{"unknown framing '" + t[1].text + "'"};
+         s.options.framing = it->second;
+       }},
+      {"record",
+       [](Script& s, const std::vector<Token>& t) {
+         need_args(t, 2);
+         s.options.record_size = static_cast<int32_t>(number(t[1].text, 0, TAPE_MAX_BLOCK));
+       }},
+      {"convert",
+       [](Script& s, const std::vector<Token>& t) {
+         need_args(t, 2);
+         s.options.convert_mode = static_cast<char>('0' + number(t[1].text, 0, 3));
+       }},
+      {"tape",
+       [](Script& s, const std::vector<Token>& t) {
+         need_args(t, 2);
+         if (s.open) check(s, reel_writer_close(s.writer));
+         s.open = false;
+         check(s, reel_writer_open(s.writer, t[1].text, s.options));
+         s.open = true;
+       }},
+      {"label",
+       [](Script& s, const std::vector<Token>& t) {
+         need_tape(s);
+         TapeLabel label;
+         std::string v;
+         for (size_t i = 1; i < t.size(); ++i) {
+           if (option(t[i], "no", &v)) {
+             label.tape_no = static_cast<int32_t>(number(v, 1, 255));
+           } else if (option(t[i], "name", &v)) {
+             if (v.size() > LABEL_NAME_SIZE) throw ScriptError{"a tape name has at most 6 characters"};
+             std::snprintf(label.name, sizeof label.name, "%s", v.c_str());
+           } else if (option(t[i], "date", &v)) {
+             if (v.size() != 8) throw ScriptError{"a date is MM-DD-YY"};
+             std::snprintf(label.date, sizeof label.date, "%s", v.c_str());
+           } else if (option(t[i], "rev", &v)) {
+             label.revision = static_cast<int32_t>(number(v, 0, 7));
+           } else {
+             throw ScriptError{"unknown label field '" + t[i].text + "'"};
+           }
+         }
+         check(s, reel_writer_label(s.writer, label));
+       }},
+      {"number",
+       [](Script& s, const std::vector<Token>& t) {
+         need_tape(s);
+         need_args(t, 2);
+         s.writer.next_block_no = static_cast<uint16_t>(number(t[1].text, 0, 0xFFFF));
+       }},
+      {"block",
+       [](Script& s, const std::vector<Token>& t) {
+         need_tape(s);
+         if (t.size() < 2) throw ScriptError{"'block' needs a type"};
+         TapeBlockOverrides overrides;
+         std::vector<unsigned char> payload;
+         std::string v;
+         for (size_t i = 2; i < t.size(); ++i) {
+           if (option(t[i], "no", &v))
+             overrides.number = static_cast<uint16_t>(number(v, 0, 0xFFFF));
+           else if (option(t[i], "words", &v))
+             overrides.words = static_cast<uint16_t>(number(v, 0, 0xFFFF));
+           else
+             append_item(payload, t[i]);
+         }
+         check(s, reel_writer_block(s.writer, block_type(t[1].text), payload.data(),
+                                    payload.size(), overrides));
+       }},
+      {"end",
+       [](Script& s, const std::vector<Token>& t) {
+         need_tape(s);
+         need_args(t, 1);
+         check(s, reel_writer_end_save(s.writer));
+       }},
+      {"mark",
+       [](Script& s, const std::vector<Token>& t) {
+         need_tape(s);
+         need_args(t, 1);
+         check(s, reel_writer_mark(s.writer));
+       }},
+      {"raw",
+       [](Script& s, const std::vector<Token>& t) {
+         need_tape(s);
+         std::vector<unsigned char> bytes;
+         for (size_t i = 1; i < t.size(); ++i) append_item(bytes, t[i]);
+         check(s, reel_writer_raw(s.writer, bytes.data(), bytes.size()));
+       }},
+  };
+  return table;
+}
+
+}  // namespace
+
+int reel_run_tape_script(std::istream& in, std::string* error) {
+  Script s;
+  std::string line;
+  int line_no = 0;
+  try {
+    while (std::getline(in, line)) {
+      ++line_no;
+      std::vector<Token> tokens = split(line);
+      if (tokens.empty()) continue;
+      auto it = directives().find(tokens[0].text);
+      if (tokens[0].quote != 0 || it == directives().end())
+        throw ScriptError{"unknown directive '" + tokens[0].text + "'"};
+      it->second(s, tokens);
+    }
+    line_no = 0;
+    if (s.open) check(s, reel_writer_close(s.writer));
+  } catch (const ScriptError& e) {
+    if (s.open) reel_writer_close(s.writer);
+    if (error != nullptr)
+      *error = line_no > 0 ? "line " + std::to_string(line_no) + ": " + e.what : e.what;
+    return -1;
+  }
+  return 0;
+}

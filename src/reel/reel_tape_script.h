@@ -1,0 +1,37 @@
+// The text form of a tape for the tape writer, as mkreel reads it.
+//
+// One directive per line; "#" starts a comment outside quotes.
+//
+//   framing plain|buffered|cartridge|stream   applies from the next "tape"
+//   record N        plain framing: pad every record to N bytes (0: exact)
+//   convert 0|1|2|3 write what reading with that -M gives back
+//   tape PATH       start a reel on PATH (".tap": an image, else a plain
+//                   file); the reel before it is closed with a tape mark
+//   label [no=N] [name=NAME] [date=MM-DD-YY] [rev=N]
+//                   the label and its tape mark; block numbers restart at
+//                   1; no defaults to the last label's plus 1, name to the
+//                   last label's
+//   number N        the number of the next block
+//   block TYPE [no=N] [words=N] ITEM...
+//                   a block; TYPE is data (1), description (2), end (5) or
+//                   a number; no= and words= force the header's number and
+//                   length field (in words)
+//   end             the end-of-save block
+//   mark            a tape mark
+//   raw ITEM...     bytes without a header (damage)
+//
+// ITEMs make the payload, in order:
+//   "text"    tape text: every character with its high bit set
+//   'text'    the bytes as they are
+//   hex:HH..  bytes in hexadecimal
+//   zeros:N   N zero bytes
+//   u16:N     a big-endian 16-bit number
+// Inside quotes \\ \" \' \n \t and \xHH stand for the obvious bytes.
+#pragma once
+
+#include <istream>
+#include <string>
+
+// Writes the tapes the script describes, relative to the working
+// directory. Returns 0, or -1 with "line N: what" in *error.
+int reel_run_tape_script(std::istream& in, std::string* error);

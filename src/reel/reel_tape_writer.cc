@@ -1,0 +1,190 @@
+#include "reel/reel_tape_writer.h"
+
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <cstring>
+
+#include "NT/NT_tape.h"
+#include "reel/reel_convert.h"
+
+namespace {
+
+constexpr char kFirstName[] = "SAVE";
+constexpr char kDefaultDate[] = "01-01-92";
+constexpr unsigned char kHighBit = 0x80;
+
+int fail(TapeWriter& w, const std::string& what) {
+  w.error = w.path + ": " + what;
+  return -1;
+}
+
+bool is_plain_file(const std::string& path) {
+  if (path.size() >= 4 && path.compare(path.size() - 4, 4, ".tap") == 0) return false;
+  struct stat st;
+  return !(stat(path.c_str(), &st) == 0 && S_ISCHR(st.st_mode));
+}
+
+// One physical record (or the bytes of a plain file), converted for -M.
+int write_record(TapeWriter& w, const unsigned char* bytes, size_t size, bool convert = true) {
+  // One spare byte: the inverse of mode 3 reaches one beyond an odd count.
+  std::vector<unsigned char> record(bytes, bytes + size);
+  record.push_back(0);
+  if (convert)
+    w.lossy_bytes += reel_convert_bytes(record.data(), w.options.convert_mode,
+                                        static_cast<int32_t>(size), REEL_CONVERT_WRITE);
+  const int n = static_cast<int>(size);
+  if (MNT_TapeWrite(w.slot, record.data(), n) != n) return fail(w, "write failed");
+  return 0;
+}
+
+// Writes the buffered stream in records of stream_record bytes; with
+// `all`, the short tail as well.
+int flush_pending(TapeWriter& w, bool all) {
+  const size_t record = w.options.framing == TapeFraming::kBuffered
+                            ? static_cast<size_t>(std::max(w.options.stream_record, 2))
+                            : w.pending.size();
+  size_t done = 0;
+  while (done < w.pending.size() && (all || w.pending.size() - done >= record)) {
+    size_t n = std::min(record, w.pending.size() - done);
+    if (write_record(w, w.pending.data() + done, n) != 0) return -1;
+    done += n;
+  }
+  w.pending.erase(w.pending.begin(), w.pending.begin() + static_cast<std::ptrdiff_t>(done));
+  return 0;
+}
+
+// A whole block, header included, in the current framing.
+int put_block(TapeWriter& w, const std::vector<unsigned char>& block) {
+  switch (w.options.framing) {
+    case TapeFraming::kPlain: {
+      const size_t record = static_cast<size_t>(std::max(w.options.record_size, 0));
+      if (record == 0) return write_record(w, block.data(), block.size());
+      if (block.size() > record) return fail(w, "block longer than the record size");
+      std::vector<unsigned char> padded(block);
+      padded.resize(record, 0);
+      return write_record(w, padded.data(), padded.size());
+    }
+    case TapeFraming::kBuffered:
+    case TapeFraming::kStream:
+      w.pending.insert(w.pending.end(), block.begin(), block.end());
+      return flush_pending(w, false);
+    case TapeFraming::kCartridge:
+      for (size_t at = 0; at < block.size(); at += CARTRIDGE_PAYLOAD) {
+        unsigned char frame[CARTRIDGE_FRAME] = {};
+        const size_t n = std::min<size_t>(CARTRIDGE_PAYLOAD, block.size() - at);
+        tape_put_u16(frame + CARTRIDGE_OFF_COUNT, static_cast<uint16_t>(n));
+        std::memcpy(frame + CARTRIDGE_OFF_PAYLOAD, block.data() + at, n);
+        if (write_record(w, frame, sizeof frame) != 0) return -1;
+      }
+      return 0;
+  }
+  return 0;
+}
+
+}  // namespace
+
+std::vector<unsigned char> reel_tape_text(const std::string& text) {
+  std::vector<unsigned char> out(text.begin(), text.end());
+  for (auto& c : out) c ^= kHighBit;
+  return out;
+}
+
+int reel_writer_open(TapeWriter& w, const std::string& path, const TapeWriterOptions& options) {
+  w.options = options;
+  w.path = path;
+  w.error.clear();
+  w.pending.clear();
+  w.next_block_no = 1;
+  w.plain_file = is_plain_file(path);
+  if (options.framing == TapeFraming::kStream && !w.plain_file)
+    return fail(w, "the stream framing is written to a plain file");
+  if (options.framing == TapeFraming::kPlain && w.plain_file && options.record_size <= 0)
+    return fail(w, "a plain file needs a record size");
+  // The rewind prefix: writing starts at the beginning of the medium.
+  const std::string name = "r" + path;
+  w.slot = MNT_TapeOpen(name.c_str(), MNT_TAPE_WRITE | MNT_TAPE_CREATE | MNT_TAPE_TRUNCATE);
+  if (w.slot < 0) {
+    w.slot = -1;
+    return fail(w, std::string("cannot open: ") + std::strerror(errno));
+  }
+  return 0;
+}
+
+int reel_writer_next_reel(TapeWriter& w, const std::string& path) {
+  if (w.slot >= 0 && reel_writer_close(w) != 0) return -1;
+  return reel_writer_open(w, path, w.options);
+}
+
+int reel_writer_label(TapeWriter& w, const TapeLabel& label,
+                      const std::vector<std::vector<unsigned char>>& label_file) {
+  if (w.plain_file) return fail(w, "a plain file cannot carry a label");
+  if (flush_pending(w, true) != 0) return -1;
+  TapeLabel fields = label;
+  if (fields.tape_no == 0) fields.tape_no = w.last_tape_no + 1;
+  if (fields.name[0] == '\0')
+    std::snprintf(fields.name, sizeof fields.name, "%s",
+                  w.last_name.empty() ? kFirstName : w.last_name.c_str());
+  if (fields.date[0] == '\0') std::snprintf(fields.date, sizeof fields.date, "%s", kDefaultDate);
+
+  std::vector<unsigned char> block(static_cast<size_t>(LABEL_SIZE), 0);
+  tape_put_header(block.data(), 0, LABEL_SIZE, TAPE_BLOCK_LABEL);
+  tape_encode_label(block.data(), fields);
+  // Whatever the framing, the label is a record of its own, so that the
+  // packed stream of the reel starts in the record after the label file.
+  if (w.options.framing == TapeFraming::kBuffered) {
+    if (write_record(w, block.data(), block.size()) != 0) return -1;
+  } else if (put_block(w, block) != 0) {
+    return -1;
+  }
+  for (const auto& record : label_file)
+    if (write_record(w, record.data(), record.size(), false) != 0) return -1;
+  if (MNT_TapeMark(w.slot) != 0) return fail(w, "tape mark failed");
+  w.last_tape_no = fields.tape_no;
+  w.last_name = fields.name;
+  w.next_block_no = 1;
+  return 0;
+}
+
+int reel_writer_block(TapeWriter& w, uint8_t type, const unsigned char* payload, size_t size,
+                      const TapeBlockOverrides& overrides) {
+  const size_t length = TAPE_HEADER_SIZE + size + (size & 1);
+  if (length > static_cast<size_t>(TAPE_MAX_BLOCK)) return fail(w, "block too long");
+  std::vector<unsigned char> block(length, 0);
+  const uint16_t number = overrides.number.value_or(w.next_block_no);
+  tape_put_header(block.data(), number, static_cast<int32_t>(length), type);
+  if (overrides.words) tape_put_u16(block.data() + TAPE_OFF_LENGTH, *overrides.words);
+  if (size > 0) std::memcpy(block.data() + TAPE_HEADER_SIZE, payload, size);
+  w.next_block_no = static_cast<uint16_t>(number + 1);
+  return put_block(w, block);
+}
+
+int reel_writer_end_save(TapeWriter& w) {
+  return reel_writer_block(w, TAPE_BLOCK_END, nullptr, 0);
+}
+
+int reel_writer_raw(TapeWriter& w, const unsigned char* bytes, size_t size) {
+  if (w.options.framing == TapeFraming::kBuffered || w.options.framing == TapeFraming::kStream) {
+    w.pending.insert(w.pending.end(), bytes, bytes + size);
+    return flush_pending(w, false);
+  }
+  return write_record(w, bytes, size, false);
+}
+
+int reel_writer_mark(TapeWriter& w) {
+  if (w.plain_file) return fail(w, "a plain file cannot carry a tape mark");
+  if (flush_pending(w, true) != 0) return -1;
+  return MNT_TapeMark(w.slot) == 0 ? 0 : fail(w, "tape mark failed");
+}
+
+int reel_writer_close(TapeWriter& w) {
+  if (w.slot < 0) return 0;
+  int result = flush_pending(w, true);
+  if (MNT_TapeClose(w.slot) != 0 && result == 0) result = fail(w, "close failed");
+  w.slot = -1;
+  // A written reel comes off the drive: whoever mounts it next starts at
+  // its beginning, as with a reel carried to another drive.
+  MNT_TapeUnload(w.path.c_str());
+  return result;
+}

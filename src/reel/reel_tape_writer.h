@@ -1,0 +1,94 @@
+// The project's tape writer: makes reels in the foreign system's format on
+// any medium of the tape layer, in any of the framings the reader knows, so
+// that tests and users can produce tapes to restore.
+//
+// A reel is one medium (a ".tap" image, a plain file, or a drive): the
+// label block and a tape mark, numbered blocks, and a tape mark at the end
+// (the tape layer writes it when the medium is closed). Block numbers start
+// at 1 on each reel and wrap from 65535 to 0.
+//
+// Framings, matching the reader's transports:
+//   plain      one block per physical record; with record_size > 0 every
+//              record is padded with zeros to that size (a plain file needs
+//              it, since the reader takes tape_block_size bytes at a time)
+//   buffered   (-G B) blocks end to end in a byte stream, cut into records
+//              of stream_record bytes; the label stays a record of its own
+//   cartridge  (-G C) each block in 512-byte frames of up to 508 bytes of
+//              payload, each frame a record
+//   stream     (unit 9) blocks end to end in a plain file
+// A plain file carries neither labels nor tape marks; the writer refuses
+// them there rather than make a reel the reader would misread.
+//
+// convert_mode writes the inverse of the reader's -M conversion, so that a
+// tape read with the same -M gives back the bytes handed to the writer.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "reel/reel_tape_format.h"
+
+enum class TapeFraming { kPlain, kBuffered, kCartridge, kStream };
+
+struct TapeWriterOptions {
+  TapeFraming framing = TapeFraming::kPlain;
+  char convert_mode = '0';
+  int32_t record_size = 0;                        // plain framing only
+  int32_t stream_record = TAPE_STREAM_REQUEST;    // buffered framing only
+};
+
+// Choices for one block that break the rules on purpose (damaged tapes).
+struct TapeBlockOverrides {
+  std::optional<uint16_t> number;  // this block's number; the next follows it
+  std::optional<uint16_t> words;   // the header's length field, in words
+};
+
+struct TapeWriter {
+  TapeWriterOptions options;
+  int slot = -1;
+  bool plain_file = false;
+  std::string path;
+  uint16_t next_block_no = 1;
+  int32_t last_tape_no = 0;         // tape number of the last label written
+  std::string last_name;            // tape name of the last label written
+  std::vector<unsigned char> pending;  // buffered/stream bytes not yet written
+  int32_t lossy_bytes = 0;          // bytes the -M 1 inverse could not represent
+  std::string error;                // what the last failure was
+};
+
+// Each returns 0, or -1 with w.error set.
+
+// Opens `path` for writing, from its start, emptying it.
+int reel_writer_open(TapeWriter& w, const std::string& path, const TapeWriterOptions& options);
+// Closes the current reel and opens the next at `path`, keeping the
+// options and the label numbering.
+int reel_writer_next_reel(TapeWriter& w, const std::string& path);
+// Writes the label block, the rest of the label file (records as they are,
+// unconverted) and the tape mark behind it; block numbers start again at 1.
+// A tape_no of 0 takes the last one plus 1, an empty name the last one
+// ("SAVE" on the first reel), an empty date "01-01-92".
+int reel_writer_label(TapeWriter& w, const TapeLabel& label,
+                      const std::vector<std::vector<unsigned char>>& label_file = {});
+// Writes a block of `type` with the payload behind the header; an odd
+// payload gets a zero byte, since blocks are whole words.
+int reel_writer_block(TapeWriter& w, uint8_t type, const unsigned char* payload, size_t size,
+                      const TapeBlockOverrides& overrides = {});
+// The end-of-save block.
+int reel_writer_end_save(TapeWriter& w);
+// Bytes that no block can describe (damage): a record of exactly these
+// bytes, unconverted, in the plain and cartridge framings; in the buffered
+// and stream framings they join the byte stream and its conversion.
+int reel_writer_raw(TapeWriter& w, const unsigned char* bytes, size_t size);
+// A tape mark (not on a plain file).
+int reel_writer_mark(TapeWriter& w);
+// Writes what is pending and closes the reel; an image or a drive gets its
+// closing tape mark; the medium is unloaded (an image or a file forgets its
+// kept position, so the next open starts at its beginning).
+int reel_writer_close(TapeWriter& w);
+
+// Tape text: each character with its high bit set, as names and text stand
+// on the foreign tape.
+std::vector<unsigned char> reel_tape_text(const std::string& text);

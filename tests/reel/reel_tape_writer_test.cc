@@ -1,0 +1,101 @@
+// The -M conversions, the label's tape form and the mkreel program.
+#include <gtest/gtest.h>
+
+#include <cstdio>
+#include <string>
+#include <vector>
+
+#include "reel/reel_convert.h"
+#include "reel/reel_device.h"
+#include "reel/reel_settings.h"
+#include "reel/reel_tape_format.h"
+#include "reel/tape_child.h"
+
+namespace {
+
+using tape_test::read_file;
+using tape_test::scratch;
+using tape_test::write_file;
+
+std::vector<unsigned char> bytes(std::initializer_list<int> values) {
+  std::vector<unsigned char> out;
+  for (int v : values) out.push_back(static_cast<unsigned char>(v));
+  return out;
+}
+
+TEST(ReelConvert, EbcdicTableKeepsMarksAndMapsUnknownsToQuestionMark) {
+  auto b = bytes({0xC1, 0x81, 0xF0, 0x40, 0x4B, 0x6F, 0xB0, 0xFA, 0xFB, 0xFC, 0xFD, 0xFE, 0xFF, 0x25});
+  reel_convert_bytes(b.data(), '1', static_cast<int32_t>(b.size()), REEL_CONVERT_READ);
+  EXPECT_EQ(b, bytes({'A', 'a', '0', ' ', '.', '?', '?', '?', 0xFB, 0xFC, 0xFD, 0xFE, 0xFF, '\n'}));
+}
+
+TEST(ReelConvert, WritingThenReadingGivesTheBytesBack) {
+  std::string text = "Hello, World! {x} [y] 0123456789 ~|_\\";
+  for (char mode : {'1', '2', '3'}) {
+    std::vector<unsigned char> b(text.begin(), text.end());
+    b.push_back(0);  // room for mode 3's odd count
+    const auto n = static_cast<int32_t>(text.size());
+    EXPECT_EQ(reel_convert_bytes(b.data(), mode, n, REEL_CONVERT_WRITE), 0) << mode;
+    EXPECT_NE(std::string(b.begin(), b.begin() + n), text) << mode;
+    reel_convert_bytes(b.data(), mode, n, REEL_CONVERT_READ);
+    EXPECT_EQ(std::string(b.begin(), b.begin() + n), text) << mode;
+  }
+  // Tape text has its high bits set, which EBCDIC cannot carry.
+  auto high = bytes({0xC1, 0x41});
+  EXPECT_EQ(reel_convert_bytes(high.data(), '1', 2, REEL_CONVERT_WRITE), 1);
+}
+
+TEST(ReelConvert, SwapOfAnOddCountStaysInsideTheBuffer) {
+  reel_reset_settings();
+  reel_settings.convert_mode = '3';
+  auto b = bytes({1, 2, 3, 9});
+  reel_convert_read(b.data(), 3, 4);  // the byte behind the count is there
+  EXPECT_EQ(b, bytes({2, 1, 9, 3}));
+  b = bytes({1, 2, 3});
+  reel_convert_read(b.data(), 3, 3);  // it is not: the last byte stays
+  EXPECT_EQ(b, bytes({2, 1, 3}));
+  reel_reset_settings();
+}
+
+std::string run_mkreel(const std::string& dir, const std::string& script, int* status) {
+  write_file(dir + "/script", script);
+  std::string command = "cd " + dir + " && " + REEL_BIN_DIR + "/mkreel script > out 2>&1";
+  *status = std::system(command.c_str());
+  return read_file(dir + "/out");
+}
+
+TEST(Mkreel, WritesTheImageByteForByte) {
+  std::string dir = scratch("mkreel");
+  int status = 0;
+  std::string out = run_mkreel(dir,
+                               "# one reel\n"
+                               "tape a.tap\n"
+                               "label no=1 name=ACCT date=03-17-92 rev=2\n"
+                               "block data 'hi'   # two bytes\n"
+                               "end\n",
+                               &status);
+  ASSERT_EQ(status, 0) << out;
+  const auto expect = bytes({
+      24, 0, 0, 0,  // label record
+      0, 0, 0, 12, 0, 4, 0xA0, 0, 0xB0, 0xB3, 0xB1, 0xB7, 0xB9, 0xB2, 0, 0, 0, 1,
+      0xC1, 0xC3, 0xC3, 0xD4, 0xA0, 0xA0, 24, 0, 0, 0,
+      0, 0, 0, 0,  // mark
+      8, 0, 0, 0, 0, 1, 0, 4, 0, 1, 'h', 'i', 8, 0, 0, 0,
+      6, 0, 0, 0, 0, 2, 0, 3, 0, 5, 6, 0, 0, 0,
+      0, 0, 0, 0,  // mark at close
+  });
+  std::string image = read_file(dir + "/a.tap");
+  EXPECT_EQ(std::vector<unsigned char>(image.begin(), image.end()), expect);
+}
+
+TEST(Mkreel, NamesTheFaultyLine) {
+  std::string dir = scratch("mkreel_bad");
+  int status = 0;
+  std::string out = run_mkreel(dir, "tape a.tap\nlabel\nblock data bogus\n", &status);
+  EXPECT_NE(status, 0);
+  EXPECT_EQ(out, "mkreel: line 3: unknown item 'bogus'\n");
+  out = run_mkreel(dir, "record 8192\ntape plain.dat\nlabel\n", &status);
+  EXPECT_EQ(out, "mkreel: line 3: plain.dat: a plain file cannot carry a label\n");
+}
+
+}  // namespace

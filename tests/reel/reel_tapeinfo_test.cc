@@ -1,0 +1,113 @@
+// tapeinfo: finding the unit's line, the three printed lines and the
+// failures.
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <string>
+
+#include "common/mrv_msg.h"
+#include "reel/reel_device.h"
+#include "reel/tape_child.h"
+
+namespace {
+
+using tape_test::scratch;
+using tape_test::TapeChild;
+using tape_test::write_file;
+
+// Console messages are collected in the message buffer while a test runs.
+class Tapeinfo : public testing::Test {
+ protected:
+  void SetUp() override {
+    msg_output_fd = 1;
+    msg_buffer_fill = 0;
+    msg_buffer[0] = '\0';
+  }
+  void TearDown() override { msg_output_fd = -1; }
+
+  std::string home(const std::string& name, const std::string& table) {
+    std::string dir = scratch("tapeinfo_" + name);
+    std::filesystem::create_directories(dir + "/sys");
+    write_file(dir + "/sys/tapeinfo", table);
+    setenv("MRVHOME", dir.c_str(), 1);
+    return dir;
+  }
+  std::string messages() const { return std::string(msg_buffer, msg_buffer_fill); }
+};
+
+TEST_F(Tapeinfo, BlockSizeLimit) {
+  home("5120", "0 nst0 st0 5120\n");
+  EXPECT_EQ(reel_read_tapeinfo('0'), 1);
+  EXPECT_EQ(messages(), "non rewind device name = nst0\nrewind device name = st0\nBlock size = 5120\n");
+  EXPECT_EQ(tape_block_size, 5120);
+
+  msg_buffer_fill = 0;
+  home("5119", "0 nst0 st0 5119\n");
+  EXPECT_EQ(reel_read_tapeinfo('0'), 0);
+  EXPECT_EQ(messages(),
+            "non rewind device name = nst0\nrewind device name = st0\nBlock size = 5119\n"
+            "Block size is too small (less than 5120)\n");
+}
+
+TEST_F(Tapeinfo, OnlyTheFirstCharacterAndTheFirstLineCount) {
+  home("first", "07 tape0 tape1 8192\n7 seven rseven 9000\n0 later rlater 6000\n");
+  EXPECT_EQ(reel_read_tapeinfo('0'), 1);
+  EXPECT_EQ(non_rewind_device, "tape0");
+  EXPECT_EQ(rewind_device, "tape1");
+  EXPECT_EQ(tape_block_size, 8192);
+  EXPECT_EQ(reel_read_tapeinfo('7'), 1);
+  EXPECT_EQ(non_rewind_device, "seven");
+}
+
+TEST_F(Tapeinfo, OnlyTenLinesAreSearched) {
+  std::string filler;
+  for (int i = 0; i < 10; ++i) filler += "1 a ra 8192\n";
+  home("eleventh", filler + "0 b rb 8192\n");
+  EXPECT_EQ(reel_read_tapeinfo('0'), 0);
+  EXPECT_EQ(messages(), "Unit is not mounted, check your tapeinfo file\n");
+
+  // A line of 100 characters is read as two lines of the ten.
+  msg_buffer_fill = 0;
+  filler = std::string(100, 'x') + "\n";
+  for (int i = 0; i < 8; ++i) filler += "1 a ra 8192\n";
+  home("long", filler + "0 b rb 8192\n");
+  EXPECT_EQ(reel_read_tapeinfo('0'), 0);
+  EXPECT_EQ(messages(), "Unit is not mounted, check your tapeinfo file\n");
+}
+
+TEST_F(Tapeinfo, MissingTableAndMissingHome) {
+  std::string dir = home("missing", "");
+  std::filesystem::remove(dir + "/sys/tapeinfo");
+  EXPECT_EQ(reel_read_tapeinfo('0'), 0);
+  EXPECT_EQ(messages(), "can't open tapeinfo\n");
+
+  // Without MRVHOME the home comes from the first word of include/path.
+  std::string other = home("path", "0 found rfound 6000\n");
+  std::filesystem::create_directories(dir + "/include");
+  write_file(dir + "/include/path", other + " trailing words\n");
+  unsetenv("MRVHOME");
+  setenv("MRV_REGISTRY", (dir + "/registry").c_str(), 1);
+  write_file(dir + "/registry", "MRVHOME=" + dir + "\n");
+  EXPECT_EQ(reel_read_tapeinfo('0'), 1);
+  EXPECT_EQ(non_rewind_device, "found");
+
+  msg_buffer_fill = 0;
+  std::filesystem::remove(dir + "/include/path");
+  EXPECT_EQ(reel_read_tapeinfo('0'), 0);
+  EXPECT_EQ(messages(), "Please setenv MRVHOME!\n");
+  unsetenv("MRV_REGISTRY");
+}
+
+TEST(ReelOpenUnit, TapeinfoFailureEndsTheRun) {
+  std::string dir = scratch("open_unit");
+  TapeChild child([dir] {
+    setenv("MRVHOME", dir.c_str(), 1);
+    reel_open_unit('0');
+  });
+  EXPECT_EQ(child.finish(), 1);
+  EXPECT_EQ(child.output().rfind("can't open tapeinfo\nget tapeinfo error\n\nUsage: REEL_INTAKE", 0), 0u)
+      << child.output();
+}
+
+}  // namespace
