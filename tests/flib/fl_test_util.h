@@ -1,6 +1,7 @@
 // Scratch folders and byte helpers of the file library's tests.
 #pragma once
 
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
