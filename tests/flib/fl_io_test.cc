@@ -1,0 +1,199 @@
+#include "flib/fl_io.h"
+
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "fl_test_util.h"
+#include "flib/fl_block.h"
+#include "flib/fl_create.h"
+#include "flib/fl_hash.h"
+#include "flib/fl_open.h"
+#include "flib/fl_rel.h"
+
+namespace {
+
+constexpr uint32_t B = 1024;
+
+// A fresh group block holding `keys`, laid out as the format says: row 0's
+// key ends at datapos with its length byte on top, each next key below.
+std::vector<uint8_t> group_block(uint32_t group, uint8_t flags, const std::vector<std::string>& keys) {
+  std::vector<uint8_t> block(B, 0);
+  uint32_t d = initial_datapos(B);
+  gb_set_flags(block.data(), flags);
+  gb_set_group(block.data(), group);
+  gb_set_datapos(block.data(), static_cast<int16_t>(d));
+  uint32_t walk = d;
+  int16_t key_bytes = 0;
+  uint32_t data = d;
+  for (size_t row = 0; row < keys.size(); ++row) {
+    const std::string& k = keys[row];
+    block[walk - 1] = static_cast<uint8_t>(k.size());
+    std::memcpy(&block[walk - 1 - k.size()], k.data(), k.size());
+    walk -= 1 + static_cast<uint32_t>(k.size());
+    key_bytes = static_cast<int16_t>(key_bytes + k.size() + 1);
+    ke_set_position(block.data(), static_cast<int32_t>(row), B + data);
+    ke_set_length(block.data(), static_cast<int32_t>(row), 3);
+    data += 3;
+  }
+  gb_set_key_count(block.data(), static_cast<int16_t>(keys.size()));
+  gb_set_key_bytes(block.data(), key_bytes);
+  gb_set_byteleft(block.data(), static_cast<int16_t>(B - data));
+  return block;
+}
+
+int find(const std::vector<uint8_t>& block, const char* key) {
+  return find_key_in_block(block.data(), B, key_bytes(key), static_cast<int32_t>(std::strlen(key)));
+}
+
+TEST(FlIo, FindKeyWalksTheKeyAreaDownward) {
+  auto block = group_block(0, FLAG_HEAD, {"A", "BC", "", "BCD"});
+  EXPECT_EQ(find(block, "A"), 0);
+  EXPECT_EQ(find(block, "BC"), 1);
+  EXPECT_EQ(find(block, ""), 2);
+  EXPECT_EQ(find(block, "BCD"), 3);
+  EXPECT_EQ(find(block, "B"), -1);
+  EXPECT_EQ(find(group_block(0, FLAG_HEAD, {}), ""), -1);
+  // A length byte that reaches into the key table ends the walk.
+  block[initial_datapos(B) - 1] = 120;
+  EXPECT_EQ(find(block, "A"), -1);
+  EXPECT_EQ(M_get_order(group_block(0, FLAG_HEAD, {"A", "B"}).data(), B, B + initial_datapos(B) + 3), 1);
+  EXPECT_EQ(M_get_order(group_block(0, FLAG_HEAD, {"A", "B"}).data(), B, 5), -1);
+}
+
+TEST(FlIo, GroupBlockValidationInOrder) {
+  char text[64];
+  auto block = group_block(0, FLAG_HEAD, {"A"});
+  EXPECT_EQ(group_block_fault(block.data(), B, true, text, sizeof text), nullptr);
+  gb_set_datapos(block.data(), 100);
+  EXPECT_STREQ(group_block_fault(block.data(), B, true, text, sizeof text), "blksize=1024, datapos=100 ");
+  EXPECT_STREQ(group_block_fault(block.data(), B, false, text, sizeof text), "datapos");
+  gb_set_datapos(block.data(), 1025);
+  EXPECT_STREQ(group_block_fault(block.data(), B, false, text, sizeof text), "datapos");
+  gb_set_datapos(block.data(), 124);
+  gb_set_byteleft(block.data(), static_cast<int16_t>(B - 11));
+  EXPECT_STREQ(group_block_fault(block.data(), B, true, text, sizeof text), "byteleft");
+  gb_set_byteleft(block.data(), -1);
+  EXPECT_STREQ(group_block_fault(block.data(), B, true, text, sizeof text), "byteleft");
+  gb_set_byteleft(block.data(), 901);
+  EXPECT_STREQ(group_block_fault(block.data(), B, true, text, sizeof text), "datapos+byteleft");
+  gb_set_byteleft(block.data(), 900);
+  gb_set_key_count(block.data(), 12);  // rows would run into the key area
+  EXPECT_STREQ(group_block_fault(block.data(), B, true, text, sizeof text), "key table");
+}
+
+class FlIoFile : public testing::Test {
+ protected:
+  std::string path;
+  REL_TYPE rel;
+  void SetUp() override {
+    std::string dir = fresh_dir(std::string("io_") + testing::UnitTest::GetInstance()->current_test_info()->name());
+    path = dir + "/S";
+    ASSERT_EQ(M_create_hashed(path.c_str(), 3, 1, 0, 0, nullptr), 1);
+    ASSERT_EQ(M_openfile(&rel, path.c_str(), 2), 1);
+  }
+  void TearDown() override { M_closefile(&rel); }
+  std::string failing(const std::function<int()>& call) {
+    testing::internal::CaptureStdout();
+    EXPECT_EQ(call(), -1);
+    return testing::internal::GetCapturedStdout();
+  }
+};
+
+TEST_F(FlIoFile, WritesBelowTheGroupOrOffAlignmentAreRefused) {
+  auto block = group_block(1, FLAG_HEAD, {"K"});
+  M_groupno = 0;
+  EXPECT_EQ(failing([&] { return M_blkwrite(&rel, 0, block.data()); }),
+            "1:block offset, blkoff=0X0 error in M_blkwrite for file '" + path + "', key '', number=0\n");
+  M_groupno = 1;
+  EXPECT_EQ(failing([&] { return M_blkwrite(&rel, B, block.data()); }),
+            "1:block offset, blkoff=0X400 error in M_blkwrite for file '" + path + "', key '', number=1\n");
+  EXPECT_EQ(failing([&] { return M_blkwrite(&rel, 2 * B + 512, block.data()); }),
+            "1:block offset, blkoff=0XA00 error in M_blkwrite for file '" + path + "', key '', number=1\n");
+  ASSERT_EQ(M_blkwrite(&rel, 2 * B, block.data()), 1);
+  EXPECT_EQ(read_bytes(path).size(), 4 * B);
+  EXPECT_EQ(read_bytes(path)[2 * B + GB_KEY_COUNT], 1);
+}
+
+TEST_F(FlIoFile, ReadChecksGroupAndKind) {
+  uint8_t buffer[MAX_BLOCK_SIZE];
+  M_groupno = 1;
+  ASSERT_EQ(M_blkread(&rel, 2 * B, buffer, CHECK_HEAD), 1);
+  EXPECT_EQ(gb_group(buffer), 1u);
+  EXPECT_EQ(failing([&] { return M_blkread(&rel, 2 * B, buffer, CHECK_CONTINUATION); }),
+            "1:check over error in M_blkread for file '" + path + "', key '', number=1\n");
+  M_groupno = 2;
+  EXPECT_EQ(failing([&] { return M_blkread(&rel, 2 * B, buffer, CHECK_HEAD); }),
+            "1:Grpno error. blkbuf->group=1, M_groupno=2,  error in M_blkread for file '" + path +
+                "', key '', number=2\n");
+  EXPECT_EQ(M_blkread(&rel, 2 * B, buffer, CHECK_NONE), 1);
+  EXPECT_EQ(failing([&] { return M_blkread(&rel, 2 * B + 512, buffer, CHECK_NONE); }),
+            "1:block offset error in M_blkread for file '" + path + "', key '', number=2\n");
+  std::string past = failing([&] { return M_blkread(&rel, 9 * B, buffer, CHECK_NONE); });
+  EXPECT_NE(past.find("M_pread return error. fd="), std::string::npos);
+  EXPECT_NE(past.find("blksize=1024, blkoff=9216. ret=0, errno=0. Read error in M_blkread"), std::string::npos);
+
+  // A data block (flag bit 1 clear) passes check 0; check 2 skips the kind.
+  std::vector<uint8_t> data(B, 0);
+  gb_set_group(data.data(), 2);
+  gb_set_flags(data.data(), FLAG_LONG_FIRST);
+  ASSERT_EQ(M_blkwrite(&rel, 4 * B, data.data()), 1);
+  EXPECT_EQ(M_blkread(&rel, 4 * B, buffer, CHECK_HEAD), 1);
+  gb_set_flags(data.data(), FLAG_CONTINUATION);
+  ASSERT_EQ(M_blkwrite(&rel, 4 * B, data.data()), 1);
+  EXPECT_EQ(M_blkread(&rel, 4 * B, buffer, CHECK_GROUP_ONLY), 1);
+}
+
+TEST_F(FlIoFile, GroupScanFollowsTheChain) {
+  M_groupno = 0;
+  auto head = group_block(0, FLAG_HEAD, {"A", "B"});
+  gb_set_next(head.data(), 4 * B);
+  auto cont = group_block(0, FLAG_CONTINUATION, {"C", "K"});
+  ASSERT_EQ(M_blkwrite(&rel, B, head.data()), 1);
+  ASSERT_EQ(M_blkwrite(&rel, 4 * B, cont.data()), 1);
+  uint8_t block[MAX_BLOCK_SIZE];
+  uint32_t address = B, previous = 0;
+  int32_t row = -1;
+  ASSERT_EQ(M_read_grpblk(&rel, &address, block, key_bytes("K"), 1, &row, &previous), 1);
+  EXPECT_EQ(address, 4 * B);
+  EXPECT_EQ(previous, B);
+  EXPECT_EQ(row, 1);
+  EXPECT_EQ(M_found_position, ke_position(cont.data(), 1));
+  EXPECT_EQ(M_found_length, 3);
+  EXPECT_EQ(std::memcmp(M_blkbuf, cont.data(), B), 0);
+
+  address = B;
+  ASSERT_EQ(M_read_grpblk(&rel, &address, block, key_bytes("B"), 1, &row, &previous), 1);
+  EXPECT_EQ(address, B);
+  EXPECT_EQ(row, 1);
+  address = B;
+  EXPECT_EQ(M_read_grpblk(&rel, &address, block, key_bytes("Q"), 1, &row, &previous), 0);
+
+  // A head kind in the chain is refused.
+  gb_set_flags(cont.data(), FLAG_HEAD);
+  ASSERT_EQ(M_blkwrite(&rel, 4 * B, cont.data()), 1);
+  address = B;
+  std::string out = failing([&] { return M_read_grpblk(&rel, &address, block, key_bytes("Q"), 1, &row, &previous); });
+  EXPECT_NE(out.find("1:check over error in M_blkread"), std::string::npos);
+  EXPECT_NE(out.find("2:check over error in M_read_grpblk for file '" + path + "', key 'Q', number=0\n"),
+            std::string::npos);
+  // A head whose datapos is broken is not searched.
+  gb_set_datapos(head.data(), 50);
+  ASSERT_EQ(M_blkwrite(&rel, B, head.data()), 1);
+  address = B;
+  EXPECT_EQ(failing([&] { return M_read_grpblk(&rel, &address, block, key_bytes("A"), 1, &row, &previous); }),
+            "1:blksize=1024, datapos=50  error in M_read_grpblk for file '" + path + "', key 'A', number=0\n");
+}
+
+TEST_F(FlIoFile, LsWriteWritesAtTheOffset) {
+  const uint8_t text[] = "abc";
+  ASSERT_EQ(M_ls_write(rel.fd, text, 3, 10), 3);
+  auto bytes = read_bytes(path);
+  EXPECT_EQ(std::string(bytes.begin() + 10, bytes.begin() + 13), "abc");
+  EXPECT_EQ(M_ls_write(-1, text, 3, 0), -1);
+}
+
+}  // namespace
