@@ -18,55 +18,28 @@ namespace {
 
 constexpr uint32_t B = 1024;
 
-// A fresh group block holding `keys`, laid out as the format says: row 0's
-// key ends at datapos with its length byte on top, each next key below.
-std::vector<uint8_t> group_block(uint32_t group, uint8_t flags, const std::vector<std::string>& keys) {
-  std::vector<uint8_t> block(B, 0);
-  uint32_t d = initial_datapos(B);
-  gb_set_flags(block.data(), flags);
-  gb_set_group(block.data(), group);
-  gb_set_datapos(block.data(), static_cast<int16_t>(d));
-  uint32_t walk = d;
-  int16_t key_bytes = 0;
-  uint32_t data = d;
-  for (size_t row = 0; row < keys.size(); ++row) {
-    const std::string& k = keys[row];
-    block[walk - 1] = static_cast<uint8_t>(k.size());
-    std::memcpy(&block[walk - 1 - k.size()], k.data(), k.size());
-    walk -= 1 + static_cast<uint32_t>(k.size());
-    key_bytes = static_cast<int16_t>(key_bytes + k.size() + 1);
-    ke_set_position(block.data(), static_cast<int32_t>(row), B + data);
-    ke_set_length(block.data(), static_cast<int32_t>(row), 3);
-    data += 3;
-  }
-  gb_set_key_count(block.data(), static_cast<int16_t>(keys.size()));
-  gb_set_key_bytes(block.data(), key_bytes);
-  gb_set_byteleft(block.data(), static_cast<int16_t>(B - data));
-  return block;
-}
-
 int find(const std::vector<uint8_t>& block, const char* key) {
   return find_key_in_block(block.data(), B, key_bytes(key), static_cast<int32_t>(std::strlen(key)));
 }
 
 TEST(FlIo, FindKeyWalksTheKeyAreaDownward) {
-  auto block = group_block(0, FLAG_HEAD, {"A", "BC", "", "BCD"});
+  auto block = make_group_block(B, B, 0, FLAG_HEAD, {"A", "BC", "", "BCD"});
   EXPECT_EQ(find(block, "A"), 0);
   EXPECT_EQ(find(block, "BC"), 1);
   EXPECT_EQ(find(block, ""), 2);
   EXPECT_EQ(find(block, "BCD"), 3);
   EXPECT_EQ(find(block, "B"), -1);
-  EXPECT_EQ(find(group_block(0, FLAG_HEAD, {}), ""), -1);
+  EXPECT_EQ(find(make_group_block(B, B, 0, FLAG_HEAD, {}), ""), -1);
   // A length byte that reaches into the key table ends the walk.
   block[initial_datapos(B) - 1] = 120;
   EXPECT_EQ(find(block, "A"), -1);
-  EXPECT_EQ(M_get_order(group_block(0, FLAG_HEAD, {"A", "B"}).data(), B, B + initial_datapos(B) + 3), 1);
-  EXPECT_EQ(M_get_order(group_block(0, FLAG_HEAD, {"A", "B"}).data(), B, 5), -1);
+  EXPECT_EQ(M_get_order(make_group_block(B, B, 0, FLAG_HEAD, {"A", "B"}).data(), B, B + initial_datapos(B) + 3), 1);
+  EXPECT_EQ(M_get_order(make_group_block(B, B, 0, FLAG_HEAD, {"A", "B"}).data(), B, 5), -1);
 }
 
 TEST(FlIo, GroupBlockValidationInOrder) {
   char text[64];
-  auto block = group_block(0, FLAG_HEAD, {"A"});
+  auto block = make_group_block(B, B, 0, FLAG_HEAD, {"A"});
   EXPECT_EQ(group_block_fault(block.data(), B, true, text, sizeof text), nullptr);
   gb_set_datapos(block.data(), 100);
   EXPECT_STREQ(group_block_fault(block.data(), B, true, text, sizeof text), "blksize=1024, datapos=100 ");
@@ -104,7 +77,7 @@ class FlIoFile : public testing::Test {
 };
 
 TEST_F(FlIoFile, WritesBelowTheGroupOrOffAlignmentAreRefused) {
-  auto block = group_block(1, FLAG_HEAD, {"K"});
+  auto block = make_group_block(B, B, 1, FLAG_HEAD, {"K"});
   M_groupno = 0;
   EXPECT_EQ(failing([&] { return M_blkwrite(&rel, 0, block.data()); }),
             "1:block offset, blkoff=0X0 error in M_blkwrite for file '" + path + "', key '', number=0\n");
@@ -149,9 +122,9 @@ TEST_F(FlIoFile, ReadChecksGroupAndKind) {
 
 TEST_F(FlIoFile, GroupScanFollowsTheChain) {
   M_groupno = 0;
-  auto head = group_block(0, FLAG_HEAD, {"A", "B"});
+  auto head = make_group_block(B, B, 0, FLAG_HEAD, {"A", "B"});
   gb_set_next(head.data(), 4 * B);
-  auto cont = group_block(0, FLAG_CONTINUATION, {"C", "K"});
+  auto cont = make_group_block(B, B, 0, FLAG_CONTINUATION, {"C", "K"});
   ASSERT_EQ(M_blkwrite(&rel, B, head.data()), 1);
   ASSERT_EQ(M_blkwrite(&rel, 4 * B, cont.data()), 1);
   uint8_t block[MAX_BLOCK_SIZE];
