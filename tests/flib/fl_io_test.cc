@@ -2,6 +2,10 @@
 
 #include <gtest/gtest.h>
 
+#include <sys/resource.h>
+#include <sys/wait.h>
+
+#include <csignal>
 #include <cstring>
 #include <functional>
 #include <string>
@@ -13,6 +17,7 @@
 #include "flib/fl_hash.h"
 #include "flib/fl_open.h"
 #include "flib/fl_rel.h"
+#include "flib/fl_coding.h"
 
 namespace {
 
@@ -167,6 +172,46 @@ TEST_F(FlIoFile, LsWriteWritesAtTheOffset) {
   auto bytes = read_bytes(path);
   EXPECT_EQ(std::string(bytes.begin() + 10, bytes.begin() + 13), "abc");
   EXPECT_EQ(M_ls_write(-1, text, 3, 0), -1);
+}
+
+}  // namespace
+
+namespace {
+
+// A head block written past the size limit of its primary part opens a new
+// part at offset B, with the positions of its in-block records rebased.
+TEST(FlIoDynamic, FullPrimaryPartMovesTheHeadToANewPart) {
+  std::string path = fresh_dir("io_efbig") + "/D";
+  ASSERT_EQ(M_create_hashed(path.c_str(), 3, 1, 64, 0, nullptr), 1);
+  pid_t pid = fork();
+  if (pid == 0) {
+    REL_TYPE rel;
+    if (M_openfile(&rel, path.c_str(), 2) != 1) _exit(10);
+    // dat001 may not grow beyond its 4 blocks.
+    signal(SIGXFSZ, SIG_IGN);
+    rlimit limit{4 * B, 4 * B};
+    if (setrlimit(RLIMIT_FSIZE, &limit) != 0) _exit(11);
+    M_groupno = 3;  // the group a split would add
+    auto head = make_group_block(B, 4 * B, 3, FLAG_HEAD, {"K", "L"});
+    ke_set_position(head.data(), 1, 0x80000000u | (2 * B + 12));  // a record in overflow stays
+    if (M_blkwrite(&rel, 4 * B, head.data()) != 1) _exit(12);
+    if (rel.primary.size() != 2 || rel.primary[1].first_group != 3) _exit(13);
+    M_closefile(&rel);
+    _exit(0);
+  }
+  int status = 0;
+  waitpid(pid, &status, 0);
+  ASSERT_TRUE(WIFEXITED(status));
+  ASSERT_EQ(WEXITSTATUS(status), 0);
+  EXPECT_EQ(read_bytes(path + "/dat001").size(), 4 * B);
+  auto dat2 = read_bytes(path + "/dat002");
+  ASSERT_EQ(dat2.size(), 2 * B);
+  EXPECT_EQ(fl_get_i32(dat2.data(), 56), 3);
+  const uint8_t* moved = dat2.data() + B;
+  EXPECT_EQ(gb_group(moved), 3u);
+  EXPECT_EQ(ke_position(moved, 0), B + initial_datapos(B));
+  EXPECT_EQ(ke_position(moved, 1), 0x80000000u | (2 * B + 12));
+  EXPECT_EQ(fl_get_u16(read_bytes(path + "/over001").data(), 52), 2);
 }
 
 }  // namespace
