@@ -149,7 +149,7 @@ int M_initfile(int fd, REL_TYPE* rel) {
       first_group = g;
       ++primary_parts;
       char path[REL_NAME_SIZE + 16];
-      std::snprintf(path, sizeof path, "%s/dat%03d", rel->path, g / groups_per_part + 1);
+      M_part_path(rel, static_cast<uint32_t>(g / groups_per_part + 1), path, sizeof path);
       uint32_t size = static_cast<uint32_t>(std::min(modulo - g + 1, groups_per_part)) * b;
       uint32_t device = 0;
       part_fd = M_create_part_file(rel, path, &device, size, 0);
@@ -200,7 +200,7 @@ int M_initfile(int fd, REL_TYPE* rel) {
   oh.stack_count = 0;
   for (int32_t p = 1; p <= overflow_parts; ++p) {
     char path[REL_NAME_SIZE + 16];
-    std::snprintf(path, sizeof path, "%s/over%03d", rel->path, p);
+    M_part_path(rel, static_cast<uint32_t>(p) | PART_OVERFLOW, path, sizeof path);
     uint32_t size = static_cast<uint32_t>(std::min(modulo + 1, groups_per_part)) * b;
     uint32_t device = 0;
     int over_fd = M_create_part_file(rel, path, &device, size, 0);
@@ -304,9 +304,10 @@ int create_overflow_part_file(REL_TYPE* rel, int wait) {
   if (rel->sfd == nullptr || rel->overflow.size() >= static_cast<size_t>(MAX_PARTS))
     return M_file_error(rel, fn, "part count", nullptr, 0, static_cast<int32_t>(rel->overflow.size()));
   uint32_t b = rel->block_size;
-  std::string first = std::string(rel->path) + "/over001";
+  char first[REL_NAME_SIZE + 16];
+  M_part_path(rel, 1 | PART_OVERFLOW, first, sizeof first);
   struct stat st;
-  int64_t blocks = stat(first.c_str(), &st) == 0 ? st.st_size / b : 0;
+  int64_t blocks = stat(first, &st) == 0 ? st.st_size / b : 0;
   blocks = std::max<int64_t>(blocks, static_cast<int64_t>(rel->modulo) + 1);
   uint32_t size = static_cast<uint32_t>(std::min<int64_t>(blocks, rel->groups_per_part)) * b;
   auto number = static_cast<uint32_t>(rel->overflow.size() + 1);
@@ -368,9 +369,10 @@ int M_create_hashed(const char* path, int32_t modulo, int32_t block, int32_t typ
     int64_t g = M_max_flength() / static_cast<int64_t>(b);
     int64_t blocks = static_cast<int64_t>(modulo) + 1 < g ? static_cast<int64_t>(modulo) + 1 : g;
     rel.groups_per_part = static_cast<int32_t>(g);
-    std::string first = std::string(path) + "/dat001";
+    char first[REL_NAME_SIZE + 16];
+    M_part_path(&rel, 1, first, sizeof first);
     uint32_t device = 0;
-    fd = M_create_part_file(&rel, first.c_str(), &device, static_cast<uint32_t>(blocks * b), 0);
+    fd = M_create_part_file(&rel, first, &device, static_cast<uint32_t>(blocks * b), 0);
     if (fd < 0) {
       M_msgno_out(0x2A34, "%s", path);
       NT_RemoveFile(path, "");

@@ -119,7 +119,9 @@ int M_openfile(REL_TYPE* rel, const char* path, int32_t mode) {
     return -1;
   }
   bool directory = S_ISDIR(st.st_mode);
-  std::string main_path = directory ? std::string(path) + "/dat001" : std::string(path);
+  char part[REL_NAME_SIZE + 16];
+  M_part_path(rel, 1, part, sizeof part);
+  std::string main_path = directory ? std::string(part) : std::string(path);
 
   int fd = open(main_path.c_str(), M_open_flags(rel->open_mode));
   if (fd < 0) {
@@ -183,8 +185,8 @@ int M_openfile(REL_TYPE* rel, const char* path, int32_t mode) {
   if (!dynamic) return 1;
 
   // A dynamic file: the live state is in block 0 of over001.
-  std::string over_path = std::string(path) + "/over001";
-  int over_fd = open(over_path.c_str(), M_open_flags(rel->open_mode));
+  M_part_path(rel, 1 | PART_OVERFLOW, part, sizeof part);
+  int over_fd = open(part, M_open_flags(rel->open_mode));
   if (over_fd < 0) return open_error(rel, "m_open", fd, -1);
   rel->over_fd = over_fd;
   MRV_STAT over_id;

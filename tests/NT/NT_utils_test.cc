@@ -15,16 +15,11 @@
 #include <sstream>
 #include <string>
 
+#include "test_scratch.h"
+
 namespace {
 
-std::string scratch(const std::string& name) {
-  std::string base = REEL_TEST_TMP;
-  mkdir(base.c_str(), 0777);
-  std::string dir = base + "/nt_" + name;
-  NT_RemoveFile(dir.c_str(), "");
-  mkdir(dir.c_str(), 0777);
-  return dir;
-}
+std::string scratch(const std::string& name) { return fresh_dir("nt_" + name); }
 
 void touch(const std::string& path, const std::string& text = "x") {
   std::ofstream(path) << text;

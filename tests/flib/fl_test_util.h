@@ -14,17 +14,8 @@
 #include <vector>
 
 #include "NT/NT_utils.h"
+#include "test_scratch.h"
 #include "flib/fl_block.h"
-
-// An empty folder for one test under the build's scratch area.
-inline std::string fresh_dir(const std::string& name) {
-  std::string base = REEL_TEST_TMP;
-  mkdir(base.c_str(), 0777);
-  std::string dir = base + "/" + name;
-  NT_RemoveFile(dir.c_str(), "");
-  mkdir(dir.c_str(), 0777);
-  return dir;
-}
 
 inline std::vector<uint8_t> read_bytes(const std::string& path) {
   std::ifstream in(path, std::ios::binary);

@@ -10,7 +10,7 @@
 #include <string>
 #include <vector>
 
-#include "NT/NT_utils.h"
+#include "test_scratch.h"
 
 namespace {
 
@@ -29,14 +29,7 @@ RunResult mrvfile(const std::string& arguments) {
   return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, out};
 }
 
-std::string sandbox(const std::string& name) {
-  std::string base = REEL_TEST_TMP;
-  mkdir(base.c_str(), 0777);
-  std::string dir = base + "/mrvfile_" + name;
-  NT_RemoveFile(dir.c_str(), "");
-  mkdir(dir.c_str(), 0777);
-  return dir;
-}
+std::string sandbox(const std::string& name) { return fresh_dir("mrvfile_" + name); }
 
 off_t size_of(const std::string& path) {
   struct stat st;
