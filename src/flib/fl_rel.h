@@ -5,7 +5,8 @@
 // primary parts datNNN hold group heads, overflow parts overNNN hold all
 // other blocks. The handle keeps one row per known part; a part's descriptor
 // may be closed behind the caller's back when descriptors run short (see
-// lrgfillib.h), and is reopened on its next use.
+// lrgfillib.h), and is reopened on its next use. The descriptor table refers
+// to the handle by address: an open handle must not be copied or moved.
 #pragma once
 
 #include <cstdint>
