@@ -198,14 +198,16 @@ int M_openfile(REL_TYPE* rel, const char* path, int32_t mode) {
   rel->primary[0].first_group = 0;
   rel->overflow[0].fd = over_fd;
   rel->overflow[0].device = over_id.dev;
-  if (M_mrvlockf(over_fd, LOCK_SHARED, 0, 1) != 0) return open_error(rel, "M_mrvlockf", fd, over_fd);
+  // The lock is held through the part row, so that over001 keeps its
+  // descriptor while the other parts are opened.
+  if (M_lock_block(rel, ADDR_OVERFLOW, LOCK_SHARED) != 0) return open_error(rel, "M_mrvlockf", fd, over_fd);
   uint8_t over[MAX_BLOCK_SIZE];
   if (pread(over_fd, over, rel->block_size, 0) != static_cast<ssize_t>(rel->block_size)) {
-    M_mrvunlock(over_fd, 0, 1);
+    M_unlock_block(rel, ADDR_OVERFLOW);
     return open_error(rel, "m_read", fd, over_fd);
   }
   if (M_link_file_entry(rel, over) < 0) {
-    M_mrvunlock(over_fd, 0, 1);
+    M_unlock_block(rel, ADDR_OVERFLOW);
     return open_error(rel, "M_link_file_entry", fd, over_fd);
   }
   OverflowHeader oh = decode_overflow_header(over);
@@ -217,25 +219,28 @@ int M_openfile(REL_TYPE* rel, const char* path, int32_t mode) {
   rel->min_modulo = static_cast<int32_t>(oh.min_modulo);
   rel->sfd->split_flag = 0;
   if (M_insert_part_file(rel, 0) < 0 || M_insert_part_file(rel, PART_OVERFLOW) < 0) {
-    M_mrvunlock(over_fd, 0, 1);
+    M_unlock_block(rel, ADDR_OVERFLOW);
     return open_error(rel, "M_insert_part_file", fd, over_fd);
   }
   rel->modulo = static_cast<int32_t>(oh.modulo);
   set_split_base(rel);
   if (M_open_large_file(rel) < 0) {
-    M_mrvunlock(over_fd, 0, 1);
+    M_unlock_block(rel, ADDR_OVERFLOW);
     return open_error(rel, "M_open_large_file", fd, over_fd);
   }
+  // No part is current yet; M_get_fd finds every part through its row.
   rel->primary_current = 0;
   rel->over_current = 0;
+  rel->fd = -1;
+  rel->over_fd = -1;
   rel->space_cell = rel->overflow[0].space_cell;
   rel->space_reserved = rel->overflow[0].space_reserved;
   if (hash_is_key_range(rel->hashtype) && !load_key_ranges(rel)) {
     M_errout(0, "GMK file is too big to open.\n");
-    M_mrvunlock(over_fd, 0, 1);
+    M_unlock_block(rel, ADDR_OVERFLOW);
     return open_error(rel, "malloc", fd, over_fd);
   }
-  if (M_mrvunlock(over_fd, 0, 1) != 0) return open_error(rel, "M_mrvunlock", fd, over_fd);
+  if (M_unlock_block(rel, ADDR_OVERFLOW) != 0) return open_error(rel, "M_mrvunlock", fd, over_fd);
   return 1;
 }
 
