@@ -227,40 +227,4 @@ TEST(NTFiles, CopyTreeAndScan) {
   EXPECT_EQ(errno, 20);
 }
 
-TEST(NTFiles, FreeSpaceAndDirectories) {
-  int32_t total = 0, free_units = 0;
-  ASSERT_EQ(disk_free(REEL_TEST_TMP, &total, &free_units), 0);
-  EXPECT_GT(total, 0);
-  EXPECT_LE(free_units, total);
-  char here[1024];
-  ASSERT_NE(NT_getcwd(here, sizeof here), nullptr);
-  ASSERT_EQ(NT_chdir(REEL_TEST_TMP), 0);
-  char there[1024];
-  NT_getcwd(there, sizeof there);
-  EXPECT_NE(std::string(there).find("test-tmp"), std::string::npos);
-  NT_chdir(here);
-}
-
-TEST(NTFiles, StreamModes) {
-  EXPECT_EQ(fopen_mode_to_flags("r"), O_RDONLY);
-  EXPECT_EQ(fopen_mode_to_flags("w"), O_WRONLY);
-  EXPECT_EQ(fopen_mode_to_flags("a"), O_WRONLY | O_APPEND);
-  EXPECT_EQ(fopen_mode_to_flags("r+"), O_RDWR);
-  EXPECT_EQ(fopen_mode_to_flags("w+"), O_RDWR);
-  EXPECT_EQ(fopen_mode_to_flags("a+"), O_RDWR | O_APPEND);
-  uint32_t access = 0;
-  int disposition = 0;
-  ASSERT_EQ(fopen_mode_to_access("r", &access, &disposition), 1);
-  EXPECT_EQ(access, NT_ACCESS_READ);
-  EXPECT_EQ(disposition, NT_OPEN_EXISTING);
-  ASSERT_EQ(fopen_mode_to_access("w+", &access, &disposition), 1);
-  EXPECT_EQ(access, NT_ACCESS_READ | NT_ACCESS_WRITE);
-  EXPECT_EQ(disposition, NT_CREATE_ALWAYS);
-  ASSERT_EQ(fopen_mode_to_access("ab", &access, &disposition), 1);
-  EXPECT_EQ(access, NT_ACCESS_WRITE);
-  EXPECT_EQ(disposition, NT_OPEN_ALWAYS);
-  EXPECT_EQ(fopen_mode_to_access("+r", &access, &disposition), 0);
-  EXPECT_EQ(fopen_mode_to_access("q", &access, &disposition), 0);
-}
-
 }  // namespace

@@ -166,14 +166,6 @@ TEST_F(FlIoFile, GroupScanFollowsTheChain) {
             "1:blksize=1024, datapos=50  error in M_read_grpblk for file '" + path + "', key 'A', number=0\n");
 }
 
-TEST_F(FlIoFile, LsWriteWritesAtTheOffset) {
-  const uint8_t text[] = "abc";
-  ASSERT_EQ(M_ls_write(rel.fd, text, 3, 10), 3);
-  auto bytes = read_bytes(path);
-  EXPECT_EQ(std::string(bytes.begin() + 10, bytes.begin() + 13), "abc");
-  EXPECT_EQ(M_ls_write(-1, text, 3, 0), -1);
-}
-
 }  // namespace
 
 namespace {

@@ -30,13 +30,6 @@ TEST(FlLock, NamedLocksAreGrantedAtOnceAndCutAt127) {
   EXPECT_EQ(testing::internal::GetCapturedStdout(), "M_LLM_Release error 2097154.\n");
 }
 
-TEST(FlLock, SemaphoreKindIsCounted) {
-  uint32_t before = M_lock_stats.semaphore_locks;
-  M_LLM_Lock("semaphore", kFile, "S", 1, 1, 0, -1, -1);
-  M_LLM_Release("semaphore", kFile, "S", 0, -1, -1);
-  EXPECT_EQ(M_lock_stats.semaphore_locks, before + 1);
-}
-
 TEST(FlLock, LockFifoOnlyForExactlyOne) {
   {
     ScopedEnv fifo("LOCKFIFO", "0");

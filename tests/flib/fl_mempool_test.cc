@@ -67,20 +67,6 @@ TEST_F(FlMempool, GrowKeepsDataAndShrinkReturnsSlack) {
   EXPECT_EQ(other->size, before);
 }
 
-TEST_F(FlMempool, PoolsAreTakenAndSelected) {
-  int pool = M_new_pool();
-  EXPECT_EQ(pool, 1);
-  EXPECT_EQ(M_pool_count(), 1);
-  MEM_DESC* mine = M_alloc_buffer(5);
-  M_current_buffer = mine;
-  EXPECT_EQ(M_select_pool(0), 0);
-  EXPECT_EQ(M_current_buffer, nullptr);
-  EXPECT_EQ(M_select_pool(1), 0);
-  EXPECT_EQ(M_current_buffer, mine);
-  EXPECT_EQ(M_select_pool(8), -1);
-  M_select_pool(0);
-}
-
 TEST_F(FlMempool, TheFortyNinthBufferEndsTheRun) {
   EXPECT_EXIT(
       {
