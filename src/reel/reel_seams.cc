@@ -7,7 +7,6 @@
 #include "reel/reel_account.h"
 #include "reel/reel_device.h"
 #include "reel/reel_dispatch.h"
-#include "reel/reel_get_expbuf.h"
 #include "reel/reel_init.h"
 #include "reel/reel_plan.h"
 #include "common/mrv_msg.h"
@@ -32,18 +31,3 @@ void reel_open_account() {
 void reel_close_account() {}
 
 void reel_apply_plan() { reel_fatal("Creating files from a plan is not available in this build.\n"); }
-
-void reel_finish_analysis() { reel_fatal("Analysis plans are not available in this build.\n"); }
-
-int reel_load_block_list(const char*) {
-  M_errmsg(0, "Selection lists are not available in this build.\n");
-  return 0;
-}
-
-int reel_load_recovery_list(const char*) {
-  M_errmsg(0, "Selection lists are not available in this build.\n");
-  return 0;
-}
-
-// Nothing allocates levels yet.
-void reel_init_levels() {}

@@ -1,0 +1,18 @@
+#!/usr/bin/env bash
+# Runs REEL_INTAKE in a sandbox home under the build folder.
+set -u
+build=${1:-build}
+bin="$(cd "$build/bin" && pwd)"
+home="$(cd "$build" && pwd)/demo-home"
+rm -rf "$home"
+mkdir -p "$home/include" "$home/sys" "$home/bin" "$home/Temp" "$home/work"
+export MRVHOME="$home" MRVBIN="$home/bin" TMP="$home/Temp" MRV_REGISTRY="$home/registry"
+export MRV_MSG_PAUSE_MS="${MRV_MSG_PAUSE_MS:-0}"
+
+echo "== REEL_INTAKE without arguments"
+"$bin/REEL_INTAKE"
+echo "(exit status $?)"
+echo
+echo "== REEL_INTAKE -U 0 DEMO in $home/work"
+cd "$home/work" && "$bin/REEL_INTAKE" -U 0 DEMO
+echo "(exit status $?)"

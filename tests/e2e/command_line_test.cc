@@ -1,0 +1,108 @@
+// The command line of REEL_INTAKE, run as the real program.
+#include <filesystem>
+#include <fstream>
+#include <string>
+
+#include <gtest/gtest.h>
+
+#include "reel/reel_init.h"
+#include "support/run_program.h"
+#include "support/temp_dir.h"
+
+namespace {
+
+const std::string kUsage = REEL_USAGE;
+const std::string kProgram = std::string(REEL_BIN_DIR) + "/REEL_INTAKE";
+
+ProgramResult reel(std::vector<std::string> args) {
+  return run_program({.program = "REEL_INTAKE", .args = std::move(args)});
+}
+
+TEST(CommandLine, FaultsPrintTheirMessageThenTheUsageAndExitOne) {
+  struct Case {
+    std::vector<std::string> args;
+    std::string message;
+  } cases[] = {
+      {{}, "Missing account name!\n"},
+      {{"-D", "-O"}, "Missing account name!\n"},
+      {{"-C", "plan"}, "Missing account name!\n"},
+      {{"-A", "plan", "a", "b"}, "Too many argument in command line!\n"},
+      {{"acct", "extra"}, "Too many argument in command line!\n"},
+      {{"-G", "X", "acct"}, "illegal -G option [B|C]\n"},
+      {{"-Gx", "acct"}, "illegal -G option [B|C]\n"},
+      {{"-L", "x", "acct"}, "illegal level number! [0-9]\n"},
+      {{"-M", "7", "acct"}, "illegal mode number! [0-3]\n"},
+      {{"-U", "a", "acct"}, "illegal unit number! [0-9]\n"},
+      {{"-Uabc", "acct"}, "illegal unit number! [0-9]\n"},
+      {{"-K", "12a", "acct"}, "illegal buf_factor number!\n"},
+      {{"-K", "1234567890", "acct"}, "illegal buf_factor number!\n"},
+  };
+  for (const auto& c : cases) {
+    ProgramResult r = reel(c.args);
+    EXPECT_EQ(r.status, 1) << c.message;
+    EXPECT_EQ(r.output, c.message + kUsage);
+  }
+}
+
+TEST(CommandLine, GetoptFaultsNameTheProgramAndTheLetter) {
+  ProgramResult r = reel({"-F", "name"});
+  EXPECT_EQ(r.status, 1);
+  EXPECT_EQ(r.output, kProgram + ": illegal option -- F\nillegal options in command line!\n" + kUsage);
+
+  r = reel({"acct", "-U"});  // options stop at the first plain word
+  EXPECT_EQ(r.output, "Too many argument in command line!\n" + kUsage);
+
+  r = reel({"-U"});
+  EXPECT_EQ(r.output,
+            kProgram + ": option requires an argument -- U\nillegal options in command line!\n" + kUsage);
+}
+
+TEST(CommandLine, BannerComesFirstThenTheFailureOfStartUp) {
+  TempDir dir;
+  ProgramResult r = run_program({.program = "REEL_INTAKE",
+                                 .args = {"-A", "plan"},
+                                 .env = {{"MRV_REGISTRY", dir.str() + "/no-registry"}},
+                                 .unset = {"MRVHOME", "MRVBIN"}});
+  EXPECT_EQ(r.status, 1);
+  EXPECT_EQ(r.output, std::string(REEL_BANNER) + "Cannot read MRVHOME from Registry.\n");
+
+  r = run_program({.program = "REEL_INTAKE",
+                   .args = {"-A", "plan"},
+                   .env = {{"MRVHOME", dir.str() + "/missing"}, {"MRVBIN", dir.str()}}});
+  EXPECT_EQ(r.output, std::string(REEL_BANNER) + "Can't stat " + dir.str() + "/missing.\n");
+}
+
+TEST(CommandLine, AdministratorStopEndsTheRunBeforeHomeIsLookedAt) {
+  TempDir dir;
+  std::string registry = dir.str() + "/registry";
+  FILE* f = std::fopen(registry.c_str(), "w");
+  std::fputs("STOPPED=1\n", f);
+  std::fclose(f);
+  ProgramResult r = run_program({.program = "REEL_INTAKE",
+                                 .args = {"-A", "plan"},
+                                 .env = {{"MRV_REGISTRY", registry}},
+                                 .unset = {"MRVHOME", "MRVBIN"}});
+  EXPECT_EQ(r.status, 1);
+  EXPECT_EQ(r.output, std::string(REEL_BANNER) +
+                          "An Administrator has stopped Morvane from running.\n"
+                          "Use startmr to restart Morvane.\n");
+}
+
+TEST(CommandLine, ListsThatHoldNothingAreRefused) {
+  TempDir dir;
+  std::string blank = dir.str() + "/blank";
+  std::ofstream(blank) << "\n   \n";
+  ProgramResult r = reel({"-B", blank, "acct"});
+  EXPECT_EQ(r.status, 1);
+  EXPECT_EQ(r.output, "Illegal blocksize filelist\n" + kUsage);
+  r = reel({"-R", dir.str() + "/missing", "acct"});
+  EXPECT_EQ(r.output, "Illegal recovery filelist\n" + kUsage);
+}
+
+TEST(CommandLine, HugeLoadBuffersAreRefusedBeforeTheBanner) {
+  ProgramResult r = reel({"-K", "999999999", "acct"});
+  EXPECT_EQ(r.status, 1);
+  EXPECT_EQ(r.output, "malloc failed, please check -K option \n");
+}
+
+}  // namespace
