@@ -15,11 +15,11 @@
 #include <sstream>
 #include <string>
 
-#include "test_scratch.h"
+#include "support/files.h"
+#include "support/run_program.h"
+#include "support/temp_dir.h"
 
 namespace {
-
-std::string scratch(const std::string& name) { return fresh_dir("nt_" + name); }
 
 void touch(const std::string& path, const std::string& text = "x") {
   std::ofstream(path) << text;
@@ -30,30 +30,14 @@ bool exists(const std::string& path) {
   return lstat(path.c_str(), &st) == 0;
 }
 
-std::string slurp(const std::string& path) {
-  std::ifstream in(path);
-  std::stringstream s;
-  s << in.rdbuf();
-  return s.str();
-}
-
-// Runs `probe` in a child process and returns its exit status.
-template <typename F>
-int in_child(F probe) {
-  pid_t pid = fork();
-  if (pid == 0) _exit(probe());
-  int status = 0;
-  waitpid(pid, &status, 0);
-  return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-}
-
 int try_lock(int fd, int32_t type, int32_t start, int32_t length) {
   NT_flock lock{type, 0, start, length};
   return NT_fcntl(fd, NT_SETLK, &lock);
 }
 
 TEST(NTFcntl, RefusalsWriteStanzasAndTheProcessGoesOn) {
-  std::string dir = scratch("fcntl_refusals");
+  TempDir tmp;
+  std::string dir = tmp.str();
   setenv("MRVBIN", dir.c_str(), 1);
   NT_flock lock{NT_WRLCK, 0, 0, 1};
   EXPECT_EQ(NT_fcntl(0, NT_SETLK, &lock), -1);
@@ -73,7 +57,8 @@ TEST(NTFcntl, RefusalsWriteStanzasAndTheProcessGoesOn) {
 }
 
 TEST(NTFcntl, LocksConvertAndOthersAreRefusedWithEagain) {
-  std::string file = scratch("fcntl_convert") + "/f";
+  TempDir tmp;
+  std::string file = tmp.str() + "/f";
   touch(file);
   int fd = open(file.c_str(), O_RDWR);
   uint32_t writes = NT_write_lock_calls;
@@ -81,11 +66,11 @@ TEST(NTFcntl, LocksConvertAndOthersAreRefusedWithEagain) {
   EXPECT_EQ(NT_write_lock_calls, writes + 1);
   // Another process can take neither kind while we hold it exclusively.
   auto probe = [&](int32_t type) {
-    return in_child([&] {
-      int other = open(file.c_str(), O_RDWR);
-      int r = try_lock(other, type, 100, 10);
-      return r == 0 ? 0 : (errno == EAGAIN ? 11 : 1);
-    });
+    return run_in_child([&] {
+             int other = open(file.c_str(), O_RDWR);
+             int r = try_lock(other, type, 100, 10);
+             _exit(r == 0 ? 0 : (errno == EAGAIN ? 11 : 1));
+           }).status;
   };
   EXPECT_EQ(probe(NT_RDLCK), 11);
   // Our own read lock on the range converts it to shared.
@@ -101,7 +86,8 @@ TEST(NTFcntl, LocksConvertAndOthersAreRefusedWithEagain) {
 }
 
 TEST(NTMktemp, DigitsOfTheThreadThenLettersUntilFree) {
-  std::string dir = scratch("mktemp");
+  TempDir tmp;
+  std::string dir = tmp.str();
   long tid = syscall(SYS_gettid);
   char digits[16];
   std::snprintf(digits, sizeof digits, "%05ld", tid % 100000);
@@ -137,7 +123,8 @@ TEST(NTMktemp, TemplatesThatDoNotFit) {
 }
 
 TEST(NTFiles, IdentityIsStableAcrossNamesOfOneFile) {
-  std::string dir = scratch("identity");
+  TempDir tmp;
+  std::string dir = tmp.str();
   touch(dir + "/a");
   touch(dir + "/b");
   ASSERT_EQ(symlink((dir + "/a").c_str(), (dir + "/link").c_str()), 0);
@@ -157,7 +144,8 @@ TEST(NTFiles, IdentityIsStableAcrossNamesOfOneFile) {
 }
 
 TEST(NTFiles, LinksReadLikeTheUnixCalls) {
-  std::string dir = scratch("links");
+  TempDir tmp;
+  std::string dir = tmp.str();
   touch(dir + "/plain");
   char buffer[256];
   EXPECT_EQ(NT_readlink((dir + "/plain").c_str(), buffer, sizeof buffer), -1);
@@ -169,7 +157,8 @@ TEST(NTFiles, LinksReadLikeTheUnixCalls) {
 }
 
 TEST(NTFiles, RenameReplacesAndLeavesEqualNamesAlone) {
-  std::string dir = scratch("rename");
+  TempDir tmp;
+  std::string dir = tmp.str();
   touch(dir + "/A", "from");
   touch(dir + "/B", "old");
   EXPECT_EQ(NT_rename((dir + "/A").c_str(), (dir + "/A").c_str(), 0), 0);
@@ -180,7 +169,8 @@ TEST(NTFiles, RenameReplacesAndLeavesEqualNamesAlone) {
 }
 
 TEST(NTFiles, RemoveTreesPatternsAndMissingObjects) {
-  std::string dir = scratch("remove");
+  TempDir tmp;
+  std::string dir = tmp.str();
   mkdir((dir + "/t").c_str(), 0777);
   mkdir((dir + "/t/sub").c_str(), 0777);
   touch(dir + "/t/sub/f");
@@ -200,7 +190,8 @@ TEST(NTFiles, RemoveTreesPatternsAndMissingObjects) {
 }
 
 TEST(NTFiles, CopyTreeAndScan) {
-  std::string dir = scratch("copy");
+  TempDir tmp;
+  std::string dir = tmp.str();
   mkdir((dir + "/src").c_str(), 0777);
   mkdir((dir + "/src/in").c_str(), 0777);
   touch(dir + "/src/one", "1");

@@ -47,10 +47,11 @@ void put_block(const std::string& path, uint32_t index, const std::vector<uint8_
 
 class FlCheck : public testing::Test {
  protected:
+  TempDir tmp;
   std::string dir, path;
   uint32_t group_of_a = 0;
   void SetUp() override {
-    dir = fresh_dir(std::string("check_") + testing::UnitTest::GetInstance()->current_test_info()->name());
+    dir = tmp.str();
     path = dir + "/S";
     ASSERT_EQ(M_create_hashed(path.c_str(), kModulo, 1, 0, 0, nullptr), 1);
     // Keys "A" and "F" both hash to 65 mod 5 = 0 and 70 mod 5 = 0.

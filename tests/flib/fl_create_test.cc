@@ -100,7 +100,8 @@ class FlCreate : public testing::Test {
 };
 
 TEST_F(FlCreate, StaticFilesAreByteExactForEveryBlockSize) {
-  std::string dir = fresh_dir("create_static");
+  TempDir tmp;
+  std::string dir = tmp.str();
   struct Case {
     int32_t create_code;
     int32_t header_code;
@@ -127,7 +128,8 @@ TEST_F(FlCreate, StaticFilesAreByteExactForEveryBlockSize) {
 }
 
 TEST_F(FlCreate, StaticFileTooLargeIsRefusedAndRemoved) {
-  std::string dir = fresh_dir("create_static_big");
+  TempDir tmp;
+  std::string dir = tmp.str();
   std::string path = dir + "/BIG";
   testing::internal::CaptureStdout();
   EXPECT_EQ(M_create_hashed(path.c_str(), 131072, 16, 0, 0, nullptr), 0);
@@ -136,7 +138,8 @@ TEST_F(FlCreate, StaticFileTooLargeIsRefusedAndRemoved) {
 }
 
 TEST_F(FlCreate, DynamicFileInOnePart) {
-  std::string dir = fresh_dir("create_dyn_one");
+  TempDir tmp;
+  std::string dir = tmp.str();
   std::string path = dir + "/D";
   ASSERT_EQ(M_create_hashed(path.c_str(), 5, 1, 64, 0, nullptr), 1);
   auto dat = read_bytes(path + "/dat001");
@@ -168,7 +171,8 @@ TEST_F(FlCreate, DynamicFileInOnePart) {
 
 TEST_F(FlCreate, MoreGroupsThanOnePartHoldsStartDat002AtItsFirstGroup) {
   ScopedEnv length("MAX_FLENGTH", "8192");  // 7 groups of 1024 bytes per part
-  std::string dir = fresh_dir("create_dyn_two");
+  TempDir tmp;
+  std::string dir = tmp.str();
   std::string path = dir + "/D";
   ASSERT_EQ(M_create_hashed(path.c_str(), 10, 1, 65, 0, nullptr), 1);
   auto dat1 = read_bytes(path + "/dat001");
@@ -197,7 +201,8 @@ TEST_F(FlCreate, MoreGroupsThanOnePartHoldsStartDat002AtItsFirstGroup) {
 }
 
 TEST_F(FlCreate, SpreadLayoutsAssignOverflowParts) {
-  std::string dir = fresh_dir("create_spread");
+  TempDir tmp;
+  std::string dir = tmp.str();
   {
     ScopedEnv length("MAX_FLENGTH", "8192");
     M_spread = 1;
@@ -239,7 +244,8 @@ TEST_F(FlCreate, SpreadLayoutsAssignOverflowParts) {
 }
 
 TEST_F(FlCreate, LoadsComeFromTheSettingsByAccounting) {
-  std::string dir = fresh_dir("create_loads");
+  TempDir tmp;
+  std::string dir = tmp.str();
   {
     ScopedEnv split("SPLIT_LOAD", "100");
     ScopedEnv merge("MERGE_LOAD", "95");
@@ -263,7 +269,8 @@ TEST_F(FlCreate, LoadsComeFromTheSettingsByAccounting) {
 }
 
 TEST_F(FlCreate, InitfileTakesLoadsAndTriggersFromTheHandle) {
-  std::string dir = fresh_dir("create_handle");
+  TempDir tmp;
+  std::string dir = tmp.str();
   std::string path = dir + "/H";
   ASSERT_EQ(mkdir(path.c_str(), 0777), 0);
   int fd = open((path + "/dat001").c_str(), O_RDWR | O_CREAT, 0666);
@@ -290,7 +297,8 @@ TEST_F(FlCreate, InitfileTakesLoadsAndTriggersFromTheHandle) {
 }
 
 TEST_F(FlCreate, LaterPartsGrowAnOpenFile) {
-  std::string dir = fresh_dir("create_later");
+  TempDir tmp;
+  std::string dir = tmp.str();
   std::string path = dir + "/G";
   ASSERT_EQ(M_create_hashed(path.c_str(), 4, 1, 64, 0, nullptr), 1);
   REL_TYPE rel;
@@ -316,7 +324,7 @@ TEST_F(FlCreate, LaterPartsGrowAnOpenFile) {
 
   REL_TYPE again;
   ASSERT_EQ(M_openfile(&again, path.c_str(), 2), 1);
-  EXPECT_EQ(again.primary.size(), 2u);
+  ASSERT_EQ(again.primary.size(), 2u);
   EXPECT_EQ(again.overflow.size(), 2u);
   EXPECT_EQ(again.primary[1].first_group, 4u);
   M_closefile(&again);

@@ -65,11 +65,11 @@ TEST(FlIo, GroupBlockValidationInOrder) {
 
 class FlIoFile : public testing::Test {
  protected:
+  TempDir tmp;
   std::string path;
   REL_TYPE rel;
   void SetUp() override {
-    std::string dir = fresh_dir(std::string("io_") + testing::UnitTest::GetInstance()->current_test_info()->name());
-    path = dir + "/S";
+    path = tmp.str() + "/S";
     ASSERT_EQ(M_create_hashed(path.c_str(), 3, 1, 0, 0, nullptr), 1);
     ASSERT_EQ(M_openfile(&rel, path.c_str(), 2), 1);
   }
@@ -92,8 +92,9 @@ TEST_F(FlIoFile, WritesBelowTheGroupOrOffAlignmentAreRefused) {
   EXPECT_EQ(failing([&] { return M_blkwrite(&rel, 2 * B + 512, block.data()); }),
             "1:block offset, blkoff=0XA00 error in M_blkwrite for file '" + path + "', key '', number=1\n");
   ASSERT_EQ(M_blkwrite(&rel, 2 * B, block.data()), 1);
-  EXPECT_EQ(read_bytes(path).size(), 4 * B);
-  EXPECT_EQ(read_bytes(path)[2 * B + GB_KEY_COUNT], 1);
+  auto bytes = read_bytes(path);
+  ASSERT_EQ(bytes.size(), 4 * B);
+  EXPECT_EQ(bytes[2 * B + GB_KEY_COUNT], 1);
 }
 
 TEST_F(FlIoFile, ReadChecksGroupAndKind) {
@@ -173,7 +174,8 @@ namespace {
 // A head block written past the size limit of its primary part opens a new
 // part at offset B, with the positions of its in-block records rebased.
 TEST(FlIoDynamic, FullPrimaryPartMovesTheHeadToANewPart) {
-  std::string path = fresh_dir("io_efbig") + "/D";
+  TempDir tmp;
+  std::string path = tmp.str() + "/D";
   ASSERT_EQ(M_create_hashed(path.c_str(), 3, 1, 64, 0, nullptr), 1);
   pid_t pid = fork();
   if (pid == 0) {

@@ -49,7 +49,8 @@ TEST(FlLock, LockFifoOnlyForExactlyOne) {
 }
 
 TEST(FlLock, IndexVersionLockReportsFailure) {
-  std::string path = fresh_dir("lock_idx") + "/idx001";
+  TempDir tmp;
+  std::string path = tmp.str() + "/idx001";
   write_bytes(path, std::vector<uint8_t>(16, 0));
   int fd = open(path.c_str(), O_RDWR);
   EXPECT_EQ(M_idx_lockf(fd, LOCK_EXCLUSIVE), 0);

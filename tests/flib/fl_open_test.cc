@@ -38,10 +38,11 @@ void patch_i32(const std::string& path, uint32_t offset, int32_t value) {
 
 class FlOpen : public testing::Test {
  protected:
+  TempDir tmp;
   std::string dir;
   std::string path;
   void SetUp() override {
-    dir = fresh_dir(std::string("open_") + testing::UnitTest::GetInstance()->current_test_info()->name());
+    dir = tmp.str();
     path = dir + "/S";
     ASSERT_EQ(M_create_hashed(path.c_str(), 3, 1, 0, 0, nullptr), 1);
   }

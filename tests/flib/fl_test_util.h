@@ -14,7 +14,7 @@
 #include <vector>
 
 #include "NT/NT_utils.h"
-#include "test_scratch.h"
+#include "support/temp_dir.h"
 #include "flib/fl_block.h"
 
 inline std::vector<uint8_t> read_bytes(const std::string& path) {

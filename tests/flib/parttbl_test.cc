@@ -36,7 +36,8 @@ TEST(PartTable, PrefixesRunThroughCapitalsThenLowerCase) {
 }
 
 TEST(PartTable, PrefixTableGivesEachFileNameItsOwnPrefix) {
-  std::string partition = fresh_dir("parttbl_prefix");
+  TempDir tmp;
+  std::string partition = tmp.str();
   char target[512];
   ASSERT_EQ(form_relative_dirname(target, sizeof target, partition.c_str(), "/acct/CUSTOMERS"), 0);
   EXPECT_EQ(std::string(target), partition + "/AACUSTOMERS");
@@ -55,7 +56,8 @@ TEST(PartTable, PrefixTableGivesEachFileNameItsOwnPrefix) {
 }
 
 TEST(PartTable, TableFileRowsFollowTheDefaultRow) {
-  std::string home = fresh_dir("parttbl_home");
+  TempDir tmp;
+  std::string home = tmp.str();
   std::ofstream(home + "/parttbl") << "# partitions\n/data/p1 2000 1\n\n/data/p2 10 2 # second\n";
   setenv("MRVHOME", (home + "/").c_str(), 1);
   setenv("MRVBIN", (home + "/").c_str(), 1);
@@ -97,14 +99,15 @@ TEST(PartTable, SpaceCheckUsesTheReserve) {
 }
 
 TEST(PartTable, PartsGoToAnotherPartitionThroughALink) {
-  struct stat shm, tmp;
-  if (stat("/dev/shm", &shm) != 0 || stat(REEL_TEST_TMP, &tmp) != 0 || shm.st_dev == tmp.st_dev ||
+  struct stat shm, build;
+  if (stat("/dev/shm", &shm) != 0 || stat(REEL_TEST_TMP, &build) != 0 || shm.st_dev == build.st_dev ||
       access("/dev/shm", W_OK) != 0)
     GTEST_SKIP() << "no second file system to place parts on";
   std::string partition = "/dev/shm/mrv_parttbl_" + std::to_string(getpid());
   NT_RemoveFile(partition.c_str(), "");
   mkdir(partition.c_str(), 0777);
-  std::string dir = fresh_dir("parttbl_link");
+  TempDir tmp;
+  std::string dir = tmp.str();
   M_load_part_table();
   M_part_table[0].reserve = 0x7FFFFFFF;  // the file's own disk is "full"
   PartTableRow row;
@@ -142,7 +145,8 @@ TEST(PartTable, IllegalPartNames) {
   EXPECT_EQ(M_create_part_file(&rel, "/tmp/x/notes", &device, 1024, 0), -1);
   std::string out = testing::internal::GetCapturedStdout();
   EXPECT_EQ(out, "filename (dat001) is illegal.\nfilename (/tmp/x/notes) is illegal.\n");
-  std::string dir = fresh_dir("parttbl_exists");
+  TempDir tmp;
+  std::string dir = tmp.str();
   std::ofstream(dir + "/dat001") << "x";
   testing::internal::CaptureStdout();
   EXPECT_EQ(M_create_part_file(&rel, (dir + "/dat001").c_str(), &device, 1024, 0), -1);
