@@ -1,4 +1,4 @@
-// Scratch folders and byte helpers of the file library's tests.
+// Byte helpers and group-block builders of the file library's tests.
 #pragma once
 
 #include <fcntl.h>
@@ -8,23 +8,21 @@
 #include <algorithm>
 #include <cstdint>
 #include <cstdlib>
-#include <fstream>
-#include <iterator>
 #include <string>
 #include <vector>
 
 #include "NT/NT_utils.h"
+#include "support/files.h"
 #include "support/temp_dir.h"
 #include "flib/fl_block.h"
 
 inline std::vector<uint8_t> read_bytes(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  return std::vector<uint8_t>(std::istreambuf_iterator<char>(in), {});
+  std::string text = slurp(path);
+  return std::vector<uint8_t>(text.begin(), text.end());
 }
 
 inline void write_bytes(const std::string& path, const std::vector<uint8_t>& bytes) {
-  std::ofstream out(path, std::ios::binary | std::ios::trunc);
-  out.write(reinterpret_cast<const char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
+  spill(path, std::string(bytes.begin(), bytes.end()));
 }
 
 inline const uint8_t* key_bytes(const char* text) { return reinterpret_cast<const uint8_t*>(text); }
