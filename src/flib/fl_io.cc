@@ -10,6 +10,7 @@
 #include "flib/fl_block.h"
 #include "flib/fl_create.h"
 #include "flib/fl_errout.h"
+#include "flib/fl_free.h"
 #include "flib/fl_globals.h"
 #include "flib/fl_hash.h"
 #include "flib/fl_rel.h"
@@ -274,4 +275,57 @@ int M_read_grpblk(REL_TYPE* rel, uint32_t* address, uint8_t* block, const uint8_
     *address = gb_next(block);
   }
   return M_file_error(rel, fn, "chain loop", key, length, group);
+}
+
+int M_arrange_block(REL_TYPE* rel, uint8_t* table_block, uint8_t* data_block, uint32_t address,
+                    int32_t entry, int32_t size) {
+  const char* fn = "M_arrange_block";
+  int32_t group = static_cast<int32_t>(M_groupno);
+  uint32_t b = rel->block_size;
+  if (entry < 0 || entry >= std::min<int32_t>(gb_key_count(table_block), max_key_rows(b)))
+    return M_file_error(rel, fn, "entry", nullptr, 0, group);
+  uint32_t position = ke_position(table_block, entry);
+  int32_t length = ke_length(table_block, entry);
+  // The block's own position base: its offset with the overflow bit.
+  uint32_t base = address & ~ADDR_PART_MASK;
+  int64_t start = static_cast<int64_t>(position & 0x7FFFFFFFu) - (base & 0x7FFFFFFFu);
+  int64_t end = start + length;
+  int32_t byteleft = gb_byteleft(data_block);
+  int64_t moving = static_cast<int64_t>(size) - (byteleft + end);
+  if (length <= 0 || start < 0 || end > size || size > static_cast<int32_t>(b) || moving < 0)
+    return M_file_error(rel, fn, "movlen", nullptr, 0, group);
+  if (moving > 0) {
+    std::memmove(data_block + start, data_block + end, static_cast<size_t>(moving));
+    int32_t next = M_get_order(table_block, b, base + static_cast<uint32_t>(end));
+    if (next < 0) return M_file_error(rel, fn, "M_get_order", nullptr, 0, group);
+    int32_t rows = std::min<int32_t>(gb_key_count(table_block), max_key_rows(b));
+    for (int32_t row = next; row < rows; ++row) {
+      uint32_t p = ke_position(table_block, row);
+      if (p >= base && p < base + b) ke_set_position(table_block, row, p - static_cast<uint32_t>(length));
+    }
+  }
+  byteleft += length;
+  gb_set_byteleft(data_block, static_cast<int16_t>(byteleft));
+  std::memset(data_block + size - byteleft, 0, static_cast<size_t>(length));
+
+  uint8_t flags = gb_flags(data_block);
+  if (byteleft == static_cast<int32_t>(b - BLOCK_OVERHEAD)) {
+    gb_set_flags(data_block, static_cast<uint8_t>(flags & ~FLAG_LOW_BITS));
+    bool for_continuation = (flags & FLAG_FOR_CONTINUATION) != 0;
+    if (rel_is_dynamic(rel) && (gb_free_count(table_block) >= rel->grp_free_blk || for_continuation)) {
+      if (M_release_to_file(rel, address) != 0) return M_file_error(rel, fn, nullptr, nullptr, 0, group);
+      return 1;
+    }
+    fl_put_u32(data_block, DB_NEXT, gb_free_chain(table_block));
+    gb_set_free_chain(table_block, address);
+    gb_set_free_count(table_block, static_cast<int16_t>(gb_free_count(table_block) + 1));
+  } else if ((flags & FLAG_GROUP_BIT) != 0) {
+    return 1;
+  } else if (((flags & FLAG_LONG_MASK) == FLAG_LONG_LAST || (flags & FLAG_LONG_MASK) == FLAG_LONG_FIRST) &&
+             start == DB_DATA) {
+    // The tail of a long record is gone: only short records remain.
+    gb_set_flags(data_block, static_cast<uint8_t>(flags & ~FLAG_LONG_MASK));
+  }
+  if (M_blkwrite(rel, address, data_block) != 1) return M_file_error(rel, fn, nullptr, nullptr, 0, group);
+  return 1;
 }

@@ -60,3 +60,12 @@ const char* group_block_fault(const uint8_t* block, uint32_t block_size, bool he
 // in *previous), 0 absent, -1 after a report.
 int M_read_grpblk(REL_TYPE* rel, uint32_t* address, uint8_t* block, const uint8_t* key,
                   int32_t length, int32_t* row, uint32_t* previous);
+// Closes the hole that the record of row `entry` of `table_block` leaves in
+// `data_block` (at `address`; `size` is the block size): the bytes behind it
+// move down, the rows of this block behind it follow, byteleft grows and
+// the freed bytes are zeroed. An emptied data block goes onto the group free
+// list of `table_block`, or back to the file when that list is full or the
+// block served a continuation block. A group block is left for the caller
+// to write; any other block is written here. 1 or -1.
+int M_arrange_block(REL_TYPE* rel, uint8_t* table_block, uint8_t* data_block, uint32_t address,
+                    int32_t entry, int32_t size);

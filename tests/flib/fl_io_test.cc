@@ -18,6 +18,8 @@
 #include "flib/fl_open.h"
 #include "flib/fl_rel.h"
 #include "flib/fl_coding.h"
+#include "flib/fl_free.h"
+#include "flib/fl_ovhdr.h"
 
 namespace {
 
@@ -206,6 +208,105 @@ TEST(FlIoDynamic, FullPrimaryPartMovesTheHeadToANewPart) {
   EXPECT_EQ(ke_position(moved, 0), B + initial_datapos(B));
   EXPECT_EQ(ke_position(moved, 1), 0x80000000u | (2 * B + 12));
   EXPECT_EQ(fl_get_u16(read_bytes(path + "/over001").data(), 52), 2);
+}
+
+}  // namespace
+
+namespace {
+
+// A data block (whose positions start at `base`) holding the records one
+// after another from offset 12, and a head block whose rows point to them.
+struct Arranged {
+  std::vector<uint8_t> head, data;
+};
+
+Arranged records_in_block(uint32_t base, uint8_t flags, const std::vector<std::string>& records) {
+  Arranged a{make_group_block(B, B, 0, FLAG_HEAD, std::vector<std::string>(records.size(), "k")),
+             std::vector<uint8_t>(B, 0)};
+  gb_set_flags(a.data.data(), flags);
+  uint32_t at = DB_DATA;
+  for (size_t i = 0; i < records.size(); ++i) {
+    std::copy(records[i].begin(), records[i].end(), a.data.begin() + at);
+    ke_set_position(a.head.data(), static_cast<int32_t>(i), base + at);
+    ke_set_length(a.head.data(), static_cast<int32_t>(i), static_cast<int32_t>(records[i].size()));
+    at += static_cast<uint32_t>(records[i].size());
+  }
+  gb_set_byteleft(a.data.data(), static_cast<int16_t>(B - at));
+  return a;
+}
+
+TEST_F(FlIoFile, ArrangeClosesTheHoleAndMovesLaterRows) {
+  M_groupno = 0;
+  auto a = records_in_block(6 * B, 0, {"aaa", "bbbb", "cc"});
+  ASSERT_EQ(M_arrange_block(&rel, a.head.data(), a.data.data(), 6 * B, 1, B), 1);
+  EXPECT_EQ(std::string(a.data.begin() + 12, a.data.begin() + 18), std::string("aaacc\0", 6));
+  EXPECT_EQ(gb_byteleft(a.data.data()), static_cast<int16_t>(B - 17));
+  EXPECT_EQ(ke_position(a.head.data(), 0), 6 * B + 12);
+  EXPECT_EQ(ke_position(a.head.data(), 2), 6 * B + 15);
+  auto bytes = read_bytes(path);
+  ASSERT_EQ(bytes.size(), 7 * B);
+  EXPECT_TRUE(std::equal(a.data.begin(), a.data.end(), bytes.begin() + 6 * B));
+}
+
+TEST_F(FlIoFile, ArrangeDropsTheLongTailMarkAndFreesEmptyBlocks) {
+  M_groupno = 0;
+  auto tail = records_in_block(6 * B, FLAG_LONG_LAST, {"tail!", "xyz"});
+  ASSERT_EQ(M_arrange_block(&rel, tail.head.data(), tail.data.data(), 6 * B, 0, B), 1);
+  EXPECT_EQ(gb_flags(tail.data.data()), 0);
+  EXPECT_EQ(ke_position(tail.head.data(), 1), 6 * B + 12);
+
+  auto single = records_in_block(6 * B, 0x10, {"only"});
+  gb_set_free_chain(single.head.data(), 9 * B);
+  gb_set_free_count(single.head.data(), 1);
+  ASSERT_EQ(M_arrange_block(&rel, single.head.data(), single.data.data(), 6 * B, 0, B), 1);
+  EXPECT_EQ(gb_flags(single.data.data()), 0x10);  // bits 4-7 are kept
+  EXPECT_EQ(gb_byteleft(single.data.data()), static_cast<int16_t>(B - 12));
+  EXPECT_EQ(fl_get_u32(single.data.data(), DB_NEXT), 9 * B);
+  EXPECT_EQ(gb_free_chain(single.head.data()), 6 * B);
+  EXPECT_EQ(gb_free_count(single.head.data()), 2);
+  EXPECT_EQ(single.data[12], 0);
+
+  auto bad = records_in_block(6 * B, 0, {"abc"});
+  ke_set_length(bad.head.data(), 0, 2000);
+  std::string out = failing([&] { return M_arrange_block(&rel, bad.head.data(), bad.data.data(), 6 * B, 0, B); });
+  EXPECT_NE(out.find("movlen error in M_arrange_block"), std::string::npos);
+}
+
+TEST(FlIoDynamic, EmptiedBlocksGoBackToTheOverflowPart) {
+  TempDir tmp;
+  std::string path = tmp.str() + "/D";
+  ASSERT_EQ(M_create_hashed(path.c_str(), 3, 1, 64, 0, nullptr), 1);
+  REL_TYPE rel;
+  ASSERT_EQ(M_openfile(&rel, path.c_str(), 2), 1);
+  M_groupno = 0;
+  // A full group free list sends the emptied block to the file.
+  auto a = records_in_block(ADDR_OVERFLOW | B, 0, {"rec"});
+  gb_set_free_count(a.head.data(), 5);
+  ASSERT_EQ(M_arrange_block(&rel, a.head.data(), a.data.data(), ADDR_OVERFLOW | B, 0, B), 1);
+  ASSERT_EQ(M_release_to_file(&rel, 0), 0);
+  auto over = read_bytes(path + "/over001");
+  EXPECT_EQ(fl_get_i16(over.data(), OH_STACK_COUNT), 1);
+  EXPECT_EQ(fl_get_u32(over.data(), OH_STACK), ADDR_OVERFLOW | B);
+  EXPECT_EQ(fl_get_u32(over.data(), OH_FREE_COUNT), 1u);
+
+  // With the stack full, released blocks become a free-list block.
+  fl_put_i16(over.data(), OH_STACK_COUNT, static_cast<int16_t>(overflow_stack_capacity(B)));
+  write_bytes(path + "/over001", over);
+  ASSERT_EQ(M_release_to_file(&rel, ADDR_OVERFLOW | 2 * B), 0);
+  ASSERT_EQ(M_release_to_file(&rel, ADDR_OVERFLOW | 3 * B), 0);
+  ASSERT_EQ(M_release_to_file(&rel, 0), 0);
+  over = read_bytes(path + "/over001");
+  ASSERT_EQ(over.size(), 4 * B);
+  EXPECT_EQ(fl_get_u32(over.data(), OH_FREE_HEAD), ADDR_OVERFLOW | 3 * B);
+  EXPECT_EQ(fl_get_u32(over.data(), OH_FREE_COUNT), 3u);
+  const uint8_t* list = over.data() + 3 * B;
+  EXPECT_EQ(gb_flags(list), FLAG_FREE_LIST);
+  EXPECT_EQ(fl_get_i16(list, FL_LAST_INDEX), 1);
+  EXPECT_EQ(fl_get_u32(list, FL_SPACE_LEFT), B - 84);
+  EXPECT_EQ(fl_get_u32(list, FL_NEXT), 0u);
+  EXPECT_EQ(fl_get_u32(list, FL_ENTRIES), ADDR_OVERFLOW | 2 * B);
+  EXPECT_EQ(fl_get_u32(list, FL_ENTRIES + 4), ADDR_OVERFLOW | 3 * B);
+  M_closefile(&rel);
 }
 
 }  // namespace
