@@ -12,3 +12,14 @@ extern int32_t M_file_time_stamp;
 // (2 end of data, 3 name unusable, 6 other fault). Exported for modules
 // loaded into the process.
 extern "C" int32_t M_Status;
+
+// The no-wait switch: when on, a full disk fails the write at once instead
+// of waiting for the operator.
+extern int32_t M_no_wait;
+// The running language group: record mark, print-at character, null value.
+// Files record it in header bytes 52..54.
+extern uint8_t M_langgrp[3];
+inline constexpr uint8_t DEFAULT_LANGGRP[3] = {255, 192, 129};
+// How new dynamic files lay out their overflow parts: 0 one part, 1 one per
+// primary part, n > 1 n-1 parts spread over the groups.
+extern int32_t M_spread;

@@ -4,8 +4,6 @@
 // that says what is missing, or, where nothing depends on it yet, does
 // nothing and says so here. A layer that arrives removes its entry from this
 // file and defines it in its own module.
-#include "flib/fl_mempool.h"
-#include "flib/parttbl.h"
 #include "reel/reel_account.h"
 #include "reel/reel_dispatch.h"
 #include "reel/reel_init.h"
@@ -23,10 +21,3 @@ void reel_open_account() {
 void reel_close_account() {}
 
 void reel_apply_plan() { reel_fatal("Creating files from a plan is not available in this build.\n"); }
-
-// Nothing allocates from the pools yet.
-void M_init_pools() {}
-
-// Without a part table every part of a file lies beside the file, which is
-// the table's default row.
-int M_load_part_table() { return 0; }

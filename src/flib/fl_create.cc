@@ -1,0 +1,391 @@
+#include "flib/fl_create.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <ctime>
+#include <string>
+
+#include "NT/NT_access.h"
+#include "NT/NT_utils.h"
+#include "common/mrv_msg.h"
+#include "common/readconf.h"
+#include "flib/fl_block.h"
+#include "flib/fl_errout.h"
+#include "flib/fl_filehdr.h"
+#include "flib/fl_globals.h"
+#include "flib/fl_io.h"
+#include "flib/fl_lock.h"
+#include "flib/fl_open.h"
+#include "flib/fl_ovhdr.h"
+#include "flib/fl_rel.h"
+#include "flib/fl_report.h"
+#include "flib/lrgfillib.h"
+#include "flib/parttbl.h"
+
+namespace {
+
+// Writes a whole buffer at an offset; a full disk is waited out unless the
+// no-wait switch is on. 0 or -1.
+int write_waiting(int fd, const uint8_t* buffer, size_t length, off_t offset) {
+  for (;;) {
+    errno = 0;
+    if (M_ls_write(fd, buffer, length, offset) == static_cast<ssize_t>(length)) return 0;
+    if (errno != ENOSPC && errno != 0) return -1;
+    if (M_no_wait != 0 || M_fs_full_wait() < 0) return -1;
+  }
+}
+
+void remove_new_file(const REL_TYPE* rel) {
+  if (hash_is_dynamic(rel->hashtype))
+    NT_RemoveFile(rel->path, "");
+  else
+    unlink(rel->path);
+}
+
+int initfile_error(const REL_TYPE* rel, const char* cause, int part_fd) {
+  if (part_fd >= 0) close(part_fd);
+  M_file_error(rel, "M_initfile", cause, nullptr, 0, rel->modulo);
+  remove_new_file(rel);
+  return 0;
+}
+
+uint32_t time_stamp() {
+  return static_cast<uint32_t>(M_file_time_stamp != 0 ? M_file_time_stamp : std::time(nullptr));
+}
+
+int32_t load_setting(const char* name, int32_t fallback) {
+  int32_t v = M_env_param(name, fallback);
+  return v > 0 ? v : fallback;
+}
+
+// Byte 28 of group g's head block under a spread layout.
+uint8_t spread_part(int32_t spread, int32_t g, int32_t groups_per_part, int32_t modulo) {
+  if (spread == 0) return 0;
+  if (spread == 1) return static_cast<uint8_t>(g / groups_per_part + 1);
+  return static_cast<uint8_t>((g * (spread - 1) - 1) / modulo + 1);
+}
+
+int32_t overflow_part_count(int32_t spread, int32_t primary_parts) {
+  if (spread == 0) return 1;
+  if (spread == 1) return primary_parts;
+  return spread - 1;
+}
+
+int create_part_error(REL_TYPE* rel, const char* function, const char* cause, int fd, const char* path) {
+  if (fd >= 0) {
+    close(fd);
+    unlink(path);
+  }
+  return M_file_error(rel, function, cause, nullptr, 0, rel->modulo);
+}
+
+}  // namespace
+
+int M_initfile(int fd, REL_TYPE* rel) {
+  int32_t k = std::clamp<int32_t>(static_cast<int32_t>(rel->block_size / 1024), 0, 16);
+  uint32_t b = k == 0 ? 512 : static_cast<uint32_t>(k) * 1024;
+  rel->block_size = b;
+  bool dynamic = hash_is_dynamic(rel->hashtype);
+  int32_t modulo = rel->modulo;
+
+  FileHeader h;
+  h.rfs = rel->rfs != 0 ? 1 : 0;
+  h.block_code = k - 1;
+  h.max_flength = M_max_flength();
+  int32_t groups_per_part = h.max_flength / static_cast<int32_t>(b) - 1;
+  if (dynamic && modulo > groups_per_part) {
+    h.modulo = groups_per_part;
+  } else {
+    h.modulo = modulo;
+    groups_per_part = std::max(modulo, 1);
+  }
+  h.hashtype = rel->hashtype;
+  if (hash_is_key_range(rel->hashtype)) {
+    h.format = FORMAT_KEY_RANGE;
+  } else if (!dynamic) {
+    h.format = FORMAT_STATIC;
+    if ((static_cast<int64_t>(modulo) + 1) * k > MAX_STATIC_KBLOCKS) {
+      errno = EFBIG;
+      return initfile_error(rel, "write", -1);
+    }
+  } else {
+    h.format = FORMAT_DYNAMIC;
+  }
+  int32_t spread = dynamic ? M_spread : 0;
+  h.first_group = 0;
+  h.spread = spread != 0 ? 1 : 0;
+  h.record_mark = M_langgrp[0];
+  h.lang2 = M_langgrp[1];
+  h.lang3 = M_langgrp[2];
+  std::memcpy(h.update_trigger, rel->update_trigger, sizeof h.update_trigger);
+  std::memcpy(h.delete_trigger, rel->delete_trigger, sizeof h.delete_trigger);
+
+  uint8_t block[MAX_BLOCK_SIZE] = {};
+  encode_file_header(h, block);
+  if (write_waiting(fd, block, b, 0) != 0) return initfile_error(rel, "write", -1);
+
+  // Later primary parts start with a copy of the header.
+  FileHeader copy = h;
+  uint8_t head[MAX_BLOCK_SIZE] = {};
+  uint32_t d = initial_datapos(b);
+  gb_set_byteleft(head, static_cast<int16_t>(b - d));
+  gb_set_datapos(head, static_cast<int16_t>(d));
+  gb_set_flags(head, FLAG_HEAD);
+  gb_set_hashtype(head, static_cast<uint8_t>(rel->hashtype));
+  gb_set_time(head, time_stamp());
+
+  int part_fd = fd;
+  int32_t first_group = 0;
+  int32_t primary_parts = 1;
+  for (int32_t g = 0; g < modulo; ++g) {
+    if (g > 0 && g % groups_per_part == 0) {
+      copy.first_group = g;
+      first_group = g;
+      ++primary_parts;
+      char path[REL_NAME_SIZE + 16];
+      M_part_path(rel, static_cast<uint32_t>(g / groups_per_part + 1), path, sizeof path);
+      uint32_t size = static_cast<uint32_t>(std::min(modulo - g + 1, groups_per_part)) * b;
+      uint32_t device = 0;
+      part_fd = M_create_part_file(rel, path, &device, size, 0);
+      if (part_fd < 0) return initfile_error(rel, "M_create_part_file", -1);
+      std::memset(block, 0, b);
+      encode_file_header(copy, block);
+      if (write_waiting(part_fd, block, b, 0) != 0) return initfile_error(rel, "write", part_fd);
+    }
+    gb_set_over_part(head, spread_part(spread, g, groups_per_part, modulo));
+    gb_set_group(head, static_cast<uint32_t>(g));
+    off_t offset = static_cast<off_t>(g - first_group + 1) * b;
+    if (write_waiting(part_fd, head, b, offset) != 0)
+      return initfile_error(rel, "write", part_fd != fd ? part_fd : -1);
+    bool last_of_part = g + 1 == modulo || (g + 1) % groups_per_part == 0;
+    if (last_of_part && part_fd != fd) {
+      fsync(part_fd);
+      close(part_fd);
+      part_fd = fd;
+    }
+  }
+  rel->primary.assign(static_cast<size_t>(primary_parts), PartEntry{});
+  if (!dynamic) return 1;
+
+  int32_t overflow_parts = overflow_part_count(spread, primary_parts);
+  OverflowHeader oh;
+  oh.primary_parts = static_cast<uint16_t>(primary_parts);
+  oh.overflow_parts = static_cast<uint16_t>(overflow_parts);
+  oh.next_block = b;
+  oh.modulo = static_cast<uint32_t>(modulo);
+  oh.min_modulo = static_cast<uint32_t>(modulo);
+  bool keydata = hash_is_keydata(rel->hashtype);
+  bool key_range_groups = hash_is_key_range(rel->hashtype) && modulo != 0;
+  int32_t split = key_range_groups ? 100
+                  : rel->split_load != 0
+                      ? rel->split_load
+                      : (keydata ? load_setting("KEYDATA_SPLIT_LOAD", DEFAULT_KEYDATA_SPLIT_LOAD)
+                                 : load_setting("SPLIT_LOAD", DEFAULT_SPLIT_LOAD));
+  int32_t merge = key_range_groups ? 0
+                  : rel->merge_load != 0
+                      ? rel->merge_load
+                      : (keydata ? load_setting("KEYDATA_MERGE_LOAD", DEFAULT_KEYDATA_MERGE_LOAD)
+                                 : load_setting("MERGE_LOAD", DEFAULT_MERGE_LOAD));
+  oh.split_load = static_cast<uint8_t>(std::clamp(split, 0, 255));
+  oh.merge_load = static_cast<uint8_t>(std::clamp(merge, 0, MAX_MERGE_LOAD));
+  oh.max_flength = h.max_flength;
+  oh.grp_free_blk = static_cast<int16_t>(load_setting("GRP_FREE_BLK", DEFAULT_GRP_FREE_BLK));
+  oh.stack_capacity = static_cast<int16_t>(overflow_stack_capacity(b));
+  oh.stack_count = 0;
+  for (int32_t p = 1; p <= overflow_parts; ++p) {
+    char path[REL_NAME_SIZE + 16];
+    M_part_path(rel, static_cast<uint32_t>(p) | PART_OVERFLOW, path, sizeof path);
+    uint32_t size = static_cast<uint32_t>(std::min(modulo + 1, groups_per_part)) * b;
+    uint32_t device = 0;
+    int over_fd = M_create_part_file(rel, path, &device, size, 0);
+    if (over_fd < 0) return initfile_error(rel, "M_create_part_file", -1);
+    std::memset(block, 0, b);
+    encode_overflow_header(oh, block);
+    if (write_waiting(over_fd, block, b, 0) != 0) return initfile_error(rel, "write", over_fd);
+    fsync(over_fd);
+    close(over_fd);
+  }
+  rel->overflow.assign(static_cast<size_t>(overflow_parts), PartEntry{});
+  return 1;
+}
+
+int write_file_header(REL_TYPE* rel, uint32_t part) {
+  uint8_t block[MAX_BLOCK_SIZE] = {};
+  uint32_t b = rel->block_size;
+  bool overflow = (part & PART_OVERFLOW) != 0;
+  uint32_t index = (part & ~PART_OVERFLOW) - 1;
+  if (overflow) {
+    OverflowHeader oh;
+    oh.stack_capacity = static_cast<int16_t>(overflow_stack_capacity(b));
+    oh.next_block = b | index;
+    oh.modulo = rel->sfd != nullptr ? rel->sfd->modulo : static_cast<uint32_t>(rel->modulo);
+    oh.split_load = static_cast<uint8_t>(rel->split_load);
+    oh.merge_load = static_cast<uint8_t>(rel->merge_load);
+    oh.primary_parts = rel->sfd != nullptr ? rel->sfd->primary_count : 1;
+    oh.overflow_parts = rel->sfd != nullptr ? rel->sfd->overflow_count : 1;
+    oh.min_modulo = static_cast<uint32_t>(rel->min_modulo);
+    encode_overflow_header(oh, block);
+  } else {
+    fl_put_i32(block, FH_MODULO, rel->min_modulo);
+    fl_put_i32(block, FH_HASHTYPE, rel->hashtype);
+    fl_put_i32(block, FH_FIRST_GROUP,
+               static_cast<int32_t>(rel->sfd != nullptr ? rel->sfd->modulo : static_cast<uint32_t>(rel->modulo)));
+    fl_put_i32(block, FH_MAX_FLENGTH, rel->max_flength != 0 ? rel->max_flength : M_max_flength());
+  }
+  return M_blkwrite(rel, make_addr(overflow, 0, index), block) == 1 ? 0 : -1;
+}
+
+int update_file_info(REL_TYPE* rel, int what) {
+  if (rel->sfd == nullptr) return -1;
+  uint8_t block[MAX_BLOCK_SIZE];
+  if (M_lock_block(rel, ADDR_OVERFLOW, LOCK_EXCLUSIVE) != 0)
+    return M_file_error(rel, "update_file_info", "M_mrvlockf", nullptr, 0, what);
+  int result = M_blkread(rel, ADDR_OVERFLOW, block, CHECK_NONE) == 1 ? 0 : -1;
+  if (result == 0) {
+    switch (what) {
+      case 1:
+        fl_put_u16(block, OH_PRIMARY_PARTS, rel->sfd->primary_count);
+        break;
+      case 2:
+        fl_put_u16(block, OH_OVERFLOW_PARTS, rel->sfd->overflow_count);
+        break;
+      default:
+        fl_put_u32(block, OH_MODULO, rel->sfd->modulo);
+        break;
+    }
+    result = M_blkwrite(rel, ADDR_OVERFLOW, block) == 1 ? 0 : -1;
+  }
+  M_unlock_block(rel, ADDR_OVERFLOW);
+  if (result != 0) M_file_error(rel, "update_file_info", nullptr, nullptr, 0, what);
+  return result;
+}
+
+int create_primary_part_file(REL_TYPE* rel, int wait) {
+  const char* fn = "create_primary_part_file";
+  if (rel->sfd == nullptr || rel->primary.size() >= static_cast<size_t>(MAX_PARTS))
+    return M_file_error(rel, fn, "part count", nullptr, 0, static_cast<int32_t>(rel->primary.size()));
+  auto number = static_cast<uint32_t>(rel->primary.size() + 1);
+  char path[REL_NAME_SIZE + 16];
+  M_part_path(rel, number, path, sizeof path);
+  M_reserve_descriptor();
+  uint32_t b = rel->block_size;
+  uint32_t size = static_cast<uint32_t>(std::min<int64_t>(static_cast<int64_t>(rel->modulo) + 1, rel->groups_per_part)) * b;
+  uint32_t device = 0;
+  int fd = M_create_part_file(rel, path, &device, size, wait);
+  if (fd == -2) return -2;
+  if (fd < 0) return M_file_error(rel, fn, "M_create_part_file", nullptr, 0, static_cast<int32_t>(number));
+  PartEntry entry;
+  entry.fd = fd;
+  entry.device = device;
+  entry.first_group = rel->sfd->modulo;
+  rel->primary.push_back(entry);
+  rel->sfd->primary_count = static_cast<uint8_t>(number);
+  rel->fd = fd;
+  rel->primary_current = static_cast<uint8_t>(number);
+  if (write_file_header(rel, number) != 0 || update_file_info(rel, 1) != 0 ||
+      M_insert_part_file(rel, number - 1) != 0) {
+    rel->primary.pop_back();
+    rel->sfd->primary_count = static_cast<uint8_t>(number - 1);
+    rel->fd = -1;
+    rel->primary_current = 0;
+    return create_part_error(rel, fn, "write", fd, path);
+  }
+  return 0;
+}
+
+int create_overflow_part_file(REL_TYPE* rel, int wait) {
+  const char* fn = "create_overflow_part_file";
+  if (rel->sfd == nullptr || rel->overflow.size() >= static_cast<size_t>(MAX_PARTS))
+    return M_file_error(rel, fn, "part count", nullptr, 0, static_cast<int32_t>(rel->overflow.size()));
+  uint32_t b = rel->block_size;
+  char first[REL_NAME_SIZE + 16];
+  M_part_path(rel, 1 | PART_OVERFLOW, first, sizeof first);
+  struct stat st;
+  int64_t blocks = stat(first, &st) == 0 ? st.st_size / b : 0;
+  blocks = std::max<int64_t>(blocks, static_cast<int64_t>(rel->modulo) + 1);
+  uint32_t size = static_cast<uint32_t>(std::min<int64_t>(blocks, rel->groups_per_part)) * b;
+  auto number = static_cast<uint32_t>(rel->overflow.size() + 1);
+  char path[REL_NAME_SIZE + 16];
+  M_part_path(rel, number | PART_OVERFLOW, path, sizeof path);
+  M_reserve_descriptor();
+  uint32_t device = 0;
+  int fd = M_create_part_file(rel, path, &device, size, wait);
+  if (fd == -2) return -2;
+  if (fd < 0) return M_file_error(rel, fn, "M_create_part_file", nullptr, 0, static_cast<int32_t>(number));
+  PartEntry entry;
+  entry.fd = fd;
+  entry.device = device;
+  rel->overflow.push_back(entry);
+  rel->sfd->overflow_count = static_cast<uint8_t>(number);
+  rel->over_fd = fd;
+  rel->over_current = static_cast<uint8_t>(number);
+  rel->space_cell = entry.space_cell;
+  rel->space_reserved = entry.space_reserved;
+  if (write_file_header(rel, number | PART_OVERFLOW) != 0 || update_file_info(rel, 2) != 0 ||
+      M_insert_part_file(rel, (number - 1) | PART_OVERFLOW) != 0) {
+    rel->overflow.pop_back();
+    rel->sfd->overflow_count = static_cast<uint8_t>(number - 1);
+    rel->over_fd = -1;
+    rel->over_current = 0;
+    return create_part_error(rel, fn, "write", fd, path);
+  }
+  return 0;
+}
+
+int M_create_hashed(const char* path, int32_t modulo, int32_t block, int32_t type, int32_t verbose,
+                    const char* part_table) {
+  if (NT_access(path, 0) == 0) {
+    M_msgno_out(0x2A3B, "%s", path);
+    return 0;
+  }
+  uint32_t b = block == 0 ? 512 : static_cast<uint32_t>(block) * 1024;
+  REL_TYPE rel;
+  std::snprintf(rel.path, sizeof rel.path, "%s", path);
+  const char* slash = std::strrchr(path, '/');
+  std::snprintf(rel.name, sizeof rel.name, "%s", slash != nullptr ? slash + 1 : path);
+  rel.modulo = modulo;
+  rel.hashtype = static_cast<int16_t>(type);
+  rel.block_size = b;
+  int fd;
+  if (!hash_is_dynamic(type)) {
+    fd = open(path, O_RDWR | O_CREAT, 0666);
+    if (fd < 0) {
+      M_msgno_out(0x2A34, "%s", path);
+      return 0;
+    }
+  } else {
+    if (mkdir(path, 0777) != 0) {
+      M_msgno_out(0x2A34, "%s", path);
+      return 0;
+    }
+    if (part_table != nullptr)
+      M_errmsg(0, "NT doesn't support per-file part table, ingore the per-file part table.\n");
+    int64_t g = M_max_flength() / static_cast<int64_t>(b);
+    int64_t blocks = static_cast<int64_t>(modulo) + 1 < g ? static_cast<int64_t>(modulo) + 1 : g;
+    rel.groups_per_part = static_cast<int32_t>(g);
+    char first[REL_NAME_SIZE + 16];
+    M_part_path(&rel, 1, first, sizeof first);
+    uint32_t device = 0;
+    fd = M_create_part_file(&rel, first, &device, static_cast<uint32_t>(blocks * b), 0);
+    if (fd < 0) {
+      M_msgno_out(0x2A34, "%s", path);
+      NT_RemoveFile(path, "");
+      return 0;
+    }
+  }
+  if (M_initfile(fd, &rel) != 1) {
+    // M_initfile has removed what it made.
+    close(fd);
+    M_msgno_out(0x117, "%s", path);
+    return 0;
+  }
+  fsync(fd);
+  close(fd);
+  return 1;
+}

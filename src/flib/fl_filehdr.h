@@ -1,0 +1,101 @@
+// FILE_HEADER: block 0 of a static file, of dat001 and of every later datNNN.
+//
+// Only the first 512 bytes are read at open; the rest of the block is zero.
+//
+// OFFSET SIZE  DESCRIPTION
+//      0    4  modulo: groups at creation; in a dynamic file made with more
+//              groups than fit in one part, the groups of one part; in a
+//              datNNN made later, the minimum modulo
+//      4    4  hash type word (read back as its low 16 bits)
+//      8    4  reserved, 0 (the head-block image reuses it for the group)
+//     12    4  format word: 2 static, 3 dynamic, 4 key-range
+//     16    4  block size code: -1 for 512 bytes, else k-1 for k*1024 bytes
+//     20    4  number of alternate key indexes
+//     24    4  RFS flag, 0 or 1 ("the 7th integer location")
+//     28   20  reserved, 0
+//     48    4  spread flag: 1 when overflow parts were laid out spread
+//     52    1  record mark of the writing language group (default 255)
+//     53    1  language byte 2 (default 192)
+//     54    1  language byte 3 (default 129)
+//     55    1  reserved, 0
+//     56    4  first group whose head lies in this part (0 in dat001)
+//     60    4  MAX_FLENGTH: largest part size in bytes; 0 = the setting
+//     64  192  reserved, 0
+//    256   32  update trigger name, NUL-padded, not terminated when full
+//    288   32  delete trigger name, the same
+//    320 rest  reserved, 0
+//
+// Hash type word: bit 6 (64) dynamic; bit 5 (32) KEYDATA load accounting;
+// (word & 66) == 66 key-range file; (word & ~96) is the hash function, 0 or 1
+// (2 for a key-range file).
+#pragma once
+
+#include <cstdint>
+
+inline constexpr uint32_t FH_MODULO = 0;
+inline constexpr uint32_t FH_HASHTYPE = 4;
+inline constexpr uint32_t FH_RESERVED_8 = 8;
+inline constexpr uint32_t FH_FORMAT = 12;
+inline constexpr uint32_t FH_BLOCK_CODE = 16;
+inline constexpr uint32_t FH_INDEX_COUNT = 20;
+inline constexpr uint32_t FH_RFS = 24;
+inline constexpr uint32_t FH_SPREAD = 48;
+inline constexpr uint32_t FH_RECORD_MARK = 52;
+inline constexpr uint32_t FH_LANG_2 = 53;
+inline constexpr uint32_t FH_LANG_3 = 54;
+inline constexpr uint32_t FH_FIRST_GROUP = 56;
+inline constexpr uint32_t FH_MAX_FLENGTH = 60;
+inline constexpr uint32_t FH_UPDATE_TRIGGER = 256;
+inline constexpr uint32_t FH_DELETE_TRIGGER = 288;
+inline constexpr uint32_t FH_TRIGGER_SIZE = 32;
+// The part of block 0 that open reads.
+inline constexpr uint32_t FH_READ_SIZE = 512;
+
+inline constexpr int32_t HASH_DYNAMIC = 64;
+inline constexpr int32_t HASH_KEYDATA = 32;
+inline constexpr int32_t HASH_KEY_RANGE = 66;
+inline constexpr int32_t FORMAT_STATIC = 2;
+inline constexpr int32_t FORMAT_DYNAMIC = 3;
+inline constexpr int32_t FORMAT_KEY_RANGE = 4;
+
+inline constexpr int32_t DEFAULT_MAX_FLENGTH = 1073741824;
+inline constexpr uint32_t MAX_BLOCK_SIZE = 16384;
+
+inline bool hash_is_dynamic(int32_t word) { return (word & HASH_DYNAMIC) != 0; }
+inline bool hash_is_key_range(int32_t word) { return (word & HASH_KEY_RANGE) == HASH_KEY_RANGE; }
+inline bool hash_is_keydata(int32_t word) { return (word & HASH_KEYDATA) != 0; }
+inline int32_t hash_function(int32_t word) { return word & ~96; }
+
+struct FileHeader {
+  int32_t modulo = 0;
+  int32_t hashtype = 0;  // low 16 bits of the stored word
+  int32_t format = 0;
+  int32_t block_code = 0;
+  int32_t index_count = 0;
+  int32_t rfs = 0;
+  int32_t spread = 0;
+  uint8_t record_mark = 0;
+  uint8_t lang2 = 0;
+  uint8_t lang3 = 0;
+  int32_t first_group = 0;
+  int32_t max_flength = 0;
+  char update_trigger[FH_TRIGGER_SIZE + 1] = {};
+  char delete_trigger[FH_TRIGGER_SIZE + 1] = {};
+};
+
+// REQUIRES: `block` holds at least FH_READ_SIZE bytes.
+FileHeader decode_file_header(const uint8_t* block);
+// Writes every field into `block` (FH_READ_SIZE bytes or more); the bytes
+// between the fields are left as they are, so pass a zeroed buffer.
+void encode_file_header(const FileHeader& header, uint8_t* block);
+
+// Block size of a block size code: -1 gives 512, k-1 gives k*1024; 0 for a
+// code outside -1..15.
+uint32_t block_size_of_code(int32_t code);
+// The code stored for a block size B.
+int32_t code_of_block_size(uint32_t block_size);
+
+// Prints the report for a format word that this machine does not accept:
+// which machine this is, then what the word says the file is. `rfs` picks
+// "Recoverable" or "Nonrecoverable" for the two-name forms.
+void report_format_word(int32_t format, int32_t rfs, const char* name);

@@ -1,0 +1,129 @@
+#include "flib/fl_lock.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <map>
+#include <string>
+#include <tuple>
+
+#include "NT/NT_utils.h"
+#include "common/readconf.h"
+#include "flib/fl_block.h"
+#include "flib/fl_errout.h"
+#include "flib/fl_io.h"
+#include "flib/fl_rel.h"
+
+LockStatistics M_lock_stats;
+int32_t M_lock_fifo = 0;
+
+namespace {
+
+using LockName = std::tuple<uint32_t, uint32_t, std::string, std::string>;
+// Names this process holds, with the number of times each was taken.
+std::map<LockName, int32_t> g_held;
+
+std::string cut_text(const char* text, int32_t length) {
+  if (text == nullptr) return {};
+  size_t n = length >= 0 ? static_cast<size_t>(length) : std::strlen(text);
+  return std::string(text, std::min(n, LLM_TEXT_LIMIT));
+}
+
+LockName lock_name(const char* kind, const uint32_t file_id[2], const char* key, int32_t kind_length,
+                   int32_t key_length) {
+  return {file_id != nullptr ? file_id[0] : 0u, file_id != nullptr ? file_id[1] : 0u,
+          cut_text(key, key_length), cut_text(kind, kind_length)};
+}
+
+bool is_semaphore(const char* kind) { return kind != nullptr && std::strncmp(kind, "semaphore", 9) == 0; }
+
+PartEntry* part_of(REL_TYPE* rel, uint32_t address) {
+  if (!rel_is_dynamic(rel)) return nullptr;
+  auto& parts = addr_is_overflow(address) ? rel->overflow : rel->primary;
+  uint32_t index = addr_part_index(address);
+  return index < parts.size() ? &parts[index] : nullptr;
+}
+
+}  // namespace
+
+int M_mrvlockf(int fd, int32_t mode, uint32_t start, uint32_t length) {
+  NT_flock lock{(mode & 0xFF) == LOCK_SHARED ? NT_RDLCK : NT_WRLCK, 0, static_cast<int32_t>(start),
+                static_cast<int32_t>(length)};
+  return NT_fcntl(fd, (mode & LOCK_NOWAIT) != 0 ? NT_SETLK : NT_SETLKW, &lock);
+}
+
+int M_mrvunlock(int fd, uint32_t start, uint32_t length) {
+  NT_flock lock{NT_UNLCK, 0, static_cast<int32_t>(start), static_cast<int32_t>(length)};
+  return NT_fcntl(fd, NT_SETLK, &lock);
+}
+
+int M_lock_block(REL_TYPE* rel, uint32_t address, int32_t mode) {
+  int fd = M_get_fd(rel, address);
+  if (fd < 0) return -1;
+  if (M_mrvlockf(fd, mode, addr_offset(address), 1) != 0) return -1;
+  if (PartEntry* part = part_of(rel, address)) ++part->lock_count;
+  return 0;
+}
+
+int M_unlock_block(REL_TYPE* rel, uint32_t address) {
+  int fd = M_get_fd(rel, address);
+  if (fd < 0) return -1;
+  int result = M_mrvunlock(fd, addr_offset(address), 1);
+  if (PartEntry* part = part_of(rel, address); part != nullptr && part->lock_count > 0) --part->lock_count;
+  return result;
+}
+
+int M_LLM_Lock(const char* kind, const uint32_t file_id[2], const char* key, int32_t function,
+               int32_t wait, int32_t owner, int32_t kind_length, int32_t key_length) {
+  ++M_lock_stats.lock_calls;
+  if (is_semaphore(kind)) ++M_lock_stats.semaphore_locks;
+  // One process at a time: nobody else can hold the name, so it is granted.
+  ++g_held[lock_name(kind, file_id, key, kind_length, key_length)];
+  return LLM_GRANTED;
+}
+
+int M_LLM_Release(const char* kind, const uint32_t file_id[2], const char* key, int32_t owner,
+                  int32_t kind_length, int32_t key_length) {
+  ++M_lock_stats.release_calls;
+  if (is_semaphore(kind)) ++M_lock_stats.semaphore_releases;
+  auto it = g_held.find(lock_name(kind, file_id, key, kind_length, key_length));
+  if (it == g_held.end()) {
+    M_errout(0, "M_LLM_Release error %d.\n", LLM_SYSTEM_FAILURE);
+    return -1;
+  }
+  if (--it->second == 0) g_held.erase(it);
+  return 0;
+}
+
+bool M_LLM_held(const char* kind, const uint32_t file_id[2], const char* key, int32_t kind_length,
+                int32_t key_length) {
+  return g_held.count(lock_name(kind, file_id, key, kind_length, key_length)) != 0;
+}
+
+int M_upl_lock(const REL_TYPE* rel, uint32_t group, int32_t mode) {
+  std::string key = std::to_string(group);
+  int result = M_LLM_Lock("UPL", rel->file_id + 1, key.c_str(), mode, 1, 0, -1, -1);
+  if (result != LLM_GRANTED) {
+    M_errout(0, "upl lock error(%d).\n", result);
+    return -1;
+  }
+  return 0;
+}
+
+int M_upl_unlock(const REL_TYPE* rel, uint32_t group) {
+  std::string key = std::to_string(group);
+  int result = M_LLM_Release("UPL", rel->file_id + 1, key.c_str(), 0, -1, -1);
+  if (result != 0) {
+    M_errout(0, "upl unlock error(%d).\n", result);
+    return -1;
+  }
+  return 0;
+}
+
+void M_check_lock_config() { M_lock_fifo = M_env_param("LOCKFIFO", 0) == 1 ? 1 : 0; }
+
+int M_idx_lockf(int fd, int32_t mode) {
+  int result = mode == 0 ? M_mrvunlock(fd, 0, 1) : M_mrvlockf(fd, mode, 0, 1);
+  if (result != 0) M_errout(0, "M_lock lock error in M_idx_lockf.(%d) \n", errno);
+  return result;
+}

@@ -1,0 +1,147 @@
+#include "flib/fl_check.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "fl_test_util.h"
+#include "flib/fl_block.h"
+#include "flib/fl_create.h"
+#include "flib/fl_hash.h"
+#include "flib/fl_ovhdr.h"
+
+namespace {
+
+constexpr uint32_t B = 1024;
+constexpr uint32_t kModulo = 5;
+
+std::vector<std::string> check(const std::string& path) {
+  std::vector<std::string> findings;
+  testing::internal::CaptureStdout();
+  int count = M_check_file(path.c_str(), &findings);
+  testing::internal::GetCapturedStdout();
+  EXPECT_EQ(count, static_cast<int>(findings.size()));
+  return findings;
+}
+
+bool has(const std::vector<std::string>& findings, const std::string& text) {
+  for (const auto& f : findings)
+    if (f.find(text) != std::string::npos) return true;
+  return false;
+}
+
+std::string joined(const std::vector<std::string>& findings) {
+  std::string all;
+  for (const auto& f : findings) all += f + "\n";
+  return all;
+}
+
+// Replaces block `index` of a file.
+void put_block(const std::string& path, uint32_t index, const std::vector<uint8_t>& block) {
+  auto bytes = read_bytes(path);
+  if (bytes.size() < (index + 1) * B) bytes.resize((index + 1) * B);
+  std::copy(block.begin(), block.end(), bytes.begin() + index * B);
+  write_bytes(path, bytes);
+}
+
+class FlCheck : public testing::Test {
+ protected:
+  TempDir tmp;
+  std::string dir, path;
+  uint32_t group_of_a = 0;
+  void SetUp() override {
+    dir = tmp.str();
+    path = dir + "/S";
+    ASSERT_EQ(M_create_hashed(path.c_str(), kModulo, 1, 0, 0, nullptr), 1);
+    // Keys "A" and "F" both hash to 65 mod 5 = 0 and 70 mod 5 = 0.
+    group_of_a = hash_decimal_static(key_bytes("A"), 1, kModulo);
+    auto head = make_group_block(B, B * (group_of_a + 1), group_of_a, FLAG_HEAD, {"A", "F"});
+    put_block(path, group_of_a + 1, head);
+  }
+};
+
+TEST_F(FlCheck, FreshAndFilledFilesAreSound) {
+  EXPECT_EQ(joined(check(path)), "");
+  std::string dyn = dir + "/D";
+  ASSERT_EQ(M_create_hashed(dyn.c_str(), 9, 1, 65, 0, nullptr), 1);
+  EXPECT_EQ(joined(check(dyn)), "");
+}
+
+TEST_F(FlCheck, KeyInTheWrongGroup) {
+  auto head = make_group_block(B, B * 3, 2, FLAG_HEAD, {"A"});
+  put_block(path, 3, head);
+  auto findings = check(path);
+  EXPECT_TRUE(has(findings, "group 2 block 0XC00: key 'A' hashes to group 0")) << joined(findings);
+}
+
+TEST_F(FlCheck, ChainsThatLoopOrLeaveTheFile) {
+  auto head = make_group_block(B, B, 0, FLAG_HEAD, {"A"});
+  gb_set_next(head.data(), 6 * B);
+  put_block(path, 1, head);
+  auto cont = make_group_block(B, 6 * B, 0, FLAG_CONTINUATION, {"F"});
+  gb_set_next(cont.data(), 6 * B);
+  put_block(path, 6, cont);
+  EXPECT_TRUE(has(check(path), "group 0: chain loops back to 0X1800"));
+  gb_set_next(cont.data(), 40 * B);
+  put_block(path, 6, cont);
+  EXPECT_TRUE(has(check(path), "group 0: block 0XA000 lies outside the file"));
+  gb_set_next(cont.data(), 0);
+  gb_set_flags(cont.data(), FLAG_HEAD);
+  put_block(path, 6, cont);
+  EXPECT_TRUE(has(check(path), "group 0 block 0X1800: flags 2, a continuation block was expected"));
+}
+
+TEST_F(FlCheck, BrokenFieldsOfAGroupBlock) {
+  auto head = make_group_block(B, B, 0, FLAG_HEAD, {"A", "F"});
+  gb_set_group(head.data(), 4);
+  gb_set_hashtype(head.data(), 7);
+  gb_set_key_bytes(head.data(), 9);
+  ke_set_length(head.data(), 1, 900);
+  put_block(path, 1, head);
+  auto findings = check(path);
+  EXPECT_TRUE(has(findings, "group 0 block 0X400: group field 4")) << joined(findings);
+  EXPECT_TRUE(has(findings, "group 0 block 0X400: hash type byte 7"));
+  EXPECT_TRUE(has(findings, "group 0 block 0X400: key bytes 9, the keys take 4"));
+  EXPECT_TRUE(has(findings, "group 0 block 0X400: row 1 record lies outside the data area"));
+  gb_set_datapos(head.data(), 60);
+  put_block(path, 1, head);
+  EXPECT_TRUE(has(check(path), "group 0 block 0X400: blksize=1024, datapos=60 "));
+}
+
+TEST_F(FlCheck, LongRecordChains) {
+  auto head = make_group_block(B, B, 0, FLAG_HEAD, {"A"});
+  ke_set_position(head.data(), 0, 6 * B + DB_DATA);
+  ke_set_length(head.data(), 0, static_cast<int32_t>(2 * (B - 12)));  // two blocks
+  put_block(path, 1, head);
+  std::vector<uint8_t> first(B, 0), last(B, 0);
+  gb_set_flags(first.data(), FLAG_LONG_FIRST);
+  fl_put_u32(first.data(), DB_NEXT, 7 * B);
+  gb_set_flags(last.data(), FLAG_LONG_LAST);
+  put_block(path, 6, first);
+  put_block(path, 7, last);
+  EXPECT_EQ(joined(check(path)), "");
+  gb_set_flags(last.data(), FLAG_LONG_MIDDLE);
+  put_block(path, 7, last);
+  EXPECT_TRUE(has(check(path), "group 0: long record at 0X180C: block 0X1C00 has flags 4"));
+  fl_put_u32(first.data(), DB_NEXT, 0);
+  put_block(path, 6, first);
+  EXPECT_TRUE(has(check(path), "group 0: long record at 0X180C ends after 1 of 2 blocks"));
+}
+
+TEST_F(FlCheck, DynamicHeadersAndStrayParts) {
+  std::string dyn = dir + "/D";
+  ASSERT_EQ(M_create_hashed(dyn.c_str(), 4, 1, 64, 0, nullptr), 1);
+  auto over = read_bytes(dyn + "/over001");
+  fl_put_i16(over.data(), OH_STACK_CAPACITY, 10);
+  fl_put_u32(over.data(), OH_MIN_MODULO, 9);
+  write_bytes(dyn + "/over001", over);
+  write_bytes(dyn + "/over002", std::vector<uint8_t>(B, 0));
+  auto findings = check(dyn);
+  EXPECT_TRUE(has(findings, "over001: stack capacity 10, not 237")) << joined(findings);
+  EXPECT_TRUE(has(findings, "over001: modulo 4 below minimum modulo 9"));
+  EXPECT_TRUE(has(findings, dyn + "/over002 exists beyond the recorded overflow parts"));
+  EXPECT_EQ(check(dir + "/none"), std::vector<std::string>{dir + "/none: the file does not open"});
+}
+
+}  // namespace

@@ -1,0 +1,65 @@
+// Byte helpers and group-block builders of the file library's tests.
+#pragma once
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdint>
+#include <cstdlib>
+#include <string>
+#include <vector>
+
+#include "NT/NT_utils.h"
+#include "support/files.h"
+#include "support/temp_dir.h"
+#include "flib/fl_block.h"
+
+inline std::vector<uint8_t> read_bytes(const std::string& path) {
+  std::string text = slurp(path);
+  return std::vector<uint8_t>(text.begin(), text.end());
+}
+
+inline void write_bytes(const std::string& path, const std::vector<uint8_t>& bytes) {
+  spill(path, std::string(bytes.begin(), bytes.end()));
+}
+
+inline const uint8_t* key_bytes(const char* text) { return reinterpret_cast<const uint8_t*>(text); }
+
+// Sets an environment variable for the life of the object.
+struct ScopedEnv {
+  std::string name;
+  ScopedEnv(const char* n, const char* value) : name(n) { setenv(n, value, 1); }
+  ~ScopedEnv() { unsetenv(name.c_str()); }
+};
+
+// A group block of size `b` that lies at byte offset `offset` of its file,
+// holding `keys` laid out as the format says: row 0's key ends at datapos
+// with its length byte on top, each next key below; each key's record (3
+// bytes) stands in the block's own data area.
+inline std::vector<uint8_t> make_group_block(uint32_t b, uint32_t offset, uint32_t group, uint8_t flags,
+                                             const std::vector<std::string>& keys) {
+  std::vector<uint8_t> block(b, 0);
+  uint32_t d = initial_datapos(b);
+  gb_set_flags(block.data(), flags);
+  gb_set_group(block.data(), group);
+  gb_set_datapos(block.data(), static_cast<int16_t>(d));
+  uint32_t walk = d;
+  int16_t key_bytes = 0;
+  uint32_t data = d;
+  for (size_t row = 0; row < keys.size(); ++row) {
+    const std::string& k = keys[row];
+    block[walk - 1] = static_cast<uint8_t>(k.size());
+    std::copy(k.begin(), k.end(), block.begin() + (walk - 1 - k.size()));
+    walk -= 1 + static_cast<uint32_t>(k.size());
+    key_bytes = static_cast<int16_t>(key_bytes + k.size() + 1);
+    ke_set_position(block.data(), static_cast<int32_t>(row), offset + data);
+    ke_set_length(block.data(), static_cast<int32_t>(row), 3);
+    data += 3;
+  }
+  gb_set_key_count(block.data(), static_cast<int16_t>(keys.size()));
+  gb_set_key_bytes(block.data(), key_bytes);
+  gb_set_byteleft(block.data(), static_cast<int16_t>(b - data));
+  return block;
+}

@@ -1,0 +1,87 @@
+// The mrvfile program, run as users run it.
+#include <sys/stat.h>
+
+#include <gtest/gtest.h>
+
+#include <fstream>
+#include <sstream>
+#include <string>
+
+#include "support/run_program.h"
+#include "support/temp_dir.h"
+
+namespace {
+
+// Runs mrvfile with the words of `arguments` (split at spaces).
+ProgramResult mrvfile(const std::string& arguments) {
+  ProgramRun run;
+  run.program = "mrvfile";
+  std::istringstream words(arguments);
+  for (std::string word; words >> word;) run.args.push_back(word);
+  return run_program(run);
+}
+
+off_t size_of(const std::string& path) {
+  struct stat st;
+  return stat(path.c_str(), &st) == 0 ? st.st_size : -1;
+}
+
+TEST(Mrvfile, CreateInfoAndCheckOfBothKinds) {
+  TempDir tmp;
+  std::string dir = tmp.str();
+  ASSERT_EQ(mrvfile("create --modulo 7 --block 2 --hash 1 " + dir + "/S").status, 0);
+  EXPECT_EQ(size_of(dir + "/S"), 8 * 2048);
+  ProgramResult info = mrvfile("info " + dir + "/S");
+  EXPECT_EQ(info.status, 0);
+  EXPECT_NE(info.output.find("kind: static\n"), std::string::npos) << info.output;
+  EXPECT_NE(info.output.find("block size: 2048 (code 1)\n"), std::string::npos);
+  EXPECT_NE(info.output.find("modulo: 7\n"), std::string::npos);
+  EXPECT_NE(info.output.find("hash type: 1 (function 1)\n"), std::string::npos);
+  ProgramResult check = mrvfile("check " + dir + "/S");
+  EXPECT_EQ(check.status, 0);
+  EXPECT_EQ(check.output, dir + "/S: sound\n");
+
+  ASSERT_EQ(mrvfile("create --dynamic --modulo 10 --spread 3 " + dir + "/D").status, 0);
+  EXPECT_EQ(size_of(dir + "/D/dat001"), 11 * 1024);
+  EXPECT_EQ(size_of(dir + "/D/over002"), 1024);
+  info = mrvfile("info " + dir + "/D");
+  EXPECT_NE(info.output.find("kind: dynamic\n"), std::string::npos) << info.output;
+  EXPECT_NE(info.output.find("overflow parts: 2\n"), std::string::npos);
+  EXPECT_NE(info.output.find("split load: 60\n"), std::string::npos);
+  EXPECT_EQ(mrvfile("check " + dir + "/D").status, 0);
+}
+
+TEST(Mrvfile, CheckReportsDamageAndFails) {
+  TempDir tmp;
+  std::string dir = tmp.str();
+  ASSERT_EQ(mrvfile("create --modulo 3 " + dir + "/S").status, 0);
+  {
+    std::fstream f(dir + "/S", std::ios::in | std::ios::out | std::ios::binary);
+    f.seekp(2 * 1024 + 6);  // flags of group 1's head
+    f.put(3);
+  }
+  ProgramResult check = mrvfile("check " + dir + "/S");
+  EXPECT_EQ(check.status, 1);
+  EXPECT_NE(check.output.find("group 1 block 0X800: flags 3, a head block was expected\n"), std::string::npos)
+      << check.output;
+  EXPECT_NE(check.output.find(dir + "/S: 1 finding\n"), std::string::npos);
+}
+
+TEST(Mrvfile, UsageAndRefusals) {
+  TempDir tmp;
+  std::string dir = tmp.str();
+  EXPECT_EQ(mrvfile("").status, 2);
+  EXPECT_EQ(mrvfile("frobnicate x").status, 2);
+  EXPECT_EQ(mrvfile("create --modulo").status, 2);
+  EXPECT_EQ(mrvfile("create --modulo x " + dir + "/S").status, 2);
+  EXPECT_EQ(mrvfile("create --dynamic --hash 2 " + dir + "/S").status, 2);
+  EXPECT_EQ(mrvfile("create --block 17 " + dir + "/S").status, 2);
+  ASSERT_EQ(mrvfile("create " + dir + "/S").status, 0);
+  EXPECT_EQ(mrvfile("create " + dir + "/S").status, 1);  // exists
+  EXPECT_EQ(mrvfile("info " + dir + "/missing").status, 1);
+  ProgramResult check = mrvfile("check " + dir + "/missing");
+  EXPECT_EQ(check.status, 1);
+  EXPECT_NE(check.output.find(dir + "/missing: the file does not open\n"), std::string::npos);
+}
+
+}  // namespace

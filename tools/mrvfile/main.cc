@@ -1,0 +1,53 @@
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include "common/readroot.h"
+#include "flib/fl_mempool.h"
+#include "flib/parttbl.h"
+#include "mrvfile.h"
+
+namespace {
+
+struct Command {
+  const char* name;
+  int (*run)(const Args&);
+};
+
+constexpr Command kCommands[] = {
+    {"create", mrvfile_create},
+    {"info", mrvfile_info},
+    {"check", mrvfile_check},
+};
+
+}  // namespace
+
+int mrvfile_usage() {
+  std::fputs(
+      "usage: mrvfile create [--dynamic] [--modulo N] [--block CODE] [--hash TYPE] [--spread N] PATH\n"
+      "       mrvfile info PATH\n"
+      "       mrvfile check PATH\n",
+      stderr);
+  return 2;
+}
+
+bool mrvfile_number(const std::string& text, long* out) {
+  if (text.empty()) return false;
+  char* end = nullptr;
+  long v = std::strtol(text.c_str(), &end, 10);
+  if (*end != '\0') return false;
+  *out = v;
+  return true;
+}
+
+int main(int argc, char** argv) {
+  if (argc < 2) return mrvfile_usage();
+  // An installation's part table applies when its home is known.
+  if (std::getenv("MRVHOME") != nullptr) read_root();
+  M_init_pools();
+  if (M_load_part_table() < 0) return 1;
+  for (const auto& command : kCommands) {
+    if (std::strcmp(argv[1], command.name) == 0) return command.run(Args(argv + 2, argv + argc));
+  }
+  return mrvfile_usage();
+}

@@ -1,0 +1,39 @@
+#include <cstdio>
+
+#include "flib/fl_filehdr.h"
+#include "flib/fl_open.h"
+#include "flib/fl_rel.h"
+#include "mrvfile.h"
+
+int mrvfile_info(const Args& args) {
+  if (args.size() != 1) return mrvfile_usage();
+  REL_TYPE rel;
+  if (M_openfile(&rel, args[0].c_str(), 0) != 1) {
+    std::fprintf(stderr, "mrvfile: cannot open %s\n", args[0].c_str());
+    return 1;
+  }
+  bool dynamic = rel_is_dynamic(&rel);
+  std::printf("path: %s\n", rel.path);
+  std::printf("kind: %s\n", hash_is_key_range(rel.hashtype) ? "key-range" : dynamic ? "dynamic" : "static");
+  std::printf("hash type: %d (function %d%s)\n", rel.hashtype, hash_function(rel.hashtype),
+              dynamic ? (hash_is_keydata(rel.hashtype) ? ", KEYDATA" : ", KEYONLY") : "");
+  std::printf("block size: %u (code %d)\n", rel.block_size, code_of_block_size(rel.block_size));
+  std::printf("modulo: %d\n", rel.modulo);
+  std::printf("recoverable: %d\n", rel.rfs);
+  if (rel.update_trigger[0] != '\0') std::printf("update trigger: %s\n", rel.update_trigger);
+  if (rel.delete_trigger[0] != '\0') std::printf("delete trigger: %s\n", rel.delete_trigger);
+  if (dynamic) {
+    std::printf("minimum modulo: %d\n", rel.min_modulo);
+    std::printf("split base: %u\n", rel.split_base);
+    std::printf("split load: %d\n", rel.split_load);
+    std::printf("merge load: %d\n", rel.merge_load);
+    std::printf("group free blocks: %d\n", rel.grp_free_blk);
+    std::printf("spread: %u\n", rel.spread);
+    std::printf("blocks per part: %d\n", rel.groups_per_part);
+    for (size_t i = 0; i < rel.primary.size(); ++i)
+      std::printf("dat%03zu: first group %u\n", i + 1, rel.primary[i].first_group);
+    std::printf("overflow parts: %zu\n", rel.overflow.size());
+  }
+  M_closefile(&rel);
+  return 0;
+}
