@@ -7,10 +7,12 @@
 #include <cstdint>
 #include <string>
 
-// Length of an account description block at level n is 6 + 48 * n; a file
-// description is one 48-byte path entry longer, a sub-file two.
-inline constexpr int32_t REEL_LEVEL_STEP = 48;
-inline constexpr int32_t reel_level_length(int32_t level) { return 6 + REEL_LEVEL_STEP * level; }
+#include "reel/reel_tape_format.h"
+
+// The account stands at path depth n (-L n): its description block has n
+// path entries, a file description one entry more, a sub-file two.
+inline constexpr int32_t REEL_LEVEL_STEP = PATH_ENTRY_SIZE;
+inline constexpr int32_t reel_level_length(int32_t level) { return tape_path_length(level); }
 
 // Name characters of a tape file name that are replaced by default: "/", blank,
 // "*", "?", the value, sub-value and text marks, "&". `-X` appends to them.

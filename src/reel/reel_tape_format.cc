@@ -11,6 +11,15 @@ constexpr int kRevisionBase = 128;
 constexpr int kRevisionStep = 16;
 constexpr unsigned char kHighBit = 0x80;
 
+// `text` in tape text over `width` bytes, blank padded.
+void put_tape_text(unsigned char* out, const char* text, int width) {
+  const size_t length = std::strlen(text);
+  for (int i = 0; i < width; ++i) {
+    char c = static_cast<size_t>(i) < length ? text[i] : ' ';
+    out[i] = static_cast<unsigned char>(c) ^ kHighBit;
+  }
+}
+
 }  // namespace
 
 TapeLabel tape_decode_label(const unsigned char* label) {
@@ -43,9 +52,15 @@ void tape_encode_label(unsigned char* label, const TapeLabel& fields) {
       char c = at < date_length ? fields.date[at] : ' ';
       label[places[f] + i] = static_cast<unsigned char>(c) ^ kHighBit;
     }
-  const size_t name_length = std::strlen(fields.name);
-  for (int i = 0; i < LABEL_NAME_SIZE; ++i) {
-    char c = static_cast<size_t>(i) < name_length ? fields.name[i] : ' ';
-    label[LABEL_OFF_NAME + i] = static_cast<unsigned char>(c) ^ kHighBit;
-  }
+  put_tape_text(label + LABEL_OFF_NAME, fields.name, LABEL_NAME_SIZE);
+}
+
+int tape_path_name(char* name, const unsigned char* block, int32_t entry) {
+  return reel_name_from_tape(name, block + entry + PATH_OFF_NAME, PATH_NAME_SIZE);
+}
+
+void tape_encode_path_entry(unsigned char* entry, const char* name, uint8_t type) {
+  std::memset(entry, 0, PATH_ENTRY_SIZE);
+  put_tape_text(entry + PATH_OFF_NAME, name, PATH_NAME_SIZE);
+  entry[PATH_OFF_TYPE] = type;
 }

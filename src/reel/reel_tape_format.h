@@ -1,8 +1,9 @@
-// The foreign system's tape, as far as reels and logical blocks go: the
-// block header, the reel label, and the framings of the two packed
-// transports. The tape reader (reel_device) and the tape writer
-// (reel_tape_writer) both work through this header; nothing else knows
-// these offsets.
+// The foreign system's tape, as far as reels, logical blocks and the walk
+// over a save go: the block header, the reel label, the path entries of
+// description blocks, and the framings of the two packed transports. The
+// tape reader (reel_device), the dispatcher (reel_dispatch) and the tape
+// writer (reel_tape_writer) all work through this header; nothing else
+// knows these offsets.
 //
 // Every integer on tape is big-endian. The source machine counts in 16-bit
 // words, so block lengths are word counts and every block is even.
@@ -29,6 +30,20 @@
 //   14      3     not used
 //   17      1     logical tape number, binary
 //   18      6     tape name, blank padded
+//
+// Description block: the header and a path of entries, one for each level
+// from the top of the save down to the object described, so that the
+// block's length tells the depth: TAPE_HEADER_SIZE + PATH_ENTRY_SIZE * depth.
+// The first entry starts at offset 6; the last one is the object itself.
+//
+// Path entry, 48 bytes:
+//
+//   OFFSET  SIZE  DESCRIPTION
+//   0       2     not used
+//   2       32    object name in tape text, blank padded
+//   34      5     not used
+//   39      1     object type (TapeObjectType)
+//   40      8     not used
 //
 // Cartridge frame (-G C): every logical block is carried in frames of 512
 // bytes, each block starting in a new frame:
@@ -65,6 +80,41 @@ inline constexpr int32_t LABEL_OFF_NAME = 18;
 inline constexpr int32_t LABEL_NAME_SIZE = 6;
 inline constexpr int32_t LABEL_DATE_FIELD = 2;
 inline constexpr int32_t LABEL_SIZE = LABEL_OFF_NAME + LABEL_NAME_SIZE;
+
+inline constexpr int32_t PATH_ENTRY_SIZE = 48;
+inline constexpr int32_t PATH_OFF_NAME = 2;
+inline constexpr int32_t PATH_NAME_SIZE = 32;
+inline constexpr int32_t PATH_OFF_TYPE = 39;
+
+// Object types of a path entry. Inside a hashed file codes 0 and 1 mark its
+// sub-files, inside a directory its members.
+enum TapeObjectType : uint8_t {
+  TAPE_OBJECT_SAM = 0,  // sequential member
+  TAPE_OBJECT_DAM = 1,  // direct member
+  TAPE_OBJECT_HASHED = 2,
+  TAPE_OBJECT_HASHED_ALT = 3,
+  TAPE_OBJECT_DIR = 4,
+  TAPE_OBJECT_DIR_ALT = 5,
+};
+
+// Length of a description block whose path has `depth` entries.
+inline constexpr int32_t tape_path_length(int32_t depth) {
+  return TAPE_HEADER_SIZE + PATH_ENTRY_SIZE * depth;
+}
+
+// The fields of the entry that starts at `entry` bytes into a block.
+// REQUIRES: the block holds entry + PATH_ENTRY_SIZE bytes.
+inline uint8_t tape_path_type(const unsigned char* block, int32_t entry) {
+  return block[entry + PATH_OFF_TYPE];
+}
+// Decodes the name (tape text, trailing blanks cut) into `name`; returns
+// its length.
+// REQUIRES: name has PATH_NAME_SIZE + 1 bytes.
+int tape_path_name(char* name, const unsigned char* block, int32_t entry);
+// Writes one entry: the name (at most PATH_NAME_SIZE characters) in tape
+// text, blank padded, and the type; unused bytes are zero.
+// REQUIRES: entry has PATH_ENTRY_SIZE bytes.
+void tape_encode_path_entry(unsigned char* entry, const char* name, uint8_t type);
 
 inline constexpr int32_t CARTRIDGE_FRAME = 512;
 inline constexpr int32_t CARTRIDGE_OFF_COUNT = 2;

@@ -129,6 +129,25 @@ uint8_t block_type(const std::string& name) {
   return static_cast<uint8_t>(number(name, 0, 255));
 }
 
+// An object type: sam (0), dam (1), hashed (2), dir (4) or a number.
+uint8_t object_type(const std::string& name) {
+  static const std::map<std::string, uint8_t> kinds = {{"sam", TAPE_OBJECT_SAM},
+                                                       {"dam", TAPE_OBJECT_DAM},
+                                                       {"hashed", TAPE_OBJECT_HASHED},
+                                                       {"dir", TAPE_OBJECT_DIR}};
+  auto it = kinds.find(name);
+  return it != kinds.end() ? it->second : static_cast<uint8_t>(number(name, 0, 255));
+}
+
+// Pairs of name and object type, from token `first` on.
+std::vector<TapePathEntry> entry_pairs(const std::vector<Token>& t, size_t first) {
+  if (t.size() <= first || (t.size() - first) % 2 != 0)
+    throw ScriptError{"'" + t[0].text + "' takes pairs of name and type"};
+  std::vector<TapePathEntry> path;
+  for (size_t i = first; i < t.size(); i += 2) path.push_back({t[i].text, object_type(t[i + 1].text)});
+  return path;
+}
+
 void check(Script& s, int result) {
   if (result != 0) throw ScriptError{s.writer.error};
 }
@@ -220,6 +239,32 @@ const std::map<std::string, Directive>& directives() {
          }
          check(s, reel_writer_block(s.writer, block_type(t[1].text), payload.data(),
                                     payload.size(), overrides));
+       }},
+      {"account",
+       [](Script& s, const std::vector<Token>& t) {
+         need_tape(s);
+         std::vector<TapePathEntry> path;
+         uint8_t type = TAPE_OBJECT_DIR;
+         std::string v;
+         for (size_t i = 1; i < t.size(); ++i) {
+           if (option(t[i], "type", &v))
+             type = object_type(v);
+           else
+             path.push_back({t[i].text, TAPE_OBJECT_DIR});
+         }
+         if (!path.empty()) path.back().type = type;
+         check(s, reel_writer_account(s.writer, path));
+       }},
+      {"file",
+       [](Script& s, const std::vector<Token>& t) {
+         need_tape(s);
+         need_args(t, 3);
+         check(s, reel_writer_file(s.writer, entry_pairs(t, 1).front()));
+       }},
+      {"sub",
+       [](Script& s, const std::vector<Token>& t) {
+         need_tape(s);
+         check(s, reel_writer_sub(s.writer, entry_pairs(t, 1)));
        }},
       {"end",
        [](Script& s, const std::vector<Token>& t) {

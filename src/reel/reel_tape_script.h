@@ -16,6 +16,17 @@
 //                   a block; TYPE is data (1), description (2), end (5) or
 //                   a number; no= and words= force the header's number and
 //                   length field (in words)
+//   account [NAME...] [type=T]
+//                   an account description: its path from the top of the
+//                   save, as many names as the reader's -L level (none for
+//                   -L0); parents are directories, the account's own type
+//                   is T (default dir)
+//   file NAME T     a file description in the last account
+//   sub NAME T [NAME T...]
+//                   a description below the last file: a sub-file or a
+//                   member, and with more pairs a deeper path
+//                   object types T: sam (0), dam (1), hashed (2), dir (4),
+//                   or a number
 //   end             the end-of-save block
 //   mark            a tape mark
 //   raw ITEM...     bytes without a header (damage)

@@ -164,6 +164,35 @@ int reel_writer_end_save(TapeWriter& w) {
   return reel_writer_block(w, TAPE_BLOCK_END, nullptr, 0);
 }
 
+int reel_writer_description(TapeWriter& w, const std::vector<TapePathEntry>& path) {
+  std::vector<unsigned char> payload(path.size() * PATH_ENTRY_SIZE, 0);
+  for (size_t i = 0; i < path.size(); ++i) {
+    if (path[i].name.size() > static_cast<size_t>(PATH_NAME_SIZE))
+      return fail(w, "the name '" + path[i].name + "' is longer than 32 characters");
+    tape_encode_path_entry(payload.data() + i * PATH_ENTRY_SIZE, path[i].name.c_str(),
+                           path[i].type);
+  }
+  return reel_writer_block(w, TAPE_BLOCK_DESCRIPTION, payload.data(), payload.size());
+}
+
+int reel_writer_account(TapeWriter& w, const std::vector<TapePathEntry>& path) {
+  w.account_path = path;
+  w.file_path = path;
+  return reel_writer_description(w, path);
+}
+
+int reel_writer_file(TapeWriter& w, const TapePathEntry& file) {
+  w.file_path = w.account_path;
+  w.file_path.push_back(file);
+  return reel_writer_description(w, w.file_path);
+}
+
+int reel_writer_sub(TapeWriter& w, const std::vector<TapePathEntry>& below) {
+  std::vector<TapePathEntry> path = w.file_path;
+  path.insert(path.end(), below.begin(), below.end());
+  return reel_writer_description(w, path);
+}
+
 int reel_writer_raw(TapeWriter& w, const unsigned char* bytes, size_t size) {
   if (w.options.framing == TapeFraming::kBuffered || w.options.framing == TapeFraming::kStream) {
     w.pending.insert(w.pending.end(), bytes, bytes + size);

@@ -46,6 +46,14 @@ struct TapeBlockOverrides {
   std::optional<uint16_t> words;   // the header's length field, in words
 };
 
+// One level of a description's path: the object's name (plain text, at
+// most PATH_NAME_SIZE characters; the writer puts it in tape text) and its
+// object type.
+struct TapePathEntry {
+  std::string name;
+  uint8_t type = TAPE_OBJECT_DIR;
+};
+
 struct TapeWriter {
   TapeWriterOptions options;
   int slot = -1;
@@ -57,6 +65,10 @@ struct TapeWriter {
   std::vector<unsigned char> pending;  // buffered/stream bytes not yet written
   int32_t lossy_bytes = 0;          // bytes the -M 1 inverse could not represent
   std::string error;                // what the last failure was
+  // The path of the account described last, and of the file described
+  // last in it; sub-object descriptions hang below them.
+  std::vector<TapePathEntry> account_path;
+  std::vector<TapePathEntry> file_path;
 };
 
 // Each returns 0, or -1 with w.error set.
@@ -78,6 +90,17 @@ int reel_writer_block(TapeWriter& w, uint8_t type, const unsigned char* payload,
                       const TapeBlockOverrides& overrides = {});
 // The end-of-save block.
 int reel_writer_end_save(TapeWriter& w);
+// A description block of `path`, entries from the top of the save down to
+// the object described.
+int reel_writer_description(TapeWriter& w, const std::vector<TapePathEntry>& path);
+// Descriptions that follow the shape of a save. An account's path has as
+// many entries as the level the reader is told with -L (the last one the
+// account itself, the ones before it its parents); a file's path is the
+// account's and the file; a sub-object's (sub-file, directory member, or
+// with more entries a deeper path) is the file's and `below`.
+int reel_writer_account(TapeWriter& w, const std::vector<TapePathEntry>& path);
+int reel_writer_file(TapeWriter& w, const TapePathEntry& file);
+int reel_writer_sub(TapeWriter& w, const std::vector<TapePathEntry>& below);
 // Bytes that no block can describe (damage): a record of exactly these
 // bytes, unconverted, in the plain and cartridge framings; in the buffered
 // and stream framings they join the byte stream and its conversion.

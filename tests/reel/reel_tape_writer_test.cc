@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 
 #include <cstdio>
+#include <cstring>
 #include <string>
 #include <vector>
 
@@ -88,6 +89,66 @@ TEST(Mkreel, WritesTheImageByteForByte) {
   EXPECT_EQ(std::vector<unsigned char>(image.begin(), image.end()), expect);
 }
 
+// The records of a tape image, tape marks left out.
+std::vector<std::string> image_records(const std::string& image) {
+  std::vector<std::string> records;
+  size_t at = 0;
+  while (at + 4 <= image.size()) {
+    uint32_t n = 0;
+    std::memcpy(&n, image.data() + at, 4);
+    at += 4;
+    if (n == 0) continue;
+    records.push_back(image.substr(at, n));
+    at += n + (n & 1) + 4;
+  }
+  return records;
+}
+
+TEST(Mkreel, DescriptionsArePathsOfEntriesBelowTheAccount) {
+  std::string dir = scratch("mkreel_paths");
+  int status = 0;
+  std::string out = run_mkreel(dir,
+                               "tape a.tap\nlabel\n"
+                               "account SYS ACCT type=5\n"
+                               "file 'D_X Y' hashed\n"
+                               "sub S1 dam DEEP 9\n"
+                               "file Z 3\n",
+                               &status);
+  ASSERT_EQ(status, 0) << out;
+  std::vector<std::string> r = image_records(read_file(dir + "/a.tap"));
+  ASSERT_EQ(r.size(), 5u);  // label, account, file, deeper path, file
+  const auto* account = reinterpret_cast<const unsigned char*>(r[1].data());
+  EXPECT_EQ(r[1].size(), 102u);
+  EXPECT_EQ(tape_block_length(account), 102);
+  EXPECT_EQ(tape_block_type(account), TAPE_BLOCK_DESCRIPTION);
+  // The first entry byte for byte: "SYS" in tape text, blank padded, type 4.
+  std::string first(38, '\0');
+  first[2] = static_cast<char>(0xD3);
+  first[3] = static_cast<char>(0xD9);
+  first[4] = static_cast<char>(0xD3);
+  for (int i = 5; i < 34; ++i) first[i] = static_cast<char>(0xA0);
+  EXPECT_EQ(r[1].substr(6, 38), first);
+  EXPECT_EQ(r[1].substr(44, 10), std::string(1, '\0') + '\x04' + std::string(8, '\0'));
+
+  struct Entry {
+    size_t record;
+    int32_t at;
+    const char* name;
+    int type;
+  } entries[] = {{1, 54, "ACCT", 5},  {2, 6, "SYS", 4},   {2, 102, "D_X Y", 2},
+                 {3, 102, "D_X Y", 2}, {3, 150, "S1", 1}, {3, 198, "DEEP", 9},
+                 {4, 102, "Z", 3}};
+  for (const Entry& e : entries) {
+    const auto* block = reinterpret_cast<const unsigned char*>(r[e.record].data());
+    char name[PATH_NAME_SIZE + 1];
+    tape_path_name(name, block, e.at);
+    EXPECT_STREQ(name, e.name);
+    EXPECT_EQ(tape_path_type(block, e.at), e.type) << e.name;
+  }
+  EXPECT_EQ(r[3].size(), 246u);
+  EXPECT_EQ(r[4].size(), 150u);
+}
+
 TEST(Mkreel, NamesTheFaultyLine) {
   std::string dir = scratch("mkreel_bad");
   int status = 0;
@@ -96,6 +157,12 @@ TEST(Mkreel, NamesTheFaultyLine) {
   EXPECT_EQ(out, "mkreel: line 3: unknown item 'bogus'\n");
   out = run_mkreel(dir, "record 8192\ntape plain.dat\nlabel\n", &status);
   EXPECT_EQ(out, "mkreel: line 3: plain.dat: a plain file cannot carry a label\n");
+  out = run_mkreel(dir, "tape a.tap\naccount ACCT\nsub X\n", &status);
+  EXPECT_EQ(out, "mkreel: line 3: 'sub' takes pairs of name and type\n");
+  out = run_mkreel(dir, "tape a.tap\nfile ABCDEFGHIJKLMNOPQRSTUVWXYZ0123456 dir\n", &status);
+  EXPECT_EQ(out,
+            "mkreel: line 2: a.tap: the name 'ABCDEFGHIJKLMNOPQRSTUVWXYZ0123456' is longer than 32 "
+            "characters\n");
 }
 
 }  // namespace
