@@ -140,7 +140,10 @@ void reel_print_bytes(const unsigned char* bytes, int length) {
 void reel_skip_blocks(unsigned char* buffer, int32_t* length, int mode) {
   for (;;) {
     *length = reel_next_block(buffer);
-    if (tape_block_type(buffer) == TAPE_BLOCK_DATA) continue;
+    const uint8_t type = tape_block_type(buffer);
+    // The end of the save goes back to the dispatcher whatever its length.
+    if (type == TAPE_BLOCK_END) return;
+    if (type == TAPE_BLOCK_DATA) continue;
     if (mode == 1 && *length == reel_settings.level_sub) continue;
     return;
   }

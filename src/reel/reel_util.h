@@ -58,9 +58,11 @@ char* reel_copy_limited(char* destination, const char* source, int n);
 // other one as " %03d", then "\n\n".
 void reel_print_bytes(const unsigned char* bytes, int length);
 
-// Reads on through reel_next_block, leaving each length in *length. Mode 0
-// stops at the first block that is not a data block (type 1); mode 1 also
-// passes description blocks of sub-file length (level_sub).
+// Reads at least one block through reel_next_block, leaving each length in
+// *length. Mode 0 stops at the first block that is not a data block (type
+// 1); mode 1 also passes description blocks of sub-file length (level_sub),
+// and so a whole object with its sub-files. Both stop at the end-of-save
+// block, whatever its length.
 void reel_skip_blocks(unsigned char* buffer, int32_t* length, int mode);
 
 // Keeps data that could not be placed: "\n<name>\n" and the raw bytes,

@@ -20,47 +20,17 @@
 namespace {
 
 using tape_test::count_of;
+using tape_test::make_tape;
+using tape_test::open_unit_in;
 using tape_test::read_file;
+using tape_test::ReadRun;
 using tape_test::scratch;
 using tape_test::TapeChild;
+using tape_test::unit_dir;
 using tape_test::write_file;
-
-struct ReadRun {
-  char unit = '0';
-  char convert = '0';
-  bool buffered = false;
-  bool cartridge = false;
-};
-
-// A unit directory: tapeinfo names "t.tap" (or `device`) relative to it.
-std::string unit_dir(const std::string& name, const std::string& line = "0 t.tap rt.tap 8192") {
-  std::string dir = scratch(name);
-  std::filesystem::create_directories(dir + "/sys");
-  write_file(dir + "/sys/tapeinfo", line + "\n");
-  return dir;
-}
-
-void make_tape(const std::string& script) {
-  std::istringstream in(script);
-  std::string error;
-  ASSERT_EQ(reel_run_tape_script(in, &error), 0) << error;
-}
 
 // The child's body: opens the unit in `dir` and prints every block that
 // reel_next_block hands out, up to the end-of-save block.
-// In the child: enters `dir`, sets the run up and opens the unit; returns
-// the tape buffer.
-std::vector<unsigned char> open_unit_in(const std::string& dir, const ReadRun& run) {
-  if (chdir(dir.c_str()) != 0) _exit(3);
-  setenv("MRVHOME", dir.c_str(), 1);
-  reel_reset_settings();
-  reel_settings.convert_mode = run.convert;
-  reel_settings.transport_b = run.buffered;
-  reel_settings.transport_c = run.cartridge;
-  dispmsg = std::fopen("dispmsg", "w");
-  return std::vector<unsigned char>(static_cast<size_t>(reel_open_unit(run.unit)));
-}
-
 std::function<void()> reader(const std::string& dir, ReadRun run = {}) {
   return [dir, run] {
     std::vector<unsigned char> buffer = open_unit_in(dir, run);
@@ -359,7 +329,8 @@ TEST(ReelOpenDevice, RetriesAfterTheOperatorsC) {
 TEST(ReelSkipBlocks, StopsAtTheFirstBlockThatIsNotPassedOver) {
   std::string dir = unit_dir("skip");
   make_tape(label_and(dir, "block data 'a'\nblock data 'b'\nblock description zeros:144\n"
-                           "block data 'c'\nblock description zeros:96\n"));
+                           "block data 'c'\nblock description zeros:96\n"
+                           "block data 'd'\nblock end zeros:144\nblock data 'e'\n"));
   TapeChild child([dir] {
     std::vector<unsigned char> buffer = open_unit_in(dir, {});
     int32_t length = 0;
@@ -367,9 +338,13 @@ TEST(ReelSkipBlocks, StopsAtTheFirstBlockThatIsNotPassedOver) {
     std::printf("mode 0 stops at %d (%d)\n", tape_block_no(buffer.data()), length);
     reel_skip_blocks(buffer.data(), &length, 1);
     std::printf("mode 1 stops at %d (%d)\n", tape_block_no(buffer.data()), length);
+    // The end of the save stops a skip even at the length of a sub-file.
+    reel_skip_blocks(buffer.data(), &length, 1);
+    std::printf("end stops at %d (%d)\n", tape_block_no(buffer.data()), length);
   });
   EXPECT_EQ(child.finish(), 0) << child.output();
-  EXPECT_NE(child.output().find("mode 0 stops at 3 (150)\nmode 1 stops at 5 (102)\n"),
+  EXPECT_NE(child.output().find("mode 0 stops at 3 (150)\nmode 1 stops at 5 (102)\n"
+                                "end stops at 7 (150)\n"),
             std::string::npos)
       << child.output();
 }

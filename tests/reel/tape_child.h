@@ -17,8 +17,15 @@
 #include <functional>
 #include <sstream>
 #include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
 
 #include "common/mrv_msg.h"
+#include "reel/reel_current.h"
+#include "reel/reel_device.h"
+#include "reel/reel_settings.h"
+#include "reel/reel_tape_script.h"
 
 namespace tape_test {
 
@@ -47,6 +54,43 @@ inline size_t count_of(const std::string& text, const std::string& part) {
   size_t n = 0;
   for (size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + 1)) ++n;
   return n;
+}
+
+// A unit directory: tapeinfo names "t.tap" (or the device of `line`)
+// relative to it.
+inline std::string unit_dir(const std::string& name,
+                            const std::string& line = "0 t.tap rt.tap 8192") {
+  std::string dir = scratch(name);
+  fs::create_directories(dir + "/sys");
+  write_file(dir + "/sys/tapeinfo", line + "\n");
+  return dir;
+}
+
+// Writes the tapes of a script in the tape writer's text form.
+inline void make_tape(const std::string& script) {
+  std::istringstream in(script);
+  std::string error;
+  ASSERT_EQ(reel_run_tape_script(in, &error), 0) << error;
+}
+
+struct ReadRun {
+  char unit = '0';
+  char convert = '0';
+  bool buffered = false;
+  bool cartridge = false;
+};
+
+// In the child: enters `dir`, sets the run up (dispmsg made afresh) and
+// opens the unit; returns the tape buffer.
+inline std::vector<unsigned char> open_unit_in(const std::string& dir, const ReadRun& run) {
+  if (chdir(dir.c_str()) != 0) _exit(3);
+  setenv("MRVHOME", dir.c_str(), 1);
+  reel_reset_settings();
+  reel_settings.convert_mode = run.convert;
+  reel_settings.transport_b = run.buffered;
+  reel_settings.transport_c = run.cartridge;
+  dispmsg = std::fopen("dispmsg", "w");
+  return std::vector<unsigned char>(static_cast<size_t>(reel_open_unit(run.unit)));
 }
 
 class TapeChild {
