@@ -1,6 +1,12 @@
 // Account set-up and close-down.
 #pragma once
 
+#include <string>
+
+// The name of the account that the tape is at, from its description block;
+// empty until the first one.
+extern std::string tape_account;
+
 // Makes or opens the account directory, enters it, and opens the VOC, the
 // side files and the work files.
 void reel_open_account();
@@ -8,3 +14,6 @@ void reel_open_account();
 void reel_open_dispmsg();
 // Flushes and closes everything, reports overflowed files, moves the account.
 void reel_close_account();
+
+// Writes the text to the console and to dispmsg (when it is open).
+void reel_tell(const char* format, ...) __attribute__((format(printf, 1, 2)));

@@ -14,10 +14,11 @@ enum FileKind : int32_t {
   FILE_KIND_DAM = 4,
 };
 
-// Texts of the kinds as logs and plans show them, four characters each.
+// Texts of the kinds as messages show them, four characters each; a kind
+// out of range shows as four blanks.
 inline constexpr const char* reel_file_kind_text(int32_t kind) {
   constexpr const char* kTexts[] = {"DATA", "DICT", "DIR ", "SAM ", "DAM "};
-  return kind >= 0 && kind <= 4 ? kTexts[kind] : "????";
+  return kind >= 0 && kind <= 4 ? kTexts[kind] : "    ";
 }
 
 struct CurrentFile {

@@ -1,18 +1,32 @@
 // Entry points of the tool's layers that this build does not have yet.
 //
 // Each one either fails in the open, through the fatal path with a message
-// that says what is missing, or, where nothing depends on it yet, does
-// nothing and says so here. A layer that arrives removes its entry from this
-// file and defines it in its own module.
+// that says what is missing, or does what keeps its callers right until the
+// layer arrives, as said at each. A layer that arrives removes its entry
+// from this file and defines it in its own module, under the declaration
+// that stands in the module's header already.
 #include "reel/reel_account.h"
-#include "reel/reel_dispatch.h"
+#include "reel/reel_app_tuple.h"
+#include "reel/reel_current.h"
+#include "reel/reel_dynamic.h"
+#include "reel/reel_hashed.h"
 #include "reel/reel_init.h"
+#include "reel/reel_member.h"
 #include "reel/reel_plan.h"
-#include "common/mrv_msg.h"
+#include "reel/reel_settings.h"
+#include "reel/reel_target.h"
+#include "reel/reel_util.h"
 
-int reel_dispatch_block(unsigned char*, int32_t*) {
-  reel_fatal("Restoring saved accounts is not available in this build.\n");
+namespace {
+
+// Passes the sub-file or member descriptions at hand with their data, so
+// that the walk goes on at the next file; anything else is left in place.
+void pass_sub_objects(unsigned char* buffer, int32_t* length) {
+  if (*length == reel_settings.level_sub && tape_block_type(buffer) == TAPE_BLOCK_DESCRIPTION)
+    reel_skip_blocks(buffer, length, 1);
 }
+
+}  // namespace
 
 void reel_open_account() {
   reel_fatal("Setting up accounts is not available in this build.\n");
@@ -21,3 +35,20 @@ void reel_open_account() {
 void reel_close_account() {}
 
 void reel_apply_plan() { reel_fatal("Creating files from a plan is not available in this build.\n"); }
+
+// Decoders of file data. Until they exist, an object's data is passed over
+// unread: the dispatcher's walk, and with it an analysis, stays right, with
+// the counters of each file at zero.
+void reel_hashed_subfiles(unsigned char* buffer, int32_t* length) { pass_sub_objects(buffer, length); }
+void reel_dyn_file(unsigned char* buffer, int32_t* length) { pass_sub_objects(buffer, length); }
+void reel_dir_members(unsigned char* buffer, int32_t* length) { pass_sub_objects(buffer, length); }
+void reel_member_file(unsigned char* buffer, int32_t* length) { reel_skip_blocks(buffer, length, 1); }
+
+// Targets. Nothing can be made or opened yet, so every file is skipped by
+// its caller, no handle is ever open, and the two closes only mark the
+// slot closed.
+int reel_create_target(int) { return 0; }
+void reel_target_from_voc() { reel_current.short_name.clear(); }
+int reel_open_target() { return 0; }
+void reel_close_target() { reel_current.handle = -1; }
+void reel_finish_file(int32_t) { reel_current.handle = -1; }
