@@ -1,0 +1,149 @@
+// REEL_INTAKE -A over tapes written by mkreel: the walk over a save of two
+// accounts, and the plan it leaves.
+#include <filesystem>
+#include <string>
+
+#include <gtest/gtest.h>
+
+#include "reel/reel_init.h"
+#include "support/files.h"
+#include "support/run_program.h"
+#include "support/temp_dir.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+
+size_t count_of(const std::string& text, const std::string& part) {
+  size_t n = 0;
+  for (size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + 1)) ++n;
+  return n;
+}
+
+// A home with tapeinfo (unit 0 is "t.tap" in the run directory), the
+// program and temporary directories, and a run directory with the tape.
+class Sandbox {
+ public:
+  explicit Sandbox(const std::string& save) {
+    for (const char* d : {"home/include", "home/sys", "bin", "tmp", "run"})
+      fs::create_directories(dir_.path() / d);
+    spill(dir_.path() / "home/sys/tapeinfo", "0 t.tap rt.tap 8192\n");
+    ProgramResult made = run_program({.program = "mkreel", .input = save, .directory = run()});
+    EXPECT_EQ(made.status, 0) << made.output;
+  }
+  std::string run() const { return (dir_.path() / "run").string(); }
+  ProgramResult reel(std::vector<std::string> args) const {
+    const std::string root = dir_.str();
+    return run_program({.program = "REEL_INTAKE",
+                        .args = std::move(args),
+                        .directory = run(),
+                        .env = {{"MRVHOME", root + "/home"},
+                                {"MRVBIN", root + "/bin"},
+                                {"TMP", root + "/tmp"},
+                                {"MRV_REGISTRY", root + "/no-registry"}}});
+  }
+
+ private:
+  TempDir dir_;
+};
+
+// Two accounts; the first has files of every object type, sub-files,
+// members, a deeper path inside a directory and an object of unknown type.
+const char kTwoAccounts[] =
+    "tape t.tap\n"
+    "label no=1 name=SAVE date=03-17-92\n"
+    "account SALES\n"
+    "file CUSTOMERS hashed\n"
+    "sub '' sam\n"
+    "block data u16:0 zeros:10\n"
+    "sub '' sam\n"
+    "file D_CUSTOMERS hashed\n"
+    "sub '' sam\n"
+    "file ORDERS 3\n"  // a dynamic source: its first sub-file is direct
+    "sub '' dam\n"
+    "block data zeros:100\n"
+    "sub '' dam\n"
+    "file VOC hashed\n"
+    "file BP dir\n"
+    "block data 'directory data'\n"
+    "sub MAIN sam\n"
+    "block data \"PRINT 1\"\n"
+    "sub SUBDIR dir DEEP sam\n"  // block 17
+    "block data \"X\"\n"
+    "sub OTHER dam\n"
+    "file PROGS 5\n"
+    "sub M1 sam\n"
+    "file NOTES sam\n"
+    "block data \"some text\"\n"
+    "file TABLE dam\n"
+    "block data \"x\"\n"
+    "file ODD 9\n"
+    "block data 'x'\n"
+    "account STOCK\n"
+    "file PARTS hashed\n"
+    "end\n";
+
+TEST(Analyse, WalksTheFirstAccountToTheEndAndPlansEachFileInTapeOrder) {
+  Sandbox box(kTwoAccounts);
+  ProgramResult r = box.reel({"-A", "plan"});
+  EXPECT_EQ(r.status, 1);
+  EXPECT_NE(r.output.find("\nLOGICAL TAPE NUMBER: 1\n"
+                          "TAPE NAME:           SAVE\n"
+                          "DATE(MM-DD-YY):      03-17-92\n"
+                          "REV NO:              0\n\n"
+                          "\t\t\tACCT_NAME  ---  SALES\n" +
+                          std::string(REEL_FINISHED)),
+            std::string::npos)
+      << r.output;
+  EXPECT_EQ(count_of(r.output, "ACCT_NAME"), 1u) << r.output;
+  EXPECT_TRUE(r.output.ends_with(REEL_FINISHED)) << r.output;
+
+  EXPECT_EQ(slurp(box.run() + "/plan"),
+            "DATA, CUSTOMERS, 1, 0, 0, 0, 0\n"
+            "DICT, CUSTOMERS, 1, 0, 0, 0, 0\n"
+            "DATA, ORDERS, 1, 0, 0, 0, 0\n"
+            "DATA, DUMP_VOC, 1, 0, 0, 0, 0\n"
+            " DIR, BP, 0, 0, 0, 0, 0\n"
+            " DIR, PROGS, 0, 0, 0, 0, 0\n"
+            " SAM, NOTES, 0, 0, 0, 0, 0\n"
+            " DAM, TABLE, 0, 0, 0, 0, 0\n");
+  // An analysis passes directories whole, so the deeper path inside one
+  // arrives at the top as a block of no known length.
+  EXPECT_EQ(slurp(box.run() + "/dispmsg"),
+            "\t\t\tACCT_NAME  ---  SALES\n"
+            "Blkno = 17 \tGet file description error: block length error\n");
+}
+
+TEST(Analyse, WithAnAccountWordTheWalkTouchesNoFileData) {
+  // Data blocks that no decoder would take: bare headers, a run of blanks
+  // without its count, marks where text should be.
+  Sandbox box(
+      "tape t.tap\nlabel\n"
+      "account SALES\n"
+      "file CUSTOMERS hashed\nblock data\nblock data 'ab'\n"
+      "file BP dir\nblock data\nsub MAIN sam\nblock data hex:91\n"
+      "file NOTES sam\nblock data hex:FFFF\n"
+      "file ODD 9\nblock data\n"
+      "end\n");
+  ProgramResult r = box.reel({"-A", "plan", "SALESDIR"});
+  EXPECT_EQ(r.status, 1);
+  EXPECT_TRUE(r.output.ends_with(REEL_FINISHED)) << r.output;
+  EXPECT_EQ(slurp(box.run() + "/dispmsg"), "\t\t\tACCT_NAME  ---  SALES\n");
+  EXPECT_EQ(slurp(box.run() + "/plan"),
+            "DATA, CUSTOMERS, 1, 0, 0, 0, 0\n"
+            " DIR, BP, 0, 0, 0, 0, 0\n"
+            " SAM, NOTES, 0, 0, 0, 0, 0\n");
+  EXPECT_FALSE(fs::exists(box.run() + "/SALESDIR"));
+}
+
+TEST(Analyse, APlanThatCannotBeMadeEndsTheRunAtTheFirstFile) {
+  Sandbox box(kTwoAccounts);
+  ProgramResult r = box.reel({"-A", "no-such-dir/plan"});
+  EXPECT_EQ(r.status, 1);
+  EXPECT_TRUE(r.output.ends_with("\t\t\tACCT_NAME  ---  SALES\n"
+                                 "Can't open alanyze file\n\n" +
+                                 std::string(REEL_USAGE)))
+      << r.output;
+}
+
+}  // namespace
