@@ -26,14 +26,14 @@ int reel_getopt(int argc, char** argv, const char* optstring) {
   }
   char letter = word[1];
   ++reel_optind;
-  const char* spec = nullptr;
-  if (letter != '\0' && letter != ':' && letter != '?') spec = std::strchr(optstring, letter);
+  const char* entry = nullptr;
+  if (letter != '\0' && letter != ':' && letter != '?') entry = std::strchr(optstring, letter);
   std::fflush(stdout);
-  if (spec == nullptr) {
+  if (entry == nullptr) {
     std::fprintf(stderr, "%s: illegal option -- %c\n", argv[0], letter);
     return '?';
   }
-  if (spec[1] != ':') return letter;
+  if (entry[1] != ':') return letter;
   if (word[2] != '\0') {
     reel_optarg = word + 2;
   } else if (reel_optind < argc) {
