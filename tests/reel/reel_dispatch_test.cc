@@ -137,42 +137,49 @@ TEST(DispatchLevels, LevelTwoShiftsAllLengthsAndLevelZeroHasNoAccount) {
   EXPECT_EQ(read_file(dir + "/dispmsg"), "");
 }
 
-TEST(DispatchOptions, DataOnlySkipsMembersAndDirectoriesUnnamed) {
-  std::string dir = unit_dir("dispatch_data_only");
+// One account under each option: -D passes members and directories before
+// their names are read, and dictionaries; -R picks files by the names they
+// have after the rules; -O finds a directory's target in the VOC.
+TEST(DispatchOptions, DataOnlyRecoveryListAndOverlay) {
+  std::string dir = unit_dir("dispatch_options");
   make_tape(save(dir,
                  "account ACCT\n"
-                 "file PROG sam\nblock data 'x'\n"
-                 "file BP dir\nblock data 'x'\nsub M1 sam\nblock data 'x'\n"
-                 "file D_CUST hashed\nsub '' sam\nblock data 'x'\n"
-                 "file CUST 3\nsub '' sam\nblock data 'x'\n"));
-  EXPECT_EQ(walk(dir, {"-D"}), "[DATA|]\n[DATA|]\n[DATA|]\n[DICT|CUST]\n[DATA|CUST]\n[end]\n");
-}
-
-TEST(DispatchOptions, RecoveryListIsMatchedAfterTheRenames) {
-  std::string dir = unit_dir("dispatch_recovery");
-  make_tape(save(dir,
-                 "account ACCT\n"
-                 "file VOC hashed\n"
-                 "file voc hashed\n"
+                 "file VOC hashed\nfile voc hashed\n"
                  "file D_ORDERS hashed\nsub '' sam\nblock data 'x'\n"
                  "file D_CUST hashed\n"
-                 "file BP dir\nsub M1 sam\nblock data 'x'\n"));
-  write_file(dir + "/list", "VOC\nvoc\nXXvoc\nORDERS\nD_CUST\n");
-  EXPECT_EQ(walk(dir, {"-R", dir + "/list"}),
-            "[DATA|]\n[DATA|]\n[DATA|XXvoc]\n[DICT|ORDERS]\n[DICT|]\n[DATA|]\n[end]\n");
-  // The tape's VOC is picked by the name it is restored under.
-  write_file(dir + "/list", "DUMP_VOC\n");
-  EXPECT_EQ(walk(dir, {"-R", dir + "/list"}),
-            "[DATA|]\n[DATA|DUMP_VOC]\n[DATA|]\n[DICT|]\n[DICT|]\n[DATA|]\n[end]\n");
-}
-
-TEST(DispatchOptions, OverlayLoadsADirectoryFromTheVoc) {
-  std::string dir = unit_dir("dispatch_overlay");
-  make_tape(save(dir, "account ACCT\nfile BP dir\nsub M1 sam\nblock data 'x'\nfile NEXT sam\n"));
-  std::string trace = walk(dir, {"-O"});
-  EXPECT_EQ(trace, "[DATA|]\n[DIR |BP]\n[SAM |NEXT]\n[end]\n");
-  EXPECT_EQ(read_file(dir + "/dispmsg"),
-            "\t\t\tACCT_NAME  ---  ACCT\nLoading DIR  BP ...\n");
+                 "file BP dir\nblock data 'x'\nsub M1 sam\nblock data 'x'\n"
+                 "file PROG sam\nblock data 'x'\n"
+                 "file CUST 3\nsub '' sam\nblock data 'x'\n"));
+  write_file(dir + "/picked", "VOC\nvoc\nXXvoc\nORDERS\nD_CUST\n");
+  write_file(dir + "/voc", "DUMP_VOC\n");
+  const std::string account = "\t\t\tACCT_NAME  ---  ACCT\n";
+  struct Case {
+    std::vector<std::string> args;
+    const char* trace;
+    std::string logged;
+  } cases[] = {
+      {{},
+       "[DATA|DUMP_VOC]\n[DATA|XXvoc]\n[DICT|ORDERS]\n[DICT|CUST]\n[DIR |BP]\n[SAM |PROG]\n"
+       "[DATA|CUST]\n",
+       account},
+      {{"-D"},
+       "[DATA|DUMP_VOC]\n[DATA|XXvoc]\n[DICT|ORDERS]\n[DICT|CUST]\n[DATA|]\n[DATA|]\n"
+       "[DATA|CUST]\n",
+       account},
+      {{"-R", dir + "/picked"},
+       "[DATA|]\n[DATA|XXvoc]\n[DICT|ORDERS]\n[DICT|]\n[DATA|]\n[DATA|]\n[DATA|]\n", account},
+      {{"-R", dir + "/voc"},
+       "[DATA|DUMP_VOC]\n[DATA|]\n[DICT|]\n[DICT|]\n[DATA|]\n[DATA|]\n[DATA|]\n", account},
+      {{"-O"},
+       "[DATA|DUMP_VOC]\n[DATA|XXvoc]\n[DICT|ORDERS]\n[DICT|CUST]\n[DIR |BP]\n[SAM |PROG]\n"
+       "[DATA|CUST]\n",
+       account + "Loading DIR  BP ...\n"},
+  };
+  for (const Case& c : cases) {
+    EXPECT_EQ(walk(dir, c.args), std::string("[DATA|]\n") + c.trace + "[end]\n")
+        << testing::PrintToString(c.args);
+    EXPECT_EQ(read_file(dir + "/dispmsg"), c.logged);
+  }
 }
 
 // In the child: the account of `dir` holds a loaded file of `kind` named
@@ -195,33 +202,29 @@ void end_file_under_target(const std::string& dir, int32_t kind, const std::stri
 TEST(DispatchTarget, FinishedFilesMoveToTheTargetDirectory) {
   struct Case {
     int32_t kind;
-    std::string made;   // what the load left in the account
-    std::string moved;  // where it is to be found in ../T
+    const char* name;   // the file's name on disk
+    const char* made;   // what the load left, in the account
+    const char* found;  // where it is afterwards, from the unit directory
+    const char* gone;
   } cases[] = {
-      {FILE_KIND_DATA, "F", "F"},
-      {FILE_KIND_DICT, "D_F", "D_F"},
-      {FILE_KIND_SAM, "SAM/F", "F"},
-      {FILE_KIND_DAM, "SAM/F", "F"},  // direct members too are looked for in SAM
+      {FILE_KIND_DATA, "F", "F", "T/F", "acct/F"},
+      {FILE_KIND_DICT, "F", "D_F", "T/D_F", "acct/D_F"},
+      {FILE_KIND_SAM, "F", "SAM/F", "T/F", "acct/SAM/F"},
+      {FILE_KIND_DAM, "F", "SAM/F", "T/F", "acct/SAM/F"},  // looked for in SAM too
+      {FILE_KIND_DIR, "BP", "BP/left", "acct", "acct/BP"},  // what is left of it goes
+      {FILE_KIND_DIR, "", "BP/left", "acct/BP/left", ""},   // no name, nothing touched
   };
   for (const Case& c : cases) {
     std::string dir = unit_dir("dispatch_move");
-    std::filesystem::create_directories(dir + "/acct/SAM");
     std::filesystem::create_directories(dir + "/T");
+    std::filesystem::create_directories(std::filesystem::path(dir + "/acct/" + c.made).parent_path());
     write_file(dir + "/acct/" + c.made, "loaded");
-    end_file_under_target(dir, c.kind, "F");
-    EXPECT_EQ(read_file(dir + "/T/" + c.moved), "loaded") << c.made;
+    end_file_under_target(dir, c.kind, c.name);
+    EXPECT_TRUE(std::filesystem::exists(dir + "/" + c.found)) << c.made;
+    if (*c.gone != '\0') {
+      EXPECT_FALSE(std::filesystem::exists(dir + "/" + c.gone)) << c.made;
+    }
   }
-
-  // What is left of a directory goes; a slot without a name on disk
-  // touches nothing.
-  std::string dir = unit_dir("dispatch_move_dir");
-  std::filesystem::create_directories(dir + "/acct/BP");
-  write_file(dir + "/acct/BP/left", "x");
-  end_file_under_target(dir, FILE_KIND_DIR, "");
-  EXPECT_TRUE(std::filesystem::exists(dir + "/acct/BP/left"));
-  end_file_under_target(dir, FILE_KIND_DIR, "BP");
-  EXPECT_FALSE(std::filesystem::exists(dir + "/acct/BP"));
-  EXPECT_TRUE(std::filesystem::exists(dir + "/acct"));
 }
 
 }  // namespace
