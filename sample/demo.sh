@@ -2,6 +2,7 @@
 # Runs REEL_INTAKE in a sandbox home under the build folder.
 set -u
 build=${1:-build}
+sample="$(cd "$(dirname "$0")" && pwd)"
 bin="$(cd "$build/bin" && pwd)"
 home="$(cd "$build" && pwd)/demo-home"
 rm -rf "$home"
@@ -12,6 +13,15 @@ export MRV_MSG_PAUSE_MS="${MRV_MSG_PAUSE_MS:-0}"
 echo "== REEL_INTAKE without arguments"
 "$bin/REEL_INTAKE"
 echo "(exit status $?)"
+echo
+echo "0 t.tap rt.tap 8192" > "$home/sys/tapeinfo"
+(cd "$home/work" && "$bin/mkreel" "$sample/save.txt") || exit 1
+
+echo "== REEL_INTAKE -A plan (analysis of sample/save.txt) in $home/work"
+cd "$home/work" && "$bin/REEL_INTAKE" -A plan
+echo "(exit status $?)"
+echo "-- plan:"
+cat "$home/work/plan"
 echo
 echo "== REEL_INTAKE -U 0 DEMO in $home/work"
 cd "$home/work" && "$bin/REEL_INTAKE" -U 0 DEMO
