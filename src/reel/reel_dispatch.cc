@@ -30,15 +30,17 @@ constexpr char kReservedPrefix[] = "XX";
 // it always has; by the time a name is looked up, "VOC" has become
 // "DUMP_VOC", so only "voc" and the others are ever matched.
 constexpr const char* kReservedNames[] = {
-    "AE_COMS",  "ENGLISH", "VOC",          "AE_XCOMS", "FRENCH", "voc",
-    "M_V__VIEW", "AE_DOC", "LANGUAGE",     "CTLGTB",   "&report&", "UTILITY.MSGS",
-    "ERRMSG",   "&MAP&",   "MENUFILE",     "COLLATIONS", "VOC",
+    "AE_COMS",   "ENGLISH", "VOC",      "AE_XCOMS",   "FRENCH",   "voc",
+    "M_V__VIEW", "AE_DOC",  "LANGUAGE", "CTLGTB",     "&report&", "UTILITY.MSGS",
+    "ERRMSG",    "&MAP&",   "MENUFILE", "COLLATIONS", "VOC",
 };
 
 constexpr int kSkipData = 0;    // passes the data blocks at hand
 constexpr int kSkipObject = 1;  // passes a whole object with its sub-objects
 
-bool is_hashed(uint8_t type) { return type == TAPE_OBJECT_HASHED || type == TAPE_OBJECT_HASHED_ALT; }
+bool is_hashed(uint8_t type) {
+  return type == TAPE_OBJECT_HASHED || type == TAPE_OBJECT_HASHED_ALT;
+}
 bool is_directory(uint8_t type) { return type == TAPE_OBJECT_DIR || type == TAPE_OBJECT_DIR_ALT; }
 
 // "../<-T directory>/<name>"

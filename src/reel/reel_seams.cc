@@ -28,21 +28,25 @@ void pass_sub_objects(unsigned char* buffer, int32_t* length) {
 
 }  // namespace
 
-void reel_open_account() {
-  reel_fatal("Setting up accounts is not available in this build.\n");
-}
+void reel_open_account() { reel_fatal("Setting up accounts is not available in this build.\n"); }
 
 void reel_close_account() {}
 
-void reel_apply_plan() { reel_fatal("Creating files from a plan is not available in this build.\n"); }
+void reel_apply_plan() {
+  reel_fatal("Creating files from a plan is not available in this build.\n");
+}
 
 // Decoders of file data. Until they exist, an object's data is passed over
 // unread: the dispatcher's walk, and with it an analysis, stays right, with
 // the counters of each file at zero.
-void reel_hashed_subfiles(unsigned char* buffer, int32_t* length) { pass_sub_objects(buffer, length); }
+void reel_hashed_subfiles(unsigned char* buffer, int32_t* length) {
+  pass_sub_objects(buffer, length);
+}
 void reel_dyn_file(unsigned char* buffer, int32_t* length) { pass_sub_objects(buffer, length); }
 void reel_dir_members(unsigned char* buffer, int32_t* length) { pass_sub_objects(buffer, length); }
-void reel_member_file(unsigned char* buffer, int32_t* length) { reel_skip_blocks(buffer, length, 1); }
+void reel_member_file(unsigned char* buffer, int32_t* length) {
+  reel_skip_blocks(buffer, length, 1);
+}
 
 // Targets. Nothing can be made or opened yet, so every file is skipped by
 // its caller, no handle is ever open, and the two closes only mark the

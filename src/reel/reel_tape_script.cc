@@ -144,7 +144,8 @@ std::vector<TapePathEntry> entry_pairs(const std::vector<Token>& t, size_t first
   if (t.size() <= first || (t.size() - first) % 2 != 0)
     throw ScriptError{"'" + t[0].text + "' takes pairs of name and type"};
   std::vector<TapePathEntry> path;
-  for (size_t i = first; i < t.size(); i += 2) path.push_back({t[i].text, object_type(t[i + 1].text)});
+  for (size_t i = first; i < t.size(); i += 2)
+    path.push_back({t[i].text, object_type(t[i + 1].text)});
   return path;
 }
 
