@@ -95,8 +95,11 @@ TEST(Analyse, WalksTheFirstAccountToTheEndAndPlansEachFileInTapeOrder) {
                           std::string(REEL_FINISHED)),
             std::string::npos)
       << r.output;
+  // The next account's block ends the analysis; the walk never runs off
+  // the end of the reel.
   EXPECT_EQ(count_of(r.output, "ACCT_NAME"), 1u) << r.output;
   EXPECT_TRUE(r.output.ends_with(REEL_FINISHED)) << r.output;
+  EXPECT_EQ(r.output.find("Get EOF mark"), std::string::npos);
 
   EXPECT_EQ(slurp(box.run() + "/plan"),
             "DATA, CUSTOMERS, 1, 0, 0, 0, 0\n"
@@ -127,7 +130,9 @@ TEST(Analyse, WithAnAccountWordTheWalkTouchesNoFileData) {
       "end\n");
   ProgramResult r = box.reel({"-A", "plan", "SALESDIR"});
   EXPECT_EQ(r.status, 1);
+  // The end-of-save block ends the walk.
   EXPECT_TRUE(r.output.ends_with(REEL_FINISHED)) << r.output;
+  EXPECT_EQ(r.output.find("Get EOF mark"), std::string::npos);
   EXPECT_EQ(slurp(box.run() + "/dispmsg"), "\t\t\tACCT_NAME  ---  SALES\n");
   EXPECT_EQ(slurp(box.run() + "/plan"),
             "DATA, CUSTOMERS, 1, 0, 0, 0, 0\n"
