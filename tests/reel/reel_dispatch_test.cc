@@ -68,8 +68,6 @@ TEST(DispatchNames, RulesOfDictionariesVocAndReservedNames) {
   make_tape(save(dir,
                  "account ACCT\n"
                  "file D_VOC hashed\nsub '' sam\nblock data 'x'\n"
-                 "file VOC hashed\n"
-                 "file voc hashed\n"
                  "file D_D_X hashed\n"
                  "file D_voc hashed\n"
                  "file ABCDEFGHIJKLMNOPQRSTUVWXYZ012345 hashed\n"
@@ -80,8 +78,6 @@ TEST(DispatchNames, RulesOfDictionariesVocAndReservedNames) {
   EXPECT_EQ(walk(dir, {}),
             "[DATA|]\n"  // the account block
             "[DICT|DUMP_VOC]\n"
-            "[DATA|DUMP_VOC]\n"
-            "[DATA|XXvoc]\n"
             "[DICT|D_X]\n"
             "[DICT|XXvoc]\n"
             "[DATA|ABCDEFGHIJKLMNOPQRSTUVWXYZ012345]\n"
