@@ -182,3 +182,34 @@ int M_catch_tuple(REL_TYPE* rel, const uint8_t* key, int32_t key_length, const u
   }
   return 1;
 }
+
+int M_for_each_key(REL_TYPE* rel,
+                   const std::function<int(const uint8_t*, int32_t, const uint8_t*, int32_t, uint32_t)>& visit) {
+  const char* fn = "M_for_each_key";
+  uint32_t b = rel->block_size;
+  uint8_t block[MAX_BLOCK_SIZE];
+  char text[64];
+  for (int32_t g = 0; g < rel->modulo; ++g) {
+    M_groupno = static_cast<uint32_t>(g);
+    uint32_t address = M_get_head_off(rel, M_groupno);
+    if (address == 0) return M_file_error(rel, fn, "M_get_head_off", nullptr, 0, g);
+    for (int step = 0; address != 0; ++step) {
+      bool head = step == 0;
+      if (step > (1 << 20)) return M_file_error(rel, fn, "chain loop", nullptr, 0, g);
+      if (M_blkread(rel, address, block, head ? CHECK_HEAD : CHECK_CONTINUATION) != 1)
+        return M_file_error(rel, fn, nullptr, nullptr, 0, g);
+      if (const char* fault = group_block_fault(block, b, head, text, sizeof text))
+        return M_file_error(rel, fn, fault, nullptr, 0, g);
+      int32_t count = std::min<int32_t>(gb_key_count(block), max_key_rows(b));
+      int32_t floor = static_cast<int32_t>(ke_offset(count));
+      for (int32_t row = 0, walk = gb_datapos(block); row < count; ++row) {
+        int32_t n = walk - 1 >= floor ? block[walk - 1] : -1;
+        if (n < 0 || walk - 1 - n < floor) return M_file_error(rel, fn, "key area", nullptr, 0, g);
+        if (int r = visit(block + walk - 1 - n, n, block, row, address); r != 0) return r;
+        walk -= n + 1;
+      }
+      address = gb_next(block);
+    }
+  }
+  return 0;
+}
