@@ -1,0 +1,173 @@
+// Free block management of dynamic files: the free stack, the chain of
+// FREE_LIST_BLOCKs, the release buffer, new overflow parts and the undo of
+// a reservation.
+#include "flib/fl_free.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "fl_test_util.h"
+#include "flib/fl_block.h"
+#include "flib/fl_check.h"
+#include "flib/fl_create.h"
+#include "flib/fl_delete.h"
+#include "flib/fl_globals.h"
+#include "flib/fl_hash.h"
+#include "flib/fl_io.h"
+#include "flib/fl_open.h"
+#include "flib/fl_ovhdr.h"
+#include "flib/fl_read.h"
+#include "flib/fl_rel.h"
+#include "flib/fl_write.h"
+
+namespace {
+
+constexpr uint32_t B = 1024;
+constexpr uint32_t kUsable = B - 12;
+
+const uint8_t* bytes(const std::string& s) { return reinterpret_cast<const uint8_t*>(s.data()); }
+
+class FlFree : public testing::Test {
+ protected:
+  TempDir tmp;
+  std::string path;
+  REL_TYPE rel;
+
+  void open_new(int32_t modulo, int32_t spread = 0) {
+    path = tmp.str() + "/D";
+    M_spread = spread;
+    ASSERT_EQ(M_create_hashed(path.c_str(), modulo, 1, 64, 0, nullptr), 1);
+    M_spread = 0;
+    ASSERT_EQ(M_openfile(&rel, path.c_str(), 2), 1);
+  }
+  void TearDown() override {
+    if (rel.block_size != 0) M_closefile(&rel);
+  }
+  // A record of exactly `blocks` blocks.
+  int put_blocks(const std::string& key, uint32_t blocks) {
+    std::string record(blocks * kUsable - 1, key[0]);
+    return M_append_strtuple(&rel, bytes(key), static_cast<int32_t>(key.size()), bytes(record),
+                             static_cast<int32_t>(record.size()), 0, nullptr);
+  }
+  OverflowHeader header(uint32_t part = 1) {
+    uint8_t block[B];
+    EXPECT_EQ(M_blkread(&rel, make_addr(true, 0, part - 1), block, CHECK_NONE), 1);
+    return decode_overflow_header(block);
+  }
+  size_t part_size(const char* name) { return read_bytes(path + "/" + name).size(); }
+  std::string findings() {
+    std::vector<std::string> found;
+    M_check_file(path.c_str(), &found);
+    std::string all;
+    for (const auto& f : found) all += f + "\n";
+    return all;
+  }
+};
+
+TEST_F(FlFree, AFullStackSpillsIntoAListBlockThatIsItselfTakenLater) {
+  open_new(1);
+  ASSERT_EQ(put_blocks("A", 300), 1);
+  ASSERT_EQ(M_delete_tuple(&rel, bytes(std::string("A")), 1, nullptr), 1);
+  OverflowHeader h = header();
+  int32_t capacity = overflow_stack_capacity(B);
+  EXPECT_EQ(h.stack_count, capacity);
+  EXPECT_NE(h.free_head, 0u);
+  EXPECT_EQ(h.free_count, 300u);
+  EXPECT_EQ(findings(), "");
+  // 240 blocks: the whole stack, the list block itself, two of its entries.
+  size_t size = part_size("over001");
+  ASSERT_EQ(put_blocks("B", 240), 1);
+  EXPECT_EQ(part_size("over001"), size);
+  h = header();
+  EXPECT_EQ(h.free_head, 0u);
+  EXPECT_EQ(h.free_count, 60u);
+  EXPECT_EQ(h.stack_count, 60);
+  EXPECT_EQ(findings(), "");
+}
+
+TEST_F(FlFree, TheNoReuseFlagLeavesTheFreeListsAlone) {
+  open_new(1);
+  ASSERT_EQ(put_blocks("A", 4), 1);
+  ASSERT_EQ(M_delete_tuple(&rel, bytes(std::string("A")), 1, nullptr), 1);
+  ASSERT_EQ(header().free_count, 4u);
+  size_t size = part_size("over001");
+  rel.sfd->no_reuse = 1;
+  ASSERT_EQ(put_blocks("B", 3), 1);
+  rel.sfd->no_reuse = 0;
+  EXPECT_EQ(part_size("over001"), size + 3 * B);
+  EXPECT_EQ(header().free_count, 4u);
+  EXPECT_EQ(findings(), "");
+}
+
+TEST_F(FlFree, AReleaseIntoAnotherPartDrainsTheBufferFirst) {
+  open_new(4, 3);
+  ASSERT_EQ(rel.overflow.size(), 2u);
+  std::vector<uint8_t> empty(B, 0);
+  gb_set_byteleft(empty.data(), static_cast<int16_t>(kUsable));
+  for (const char* name : {"over001", "over002"}) {
+    auto part = read_bytes(path + "/" + name);
+    part.insert(part.end(), empty.begin(), empty.end());
+    write_bytes(path + "/" + name, part);
+  }
+  ASSERT_EQ(M_release_to_file(&rel, make_addr(true, B, 0)), 0);
+  EXPECT_EQ(header(1).stack_count, 0);
+  ASSERT_EQ(M_release_to_file(&rel, make_addr(true, B, 1)), 0);
+  EXPECT_EQ(header(1).stack_count, 1);
+  EXPECT_EQ(header(2).stack_count, 0);
+  ASSERT_EQ(M_release_to_file(&rel, 0), 0);
+  EXPECT_EQ(header(2).stack_count, 1);
+  EXPECT_EQ(findings(), "");
+}
+
+TEST_F(FlFree, AnUndoneReservationGivesBackWhatReachedTheDisk) {
+  open_new(1);
+  uint8_t block[B];
+  M_groupno = 0;
+  ASSERT_EQ(M_blkread(&rel, B, block, CHECK_HEAD), 1);
+  ASSERT_EQ(M_alloc_new_blocks(&rel, 3, ALLOC_ANY_PART, block, 0, 0, 0), 0);
+  EXPECT_EQ(gb_over_part(block), 1);
+  int64_t first = M_get_dest_block(&rel);
+  int64_t second = M_get_dest_block(&rel);
+  ASSERT_EQ(first, make_addr(true, B, 0));
+  ASSERT_EQ(second, make_addr(true, 2 * B, 0));
+  std::vector<uint8_t> data(B, 0);
+  gb_set_byteleft(data.data(), static_cast<int16_t>(kUsable));
+  ASSERT_EQ(M_blkwrite(&rel, static_cast<uint32_t>(first), data.data()), 1);
+  ASSERT_EQ(M_release_blocks_in_stack(&rel), 0);
+  EXPECT_FALSE(M_block_stack_open());
+  OverflowHeader h = header();
+  EXPECT_EQ(h.stack_count, 1);
+  EXPECT_EQ(h.free_count, 1u);
+  EXPECT_EQ(part_size("over001"), 2 * B);
+  EXPECT_EQ(M_get_dest_block(&rel), -1);  // no stack any more
+  EXPECT_EQ(findings(), "");
+}
+
+TEST(FlFreeParts, AFullOverflowPartMakesANewOne) {
+  TempDir tmp;
+  std::string path = tmp.str() + "/D";
+  {
+    ScopedEnv small("MAX_FLENGTH", "32768");  // 32 blocks a part
+    ASSERT_EQ(M_create_hashed(path.c_str(), 2, 1, 64, 0, nullptr), 1);
+  }
+  REL_TYPE rel;
+  ASSERT_EQ(M_openfile(&rel, path.c_str(), 2), 1);
+  // "B" hashes to group 0, "A" to group 1 (decimal hash over 2 groups).
+  std::string a(25 * kUsable - 1, 'a'), b(25 * kUsable - 1, 'b');
+  ASSERT_EQ(M_append_strtuple(&rel, bytes(std::string("B")), 1, bytes(b), static_cast<int32_t>(b.size()), 0, nullptr), 1);
+  ASSERT_EQ(M_append_strtuple(&rel, bytes(std::string("A")), 1, bytes(a), static_cast<int32_t>(a.size()), 0, nullptr), 1);
+  EXPECT_EQ(rel.overflow.size(), 2u);
+  EXPECT_EQ(read_bytes(path + "/over002").size() / B, 26u);
+  std::string got;
+  ASSERT_EQ(M_read_tuple(&rel, bytes(std::string("A")), 1, &got), 1);
+  EXPECT_EQ(got, a);
+  ASSERT_EQ(M_read_tuple(&rel, bytes(std::string("B")), 1, &got), 1);
+  EXPECT_EQ(got, b);
+  M_closefile(&rel);
+  std::vector<std::string> found;
+  EXPECT_EQ(M_check_file(path.c_str(), &found), 0) << (found.empty() ? "" : found[0]);
+}
+
+}  // namespace
