@@ -45,6 +45,28 @@ std::vector<uint8_t> stored_form(const uint8_t* record, int32_t stored_length) {
   return out;
 }
 
+// The recovery point of an add: M_blkwrite jumps to `buffer` when an
+// overflow part is full; the block is restored from the copy taken here and
+// the allocation retried, at most twice. The point takes itself out of
+// M_overflow_recovery when the retries are spent.
+struct RecoveryPoint {
+  std::vector<uint8_t> saved;
+  std::jmp_buf buffer;
+  std::jmp_buf* outer = M_overflow_recovery;
+  volatile int attempts = 0;
+
+  RecoveryPoint(const uint8_t* block, uint32_t b) : saved(block, block + b) {}
+  // After a jump: false when the add must give up.
+  bool resume(REL_TYPE* rel, uint8_t* block) {
+    std::memcpy(block, saved.data(), saved.size());
+    attempts = attempts + 1;
+    if (attempts <= 2) return true;
+    M_overflow_recovery = outer;
+    M_release_blocks_in_stack(rel);
+    return false;
+  }
+};
+
 int32_t rows_of(const uint8_t* block, uint32_t b) { return std::clamp<int32_t>(gb_key_count(block), 0, max_key_rows(b)); }
 
 }  // namespace
@@ -246,38 +268,27 @@ int64_t M_add_record(REL_TYPE* rel, uint8_t* block, uint32_t address, const uint
   uint32_t home = 0;
   volatile bool own_stack = false;
   if (!M_block_stack_open()) home = find_block_space(rel, block, address, stored_length);
-  // A recovery point: a write to a full overflow part comes back here with
-  // the block as it was, and the allocation is retried in another part.
-  std::vector<uint8_t> saved(block, block + b);
-  std::jmp_buf recovery;
-  std::jmp_buf* outer = M_overflow_recovery;
-  volatile int attempts = 0;
-  if (setjmp(recovery) != 0) {
-    std::memcpy(block, saved.data(), b);
-    attempts = attempts + 1;
-    if (attempts > 2) {
-      M_overflow_recovery = outer;
-      M_release_blocks_in_stack(rel);
-      return wr_error(rel, fn, "write", key, key_length);
-    }
-  }
-  M_overflow_recovery = &recovery;
-  if (home == 0 && (attempts > 0 || !M_block_stack_open())) {
+  // A write to a full overflow part comes back here with the block as it
+  // was, and the allocation is retried in another part.
+  RecoveryPoint point(block, b);
+  if (setjmp(point.buffer) != 0 && !point.resume(rel, block)) return wr_error(rel, fn, "write", key, key_length);
+  M_overflow_recovery = &point.buffer;
+  if (home == 0 && (point.attempts > 0 || !M_block_stack_open())) {
     int32_t blocks = (stored_length + usable(b) - 1) / usable(b);
     int r = M_alloc_new_blocks(rel, blocks, ALLOC_ANY_PART, block, 0, 0, 0);
     if (r == ADD_RETRY) {
-      M_overflow_recovery = outer;
+      M_overflow_recovery = point.outer;
       M_release_blocks_in_stack(rel);
       return ADD_RETRY;
     }
     if (r != 0) {
-      M_overflow_recovery = outer;
+      M_overflow_recovery = point.outer;
       return wr_error(rel, fn, nullptr, key, key_length);
     }
     own_stack = true;
   }
   uint32_t position = write_record(rel, block, home, record, stored_length, in_continuation);
-  M_overflow_recovery = outer;
+  M_overflow_recovery = point.outer;
   if (position <= 1) {
     M_release_blocks_in_stack(rel);
     return wr_error(rel, fn, nullptr, key, key_length);
@@ -358,27 +369,16 @@ int make_new_group(REL_TYPE* rel, uint8_t* block, uint32_t address, const uint8_
   }
   bool fits = stored_length <= gb_byteleft(fresh);
   int32_t need = fits ? 1 : (stored_length + usable(b) - 1) / usable(b) + 1;
-  std::vector<uint8_t> saved(block, block + b);
-  std::jmp_buf recovery;
-  std::jmp_buf* outer = M_overflow_recovery;
-  volatile int attempts = 0;
-  if (setjmp(recovery) != 0) {
-    std::memcpy(block, saved.data(), b);
-    attempts = attempts + 1;
-    if (attempts > 2) {
-      M_overflow_recovery = outer;
-      M_release_blocks_in_stack(rel);
-      return wr_error(rel, fn, "write", key, key_length);
-    }
-  }
-  if (rel_is_dynamic(rel)) M_overflow_recovery = &recovery;
+  RecoveryPoint point(block, b);
+  if (setjmp(point.buffer) != 0 && !point.resume(rel, block)) return wr_error(rel, fn, "write", key, key_length);
+  if (rel_is_dynamic(rel)) M_overflow_recovery = &point.buffer;
   if (M_alloc_new_blocks(rel, need, ALLOC_ANY_PART, block, 0, 0, 0) != 0) {
-    M_overflow_recovery = outer;
+    M_overflow_recovery = point.outer;
     return wr_error(rel, fn, nullptr, key, key_length);
   }
   int64_t dest = M_get_dest_block(rel);
   if (dest < 0) {
-    M_overflow_recovery = outer;
+    M_overflow_recovery = point.outer;
     M_release_blocks_in_stack(rel);
     return wr_error(rel, fn, nullptr, key, key_length);
   }
@@ -387,7 +387,7 @@ int make_new_group(REL_TYPE* rel, uint8_t* block, uint32_t address, const uint8_
   gb_set_next(block, new_address);
   if (!fits) {
     if (M_add_record(rel, fresh, new_address, key, key_length, record, stored_length, 1, 1) < 0) {
-      M_overflow_recovery = outer;
+      M_overflow_recovery = point.outer;
       M_release_blocks_in_stack(rel);
       gb_set_next(block, 0);
       return wr_error(rel, fn, nullptr, key, key_length);
@@ -404,7 +404,7 @@ int make_new_group(REL_TYPE* rel, uint8_t* block, uint32_t address, const uint8_
     ke_set_length(fresh, 0, stored_length);
     gb_set_byteleft(fresh, static_cast<int16_t>(gb_byteleft(fresh) - stored_length));
   }
-  M_overflow_recovery = outer;
+  M_overflow_recovery = point.outer;
   // The old block takes back its free list; the new block is written first.
   if (M_block_stack_open() && M_relink_free_blocks(rel, block, 0, 1) != 0)
     return wr_error(rel, fn, nullptr, key, key_length);

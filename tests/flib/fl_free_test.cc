@@ -57,13 +57,7 @@ class FlFree : public testing::Test {
     return decode_overflow_header(block);
   }
   size_t part_size(const char* name) { return read_bytes(path + "/" + name).size(); }
-  std::string findings() {
-    std::vector<std::string> found;
-    M_check_file(path.c_str(), &found);
-    std::string all;
-    for (const auto& f : found) all += f + "\n";
-    return all;
-  }
+  std::string findings() { return check_findings(path); }
 };
 
 TEST_F(FlFree, AFullStackSpillsIntoAListBlockThatIsItselfTakenLater) {

@@ -43,14 +43,6 @@ Records make_records(uint32_t seed, int count, uint32_t b) {
   return out;
 }
 
-std::string check_text(const std::string& path) {
-  std::vector<std::string> findings;
-  M_check_file(path.c_str(), &findings);
-  std::string all;
-  for (const auto& f : findings) all += f + "\n";
-  return all;
-}
-
 const uint8_t* bytes(const std::string& s) { return reinterpret_cast<const uint8_t*>(s.data()); }
 int32_t length(const std::string& s) { return static_cast<int32_t>(s.size()); }
 
@@ -115,8 +107,8 @@ TEST(FlMem, BufferedAndSingleLoadsReadBackTheSame) {
     LoadCounts one = load(one_path, dynamic, 101, records, false);
     expect_all_readable(mem_path, records);
     expect_all_readable(one_path, records);
-    EXPECT_EQ(check_text(mem_path), "");
-    EXPECT_EQ(check_text(one_path), "");
+    EXPECT_EQ(check_findings(mem_path), "");
+    EXPECT_EQ(check_findings(one_path), "");
     // The buffered load reaches the disk in few large writes.
     EXPECT_EQ(mem.block_writes, 0u);
     EXPECT_LT(mem.buffered_writes * 20, one.block_writes) << mem.buffered_writes << " against " << one.block_writes;
@@ -126,13 +118,24 @@ TEST(FlMem, BufferedAndSingleLoadsReadBackTheSame) {
   }
 }
 
-TEST(FlMem, PoolsFlushInRunsAndPieces) {
+// A static file of 400 groups of 1 KiB blocks under the buffered writer.
+class FlMemPools : public testing::Test {
+ protected:
   TempDir tmp;
   std::string path = tmp.str() + "/S";
-  ASSERT_EQ(M_create_hashed(path.c_str(), 200, 1, 0, 0, nullptr), 1);
   REL_TYPE rel;
-  ASSERT_EQ(M_openfile(&rel, path.c_str(), 2), 1);
-  ASSERT_EQ(M_init_mem_buffers(&rel), 1);
+  void SetUp() override {
+    ASSERT_EQ(M_create_hashed(path.c_str(), 400, 1, 0, 0, nullptr), 1);
+    ASSERT_EQ(M_openfile(&rel, path.c_str(), 2), 1);
+    ASSERT_EQ(M_init_mem_buffers(&rel), 1);
+  }
+  void TearDown() override {
+    M_mem_force_flush(&rel, 1);
+    M_closefile(&rel);
+  }
+};
+
+TEST_F(FlMemPools, PoolsFlushInRunsAndPieces) {
   std::vector<uint8_t> block(1024), back(1024);
   // 100 consecutive head blocks (one run of 102400 bytes: two pieces) and
   // one block apart (a run of its own), read without change.
@@ -156,16 +159,9 @@ TEST(FlMem, PoolsFlushInRunsAndPieces) {
   EXPECT_EQ(back[100], 5);
   ASSERT_EQ(M_mem_force_flush(&rel, 1), 1);
   EXPECT_FALSE(M_mem_active(&rel));
-  M_closefile(&rel);
 }
 
-TEST(FlMem, AFullPoolFlushesOnTheNextMissAndRestartsWithOneRow) {
-  TempDir tmp;
-  std::string path = tmp.str() + "/S";
-  ASSERT_EQ(M_create_hashed(path.c_str(), 400, 1, 0, 0, nullptr), 1);
-  REL_TYPE rel;
-  ASSERT_EQ(M_openfile(&rel, path.c_str(), 2), 1);
-  ASSERT_EQ(M_init_mem_buffers(&rel), 1);
+TEST_F(FlMemPools, AFullPoolFlushesOnTheNextMissAndRestartsWithOneRow) {
   uint32_t capacity = MEM_POOL_BYTES / 1024;
   std::vector<uint8_t> block(1024);
   // Every other group: no two blocks are adjacent, one write per block.
@@ -180,7 +176,6 @@ TEST(FlMem, AFullPoolFlushesOnTheNextMissAndRestartsWithOneRow) {
   before = M_mem_write_calls;
   ASSERT_EQ(M_mem_force_flush(&rel, 1), 1);
   EXPECT_EQ(M_mem_write_calls - before, 1u);
-  M_closefile(&rel);
 }
 
 }  // namespace

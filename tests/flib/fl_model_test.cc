@@ -56,12 +56,6 @@ size_t random_length(std::mt19937& rng, uint32_t b) {
   }
 }
 
-std::vector<std::string> check(const std::string& path) {
-  std::vector<std::string> findings;
-  M_check_file(path.c_str(), &findings);
-  return findings;
-}
-
 void run_model(const Config& config, int batches, int ops_per_batch) {
   char label[96];
   std::snprintf(label, sizeof label, "%s B code %d seed %u", config.dynamic ? "dynamic" : "static",
@@ -108,10 +102,7 @@ void run_model(const Config& config, int batches, int ops_per_batch) {
       ASSERT_EQ(M_read_tuple(&rel, reinterpret_cast<const uint8_t*>(key.data()), static_cast<int32_t>(key.size()), &got), 1);
       ASSERT_EQ(got, record);
     }
-    auto findings = check(path);
-    std::string all;
-    for (const auto& f : findings) all += f + "\n";
-    ASSERT_EQ(all, "") << "after batch " << batch;
+    ASSERT_EQ(check_findings(path), "") << "after batch " << batch;
   }
   M_closefile(&rel);
 }

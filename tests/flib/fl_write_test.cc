@@ -59,13 +59,7 @@ class FlWrite : public testing::Test {
   }
   std::vector<uint8_t> head() { return block_at(rel.block_size); }
   OverflowHeader over_header() { return decode_overflow_header(block_at(ADDR_OVERFLOW).data()); }
-  std::string findings() {
-    std::vector<std::string> found;
-    M_check_file(path.c_str(), &found);
-    std::string all;
-    for (const auto& f : found) all += f + "\n";
-    return all;
-  }
+  std::string findings() { return check_findings(path); }
 };
 
 TEST_F(FlWrite, ARecordOfExactlyByteleftStaysInTheBlock) {
