@@ -72,36 +72,6 @@ int free_long_record(REL_TYPE* rel, uint8_t* table, uint32_t first, int32_t leng
   return 1;
 }
 
-// Puts the rows of a group block (and their keys) back in ascending order
-// of position, after positions have been rebased.
-void sort_rows(uint8_t* block, uint32_t b) {
-  struct Row {
-    uint32_t position;
-    int32_t length;
-    std::vector<uint8_t> key;
-  };
-  int32_t count = std::clamp<int32_t>(gb_key_count(block), 0, max_key_rows(b));
-  int32_t datapos = gb_datapos(block);
-  std::vector<Row> rows;
-  for (int32_t r = 0, walk = datapos; r < count; ++r) {
-    int32_t n = block[walk - 1];
-    rows.push_back({ke_position(block, r), ke_length(block, r),
-                    std::vector<uint8_t>(block + walk - 1 - n, block + walk - 1)});
-    walk -= n + 1;
-  }
-  std::stable_sort(rows.begin(), rows.end(), [](const Row& x, const Row& y) { return x.position < y.position; });
-  int32_t walk = datapos;
-  for (int32_t r = 0; r < count; ++r) {
-    const Row& row = rows[static_cast<size_t>(r)];
-    ke_set_position(block, r, row.position);
-    ke_set_length(block, r, row.length);
-    int32_t n = static_cast<int32_t>(row.key.size());
-    block[walk - 1] = static_cast<uint8_t>(n);
-    std::memcpy(block + walk - 1 - n, row.key.data(), row.key.size());
-    walk -= n + 1;
-  }
-}
-
 }  // namespace
 
 int delete_record(REL_TYPE* rel, uint32_t address, uint8_t* block, int32_t row) {
@@ -230,7 +200,7 @@ int M_delete_tuple(REL_TYPE* rel, const uint8_t* key, int32_t key_length, void* 
       uint32_t p = ke_position(moved, r);
       if (position_in_block(p, next, b)) ke_set_position(moved, r, p - from + to);
     }
-    sort_rows(moved, b);
+    M_sort_rows(moved, b);
     gb_set_flags(moved, static_cast<uint8_t>((gb_flags(moved) & ~FLAG_KIND_MASK) | FLAG_HEAD));
     std::memcpy(block, moved, b);
     M_push_blkoff(next);

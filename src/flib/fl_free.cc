@@ -4,6 +4,8 @@
 
 #include <algorithm>
 #include <cstring>
+#include <map>
+#include <set>
 #include <vector>
 
 #include "flib/fl_block.h"
@@ -16,6 +18,7 @@
 #include "flib/fl_ovhdr.h"
 #include "flib/fl_rel.h"
 #include "flib/fl_report.h"
+#include "flib/fl_write.h"
 #include "flib/lrgfillib.h"
 
 namespace {
@@ -196,7 +199,85 @@ int64_t take_from_group_list(REL_TYPE* rel, const char* fn, bool must_be_empty) 
   return address;
 }
 
+// The blocks that the records of rows outside the group block at `address`
+// take: one for each block of short records, every block of a long one.
+// -1 after a report.
+int32_t data_blocks_of(REL_TYPE* rel, const uint8_t* block, uint32_t address) {
+  uint32_t b = bsize(rel);
+  std::set<uint32_t> holders;
+  int32_t count = 0;
+  int32_t rows = std::clamp<int32_t>(gb_key_count(block), 0, max_key_rows(b));
+  for (int32_t row = 0; row < rows; ++row) {
+    uint32_t position = ke_position(block, row);
+    int32_t length = ke_length(block, row);
+    if (!addr_is_overflow(position) || position_in_block(position, address, b)) continue;
+    if (length > static_cast<int32_t>(b - BLOCK_OVERHEAD))
+      count += (length + static_cast<int32_t>(b - BLOCK_OVERHEAD) - 1) / static_cast<int32_t>(b - BLOCK_OVERHEAD);
+    else if (holders.insert(data_block_address(rel, block, position)).second)
+      ++count;
+  }
+  return count;
+}
+
 }  // namespace
+
+int M_move_block(REL_TYPE* rel, uint32_t first, std::map<uint32_t, uint32_t>* moved) {
+  const char* fn = "M_move_block";
+  uint8_t data[MAX_BLOCK_SIZE];
+  // The chain: a block of short records alone, or every block of a long one.
+  std::vector<uint32_t> chain;
+  for (uint32_t at = first; at != 0 && chain.size() <= MAX_RECORD_BYTES / 500;) {
+    if (M_blkread(rel, at, data, CHECK_GROUP_ONLY) != 1) return M_file_error(rel, fn, nullptr, nullptr, 0, 0);
+    uint8_t kind = gb_flags(data) & FLAG_LONG_MASK;
+    if ((gb_flags(data) & FLAG_GROUP_BIT) != 0) return alloc_error(rel, fn, "check block flag");
+    if (chain.empty() ? false : (kind != FLAG_LONG_MIDDLE && kind != FLAG_LONG_LAST))
+      return alloc_error(rel, fn, "check long record");
+    chain.push_back(at);
+    at = (kind == FLAG_LONG_FIRST || kind == FLAG_LONG_MIDDLE) ? fl_get_u32(data, DB_NEXT) : 0;
+  }
+  // New homes first, so that each copy can name the next one.
+  std::vector<uint32_t> fresh_ones;
+  for (uint32_t old : chain) {
+    if (moved->count(old) != 0) continue;
+    int64_t fresh = M_get_dest_block(rel);
+    if (fresh < 0) return M_file_error(rel, fn, nullptr, nullptr, 0, 0);
+    (*moved)[old] = static_cast<uint32_t>(fresh);
+    fresh_ones.push_back(old);
+  }
+  for (uint32_t old : fresh_ones) {
+    if (M_blkread(rel, old, data, CHECK_GROUP_ONLY) != 1) return M_file_error(rel, fn, nullptr, nullptr, 0, 0);
+    uint8_t kind = gb_flags(data) & FLAG_LONG_MASK;
+    if (kind == FLAG_LONG_FIRST || kind == FLAG_LONG_MIDDLE) {
+      auto it = moved->find(fl_get_u32(data, DB_NEXT));
+      if (it == moved->end()) return alloc_error(rel, fn, "end block check");
+      fl_put_u32(data, DB_NEXT, it->second);
+    }
+    gb_set_group(data, M_groupno);
+    if (M_blkwrite(rel, (*moved)[old], data) != 1) return M_file_error(rel, fn, nullptr, nullptr, 0, 0);
+    M_push_blkoff(old);
+  }
+  return 0;
+}
+
+int M_move_group_data(REL_TYPE* rel, uint8_t* block, uint32_t address, uint8_t old_part) {
+  const char* fn = "M_move_group_data";
+  uint32_t b = bsize(rel);
+  if (gb_over_part(block) != old_part) return alloc_error(rel, fn, "part");
+  std::map<uint32_t, uint32_t> moved;
+  std::vector<std::pair<int32_t, uint32_t>> rebased;  // row, new position
+  int32_t rows = std::clamp<int32_t>(gb_key_count(block), 0, max_key_rows(b));
+  for (int32_t row = 0; row < rows; ++row) {
+    uint32_t position = ke_position(block, row);
+    if (!addr_is_overflow(position) || position_in_block(position, address, b)) continue;
+    uint32_t holder = data_block_address(rel, block, position);
+    if (M_move_block(rel, holder, &moved) != 0) return M_file_error(rel, fn, nullptr, nullptr, 0, 0);
+    uint32_t in_block = (position & 0x7FFFFFFFu) % b;
+    rebased.push_back({row, (moved[holder] & ~ADDR_PART_MASK) + in_block});
+  }
+  for (const auto& [row, position] : rebased) ke_set_position(block, row, position);
+  M_sort_rows(block, b);
+  return 0;
+}
 
 bool M_block_stack_open() { return g_stack.open; }
 
@@ -348,22 +429,27 @@ int M_alloc_new_blocks(REL_TYPE* rel, int32_t count, int32_t mode, uint8_t* bloc
   uint8_t part = gb_over_part(block);
   if (part == 0 && g_stack.list_head != 0) part = 1;
   int r;
-  if (part != 0) {
+  // The blocks the group block's records take in its part, should they
+  // have to follow it to another one.
+  int32_t own = extra1 != 0 ? data_blocks_of(rel, block, static_cast<uint32_t>(extra2)) : 0;
+  if (own < 0) r = -1;
+  else if (part != 0) {
     if (M_set_over_fd(rel, part) != 0) r = -1;
     else r = get_free_blocks(rel, count, 1);
     if (r == FREE_NO_ROOM && mode == ALLOC_OWN_PART) r = -1;
-    else if (r == FREE_NO_ROOM) r = search_avail_part_file(rel, count, block, count);
+    else if (r == FREE_NO_ROOM) r = search_avail_part_file(rel, count + own, block, count);
   } else {
     r = search_avail_part_file(rel, count, block, count);
   }
-  if (r == 0 && gb_over_part(block) != 0 && gb_over_part(block) != rel->over_current) {
-    // The block's records would have to follow it to the new part.
-    bool has_overflow_rows = false;
-    for (int32_t row = 0; row < gb_key_count(block); ++row)
-      if (addr_is_overflow(ke_position(block, row))) has_overflow_rows = true;
-    if (has_overflow_rows) {
-      M_release_blocks_in_stack(rel);
-      return alloc_error(rel, fn, "group data in another part");
+  if (r == 0 && part != 0 && part != rel->over_current) {
+    // The group's free list stays behind in the old part.
+    if (g_stack.list_head != 0 && M_release_grp_free_blocks(rel, g_stack.list_head) != 0) r = -1;
+    g_stack.list_head = 0;
+    g_stack.list_count = 0;
+    g_stack.group_reserved = 0;
+    if (r == 0 && own > 0) {
+      if (extra1 == 0) r = alloc_error(rel, fn, "group data in another part");
+      else if (M_move_group_data(rel, block, static_cast<uint32_t>(extra2), part) != 0) r = -1;
     }
   }
   if (r != 0) {
@@ -410,8 +496,8 @@ int64_t M_get_dest_block(REL_TYPE* rel) {
     g_stack.handed.push_back(a);
     return a;
   }
-  if (g_stack.group_reserved > 0 || g_stack.list_head != 0) {
-    if (g_stack.group_reserved > 0) --g_stack.group_reserved;
+  if (g_stack.group_reserved > 0) {
+    --g_stack.group_reserved;
     return take_from_group_list(rel, fn, false);
   }
   M_release_blocks_in_stack(rel);
@@ -447,8 +533,8 @@ int M_relink_free_blocks(REL_TYPE* rel, uint8_t* block, uint32_t address, int re
   } else if (address != 0 && M_blkwrite(rel, address, block) != 1) {
     result = -1;
   }
-  if (release != 0 && M_release_blk_in_buffer(rel, 0) != 0) result = -1;
-  if (M_release_free_block_in_group(rel) != 0) result = -1;
+  // Blocks that the block no longer refers to wait, unless it was written.
+  if (release != 0 && M_release_free_block_in_group(rel) != 0) result = -1;
   if (M_release_to_file(rel, 0) != 0) result = -1;
   if (result != 0) M_file_error(rel, fn, nullptr, nullptr, 0, static_cast<int32_t>(M_groupno));
   return result;

@@ -9,6 +9,7 @@
 #pragma once
 
 #include <cstdint>
+#include <map>
 
 struct REL_TYPE;
 
@@ -77,6 +78,15 @@ bool M_block_stack_open();
 // `own_count` in the group's own part. 0 or -1.
 int search_avail_part_file(REL_TYPE* rel, int32_t count, uint8_t* block, int32_t own_count);
 
+// Moves the records of the group block `block` (at `address`) that lie in
+// its overflow part `old_part` (still its byte 28) to blocks reserved in
+// the current part, and rewrites their rows; the old blocks wait in the
+// push buffer until the block is written. 0 or -1.
+int M_move_group_data(REL_TYPE* rel, uint8_t* block, uint32_t address, uint8_t old_part);
+// Copies the data block at `first`, or the whole long record that starts
+// there, to reserved blocks; `moved` maps old addresses to new ones and
+// keeps a block shared by several records from being copied twice. 0 or -1.
+int M_move_block(REL_TYPE* rel, uint32_t first, std::map<uint32_t, uint32_t>* moved);
 // Clears the data block `block` at `address` and puts it on the free list
 // of the group block `head`, or into the release buffer when that list is
 // full in a dynamic file. The block is written when it goes on the list.

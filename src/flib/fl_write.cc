@@ -82,6 +82,36 @@ uint32_t data_block_address(const REL_TYPE* rel, const uint8_t* block, uint32_t 
   return record_block_address(position, rel->block_size, rel_is_dynamic(rel) ? gb_over_part(block) : 0);
 }
 
+// Puts the rows of a group block (and their keys) back in ascending order
+// of position, after positions have been rebased.
+void M_sort_rows(uint8_t* block, uint32_t b) {
+  struct Row {
+    uint32_t position;
+    int32_t length;
+    std::vector<uint8_t> key;
+  };
+  int32_t count = std::clamp<int32_t>(gb_key_count(block), 0, max_key_rows(b));
+  int32_t datapos = gb_datapos(block);
+  std::vector<Row> rows;
+  for (int32_t r = 0, walk = datapos; r < count; ++r) {
+    int32_t n = block[walk - 1];
+    rows.push_back({ke_position(block, r), ke_length(block, r),
+                    std::vector<uint8_t>(block + walk - 1 - n, block + walk - 1)});
+    walk -= n + 1;
+  }
+  std::stable_sort(rows.begin(), rows.end(), [](const Row& x, const Row& y) { return x.position < y.position; });
+  int32_t walk = datapos;
+  for (int32_t r = 0; r < count; ++r) {
+    const Row& row = rows[static_cast<size_t>(r)];
+    ke_set_position(block, r, row.position);
+    ke_set_length(block, r, row.length);
+    int32_t n = static_cast<int32_t>(row.key.size());
+    block[walk - 1] = static_cast<uint8_t>(n);
+    std::memcpy(block + walk - 1 - n, row.key.data(), row.key.size());
+    walk -= n + 1;
+  }
+}
+
 int32_t M_key_prologue(const uint8_t* key, int32_t key_length) {
   if (key_length > MAX_KEY_LENGTH || key_length < 0) {
     M_msgno_out(76, "%d %.*s", key_length, std::max(key_length, 0), reinterpret_cast<const char*>(key));
@@ -275,7 +305,7 @@ int64_t M_add_record(REL_TYPE* rel, uint8_t* block, uint32_t address, const uint
   M_overflow_recovery = &point.buffer;
   if (home == 0 && (point.attempts > 0 || !M_block_stack_open())) {
     int32_t blocks = (stored_length + usable(b) - 1) / usable(b);
-    int r = M_alloc_new_blocks(rel, blocks, ALLOC_ANY_PART, block, 0, 0, 0);
+    int r = M_alloc_new_blocks(rel, blocks, ALLOC_ANY_PART, block, 1, static_cast<int32_t>(address), 0);
     if (r == ADD_RETRY) {
       M_overflow_recovery = point.outer;
       M_release_blocks_in_stack(rel);
@@ -295,7 +325,7 @@ int64_t M_add_record(REL_TYPE* rel, uint8_t* block, uint32_t address, const uint
   }
   insert_key(block, b, key, key_length, position, stored_length);
   if (own_stack || !M_block_stack_open()) {
-    if (M_relink_free_blocks(rel, block, write_now != 0 ? address : 0, 1) != 0)
+    if (M_relink_free_blocks(rel, block, write_now != 0 ? address : 0, write_now) != 0)
       return wr_error(rel, fn, nullptr, key, key_length);
   } else if (write_now != 0 && M_blkwrite(rel, address, block) != 1) {
     return wr_error(rel, fn, nullptr, key, key_length);
@@ -372,7 +402,7 @@ int make_new_group(REL_TYPE* rel, uint8_t* block, uint32_t address, const uint8_
   RecoveryPoint point(block, b);
   if (setjmp(point.buffer) != 0 && !point.resume(rel, block)) return wr_error(rel, fn, "write", key, key_length);
   if (rel_is_dynamic(rel)) M_overflow_recovery = &point.buffer;
-  if (M_alloc_new_blocks(rel, need, ALLOC_ANY_PART, block, 0, 0, 0) != 0) {
+  if (M_alloc_new_blocks(rel, need, ALLOC_ANY_PART, block, 1, static_cast<int32_t>(address), 0) != 0) {
     M_overflow_recovery = point.outer;
     return wr_error(rel, fn, nullptr, key, key_length);
   }
@@ -406,7 +436,7 @@ int make_new_group(REL_TYPE* rel, uint8_t* block, uint32_t address, const uint8_
   }
   M_overflow_recovery = point.outer;
   // The old block takes back its free list; the new block is written first.
-  if (M_block_stack_open() && M_relink_free_blocks(rel, block, 0, 1) != 0)
+  if (M_block_stack_open() && M_relink_free_blocks(rel, block, 0, 0) != 0)
     return wr_error(rel, fn, nullptr, key, key_length);
   gb_set_time(fresh, M_block_time());
   if (M_blkwrite(rel, new_address, fresh) != 1) return wr_error(rel, fn, nullptr, key, key_length);

@@ -72,6 +72,9 @@ uint32_t M_block_time();
 bool position_in_block(uint32_t position, uint32_t address, uint32_t block_size);
 // The DATA_BLOCK that holds the record at `position` of a row of `block`.
 uint32_t data_block_address(const REL_TYPE* rel, const uint8_t* block, uint32_t position);
+// Puts the rows of a group block, with their keys, back in ascending order
+// of position after positions have changed.
+void M_sort_rows(uint8_t* block, uint32_t block_size);
 // Prologue of keyed calls: refuses a key of 127 bytes or more (message 76)
 // and drops a closing field mark. The usable length, or -1.
 int32_t M_key_prologue(const uint8_t* key, int32_t key_length);

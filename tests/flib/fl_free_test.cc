@@ -5,6 +5,7 @@
 
 #include <gtest/gtest.h>
 
+#include <map>
 #include <string>
 #include <vector>
 
@@ -162,6 +163,48 @@ TEST(FlFreeParts, AFullOverflowPartMakesANewOne) {
   M_closefile(&rel);
   std::vector<std::string> found;
   EXPECT_EQ(M_check_file(path.c_str(), &found), 0) << (found.empty() ? "" : found[0]);
+}
+
+}  // namespace
+
+namespace {
+
+TEST(FlFreeParts, AGroupWhosePartIsFullMovesItsRecordsToANewPart) {
+  TempDir tmp;
+  std::string path = tmp.str() + "/D";
+  {
+    ScopedEnv small("MAX_FLENGTH", "24576");  // 24 blocks a part
+    ASSERT_EQ(M_create_hashed(path.c_str(), 2, 1, 64, 0, nullptr), 1);
+  }
+  REL_TYPE rel;
+  ASSERT_EQ(M_openfile(&rel, path.c_str(), 2), 1);
+  auto put = [&](const std::string& key, const std::string& record) {
+    return M_append_strtuple(&rel, bytes(key), static_cast<int32_t>(key.size()), bytes(record),
+                             static_cast<int32_t>(record.size()), 0, nullptr);
+  };
+  // Group 1 ("A") takes 10 blocks of over001; group 0 (even letters) a
+  // long record of 4 blocks and short records in blocks of their own.
+  std::map<std::string, std::string> records = {{"A", std::string(10 * kUsable - 1, 'a')},
+                                                {"B", std::string(4 * kUsable - 1, 'b')}};
+  for (char c : std::string("DFHJLN")) records[std::string(1, c)] = std::string(400, c);
+  for (const auto& [k, r] : records) ASSERT_EQ(put(k, r), 1) << k;
+  ASSERT_EQ(rel.overflow.size(), 1u);
+  // Eight more blocks do not fit into over001: group 0 moves to over002.
+  records["P"] = std::string(8 * kUsable - 1, 'p');
+  ASSERT_EQ(put("P", records["P"]), 1);
+  ASSERT_EQ(rel.overflow.size(), 2u);
+  uint8_t head[B];
+  M_groupno = 0;
+  ASSERT_EQ(M_blkread(&rel, B, head, CHECK_HEAD), 1);
+  EXPECT_EQ(gb_over_part(head), 2);
+  for (const auto& [k, r] : records) {
+    std::string got;
+    ASSERT_EQ(M_read_tuple(&rel, bytes(k), 1, &got), 1) << k;
+    EXPECT_EQ(got, r) << k;
+  }
+  M_closefile(&rel);
+  // The blocks left behind in over001 are free there.
+  EXPECT_EQ(check_findings(path), "");
 }
 
 }  // namespace
