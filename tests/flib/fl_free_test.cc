@@ -36,10 +36,13 @@ class FlFree : public testing::Test {
   std::string path;
   REL_TYPE rel;
 
-  void open_new(int32_t modulo, int32_t spread = 0) {
+  // A dynamic file of 1 KiB blocks; `max_flength` sets MAX_FLENGTH.
+  void open_new(int32_t modulo, int32_t spread = 0, const char* max_flength = nullptr) {
     path = tmp.str() + "/D";
     M_spread = spread;
+    if (max_flength != nullptr) setenv("MAX_FLENGTH", max_flength, 1);
     ASSERT_EQ(M_create_hashed(path.c_str(), modulo, 1, 64, 0, nullptr), 1);
+    unsetenv("MAX_FLENGTH");
     M_spread = 0;
     ASSERT_EQ(M_openfile(&rel, path.c_str(), 2), 1);
   }
@@ -48,9 +51,16 @@ class FlFree : public testing::Test {
   }
   // A record of exactly `blocks` blocks.
   int put_blocks(const std::string& key, uint32_t blocks) {
-    std::string record(blocks * kUsable - 1, key[0]);
+    return put(key, std::string(blocks * kUsable - 1, key[0]));
+  }
+  int put(const std::string& key, const std::string& record) {
     return M_append_strtuple(&rel, bytes(key), static_cast<int32_t>(key.size()), bytes(record),
                              static_cast<int32_t>(record.size()), 0, nullptr);
+  }
+  std::string get(const std::string& key) {
+    std::string record;
+    EXPECT_EQ(M_read_tuple(&rel, bytes(key), static_cast<int32_t>(key.size()), &record), 1) << key;
+    return record;
   }
   OverflowHeader header(uint32_t part = 1) {
     uint8_t block[B];
@@ -79,6 +89,21 @@ TEST_F(FlFree, AFullStackSpillsIntoAListBlockThatIsItselfTakenLater) {
   EXPECT_EQ(h.free_head, 0u);
   EXPECT_EQ(h.free_count, 60u);
   EXPECT_EQ(h.stack_count, 60);
+  EXPECT_EQ(findings(), "");
+}
+
+TEST_F(FlFree, AFreeCountBelowTheStackIsRepairedUnderTheHeaderLock) {
+  open_new(1);
+  ASSERT_EQ(put_blocks("A", 3), 1);
+  ASSERT_EQ(M_delete_tuple(&rel, bytes(std::string("A")), 1, nullptr), 1);
+  ASSERT_EQ(header().stack_count, 3);
+  uint8_t block[B];
+  ASSERT_EQ(M_blkread(&rel, ADDR_OVERFLOW, block, CHECK_NONE), 1);
+  fl_put_u32(block, OH_FREE_COUNT, 0);
+  ASSERT_EQ(M_blkwrite(&rel, ADDR_OVERFLOW, block), 1);
+  ASSERT_EQ(put_blocks("B", 1), 1);
+  EXPECT_EQ(header().stack_count, 2);
+  EXPECT_EQ(header().free_count, 2u);
   EXPECT_EQ(findings(), "");
 }
 
@@ -140,71 +165,42 @@ TEST_F(FlFree, AnUndoneReservationGivesBackWhatReachedTheDisk) {
   EXPECT_EQ(findings(), "");
 }
 
-TEST(FlFreeParts, AFullOverflowPartMakesANewOne) {
-  TempDir tmp;
-  std::string path = tmp.str() + "/D";
-  {
-    ScopedEnv small("MAX_FLENGTH", "32768");  // 32 blocks a part
-    ASSERT_EQ(M_create_hashed(path.c_str(), 2, 1, 64, 0, nullptr), 1);
-  }
-  REL_TYPE rel;
-  ASSERT_EQ(M_openfile(&rel, path.c_str(), 2), 1);
+TEST_F(FlFree, AFullOverflowPartMakesANewOne) {
+  open_new(2, 0, "32768");  // 32 blocks a part
   // "B" hashes to group 0, "A" to group 1 (decimal hash over 2 groups).
-  std::string a(25 * kUsable - 1, 'a'), b(25 * kUsable - 1, 'b');
-  ASSERT_EQ(M_append_strtuple(&rel, bytes(std::string("B")), 1, bytes(b), static_cast<int32_t>(b.size()), 0, nullptr), 1);
-  ASSERT_EQ(M_append_strtuple(&rel, bytes(std::string("A")), 1, bytes(a), static_cast<int32_t>(a.size()), 0, nullptr), 1);
+  ASSERT_EQ(put_blocks("B", 25), 1);
+  ASSERT_EQ(put_blocks("A", 25), 1);
   EXPECT_EQ(rel.overflow.size(), 2u);
-  EXPECT_EQ(read_bytes(path + "/over002").size() / B, 26u);
-  std::string got;
-  ASSERT_EQ(M_read_tuple(&rel, bytes(std::string("A")), 1, &got), 1);
-  EXPECT_EQ(got, a);
-  ASSERT_EQ(M_read_tuple(&rel, bytes(std::string("B")), 1, &got), 1);
-  EXPECT_EQ(got, b);
-  M_closefile(&rel);
-  std::vector<std::string> found;
-  EXPECT_EQ(M_check_file(path.c_str(), &found), 0) << (found.empty() ? "" : found[0]);
+  EXPECT_EQ(part_size("over002") / B, 26u);
+  EXPECT_EQ(get("A"), std::string(25 * kUsable - 1, 'A'));
+  EXPECT_EQ(get("B"), std::string(25 * kUsable - 1, 'B'));
+  EXPECT_EQ(findings(), "");
 }
 
-}  // namespace
-
-namespace {
-
-TEST(FlFreeParts, AGroupWhosePartIsFullMovesItsRecordsToANewPart) {
-  TempDir tmp;
-  std::string path = tmp.str() + "/D";
-  {
-    ScopedEnv small("MAX_FLENGTH", "24576");  // 24 blocks a part
-    ASSERT_EQ(M_create_hashed(path.c_str(), 2, 1, 64, 0, nullptr), 1);
-  }
-  REL_TYPE rel;
-  ASSERT_EQ(M_openfile(&rel, path.c_str(), 2), 1);
-  auto put = [&](const std::string& key, const std::string& record) {
-    return M_append_strtuple(&rel, bytes(key), static_cast<int32_t>(key.size()), bytes(record),
-                             static_cast<int32_t>(record.size()), 0, nullptr);
-  };
+TEST_F(FlFree, AGroupWhosePartIsFullMovesItsRecordsToANewPart) {
+  open_new(2, 0, "24576");  // 24 blocks a part
   // Group 1 ("A") takes 10 blocks of over001; group 0 (even letters) a
   // long record of 4 blocks and short records in blocks of their own.
-  std::map<std::string, std::string> records = {{"A", std::string(10 * kUsable - 1, 'a')},
-                                                {"B", std::string(4 * kUsable - 1, 'b')}};
-  for (char c : std::string("DFHJLN")) records[std::string(1, c)] = std::string(400, c);
-  for (const auto& [k, r] : records) ASSERT_EQ(put(k, r), 1) << k;
+  ASSERT_EQ(put_blocks("A", 10), 1);
+  ASSERT_EQ(put_blocks("B", 4), 1);
+  std::string shorts = "DFHJLN";
+  for (char c : shorts) ASSERT_EQ(put(std::string(1, c), std::string(400, c)), 1) << c;
   ASSERT_EQ(rel.overflow.size(), 1u);
   // Eight more blocks do not fit into over001: group 0 moves to over002.
-  records["P"] = std::string(8 * kUsable - 1, 'p');
-  ASSERT_EQ(put("P", records["P"]), 1);
+  ASSERT_EQ(put_blocks("P", 8), 1);
   ASSERT_EQ(rel.overflow.size(), 2u);
   uint8_t head[B];
   M_groupno = 0;
   ASSERT_EQ(M_blkread(&rel, B, head, CHECK_HEAD), 1);
   EXPECT_EQ(gb_over_part(head), 2);
-  for (const auto& [k, r] : records) {
-    std::string got;
-    ASSERT_EQ(M_read_tuple(&rel, bytes(k), 1, &got), 1) << k;
-    EXPECT_EQ(got, r) << k;
+  for (const char* k : {"A", "B", "P"}) {
+    uint32_t blocks = *k == 'A' ? 10 : *k == 'B' ? 4 : 8;
+    EXPECT_EQ(get(k), std::string(blocks * kUsable - 1, *k)) << k;
   }
-  M_closefile(&rel);
+  for (char c : shorts) EXPECT_EQ(get(std::string(1, c)), std::string(400, c)) << c;
   // The blocks left behind in over001 are free there.
-  EXPECT_EQ(check_findings(path), "");
+  EXPECT_GT(header(1).free_count, 0u);
+  EXPECT_EQ(findings(), "");
 }
 
 }  // namespace
