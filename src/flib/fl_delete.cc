@@ -12,6 +12,7 @@
 #include "flib/fl_lock.h"
 #include "flib/fl_rel.h"
 #include "flib/fl_report.h"
+#include "flib/fl_split.h"
 #include "flib/fl_write.h"
 
 int (*M_delete_hook)(REL_TYPE*, const uint8_t*, int32_t) = nullptr;
@@ -217,5 +218,6 @@ int M_delete_tuple(REL_TYPE* rel, const uint8_t* key, int32_t key_length, void* 
     if (!overflow_rows && is_head) gb_set_over_part(block, 0);
   }
   if (M_blkwrite(rel, address, block) != 1) return finish(-1);
+  if (rel_is_dynamic(rel) && M_merge_seam != nullptr) M_merge_seam(rel, block, address);
   return finish(1);
 }

@@ -4,6 +4,7 @@
 #include "flib/fl_rel.h"
 
 int (*M_split_seam)(REL_TYPE* rel) = nullptr;
+void (*M_merge_seam)(REL_TYPE* rel, uint8_t* block, uint32_t address) = nullptr;
 
 void M_split_due(REL_TYPE* rel) {
   if (M_split_seam == nullptr || rel->sfd == nullptr) return;

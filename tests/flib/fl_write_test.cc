@@ -22,6 +22,7 @@
 #include "flib/fl_ovhdr.h"
 #include "flib/fl_read.h"
 #include "flib/fl_rel.h"
+#include "flib/fl_split.h"
 
 namespace {
 
@@ -218,6 +219,30 @@ TEST_F(FlWrite, AnEmptiedContinuationBlockLeavesTheChainOfAStaticFile) {
   int16_t free_before = gb_free_count(h.data());
   for (size_t i = 1; i < keys.size(); ++i) ASSERT_EQ(put(keys[i], std::string(300, keys[i][0])), 1);
   EXPECT_LT(gb_free_count(head().data()), free_before);
+  EXPECT_EQ(findings(), "");
+}
+
+int g_split_calls = 0;
+int count_split(REL_TYPE*) { return ++g_split_calls > 1 ? 0 : -1; }
+
+TEST_F(FlWrite, ALoadedGroupAsksForASplitUntilOneSucceeds) {
+  open_new(true, 0);
+  ASSERT_EQ(put("A", "small"), 1);
+  EXPECT_EQ(rel.sfd->split_flag, 0);
+  // Over the split load (60 percent of the keys' room): the flag is set and
+  // stays without a split routine; the modulo does not change.
+  for (int i = 0; i < 12; ++i) ASSERT_EQ(put("K" + std::to_string(i) + std::string(20, 'k'), "r"), 1);
+  EXPECT_EQ(rel.sfd->split_flag, 1);
+  EXPECT_EQ(rel.sfd->modulo, 1u);
+  // A failed split leaves the flag for the next add; a good one clears it.
+  M_split_seam = count_split;
+  ASSERT_EQ(put("B", "x"), 1);
+  EXPECT_EQ(g_split_calls, 1);
+  EXPECT_EQ(rel.sfd->split_flag, 1);
+  ASSERT_EQ(put("C", "x"), 1);
+  EXPECT_EQ(g_split_calls, 2);
+  EXPECT_EQ(rel.sfd->split_flag, 0);
+  M_split_seam = nullptr;
   EXPECT_EQ(findings(), "");
 }
 
