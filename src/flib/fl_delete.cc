@@ -25,13 +25,6 @@ int del_error(REL_TYPE* rel, const char* fn, const char* cause) {
 
 int32_t usable(uint32_t b) { return static_cast<int32_t>(b - BLOCK_OVERHEAD); }
 
-// Clears a block that leaves a group: flags bits 0-3, byteleft B-12, data.
-void clear_block(uint8_t* block, uint32_t b) {
-  std::memset(block + DB_DATA, 0, b - DB_DATA);
-  gb_set_byteleft(block, static_cast<int16_t>(usable(b)));
-  gb_set_flags(block, static_cast<uint8_t>(gb_flags(block) & ~FLAG_LOW_BITS));
-}
-
 // Frees the blocks of a long record that starts at `first`; a tail that
 // shares its last block with short records is cut out of that block.
 int free_long_record(REL_TYPE* rel, uint8_t* table, uint32_t first, int32_t length) {
@@ -51,16 +44,7 @@ int free_long_record(REL_TYPE* rel, uint8_t* table, uint32_t first, int32_t leng
     uint32_t next = fl_get_u32(data, DB_NEXT);
     if (i < chunks) {
       if (last && next != 0) return del_error(rel, fn, "long tuple error");
-      bool for_continuation = (gb_flags(data) & FLAG_FOR_CONTINUATION) != 0;
-      clear_block(data, b);
-      if (rel_is_dynamic(rel) && (gb_free_count(table) >= rel->grp_free_blk || for_continuation)) {
-        if (M_release_to_file(rel, address) != 0) return del_error(rel, fn, nullptr);
-      } else {
-        fl_put_u32(data, DB_NEXT, gb_free_chain(table));
-        gb_set_free_chain(table, address);
-        gb_set_free_count(table, static_cast<int16_t>(gb_free_count(table) + 1));
-        if (M_blkwrite(rel, address, data) != 1) return del_error(rel, fn, nullptr);
-      }
+      if (M_release_one_block(rel, table, address, data) != 0) return del_error(rel, fn, nullptr);
     } else {
       // The tail: its block may hold short records behind it.
       fl_put_u32(data, DB_NEXT, 0);
@@ -121,7 +105,7 @@ int offchain(REL_TYPE* rel, uint32_t address, uint8_t* block, uint32_t previous)
   gb_set_next(prev, gb_next(block));
   uint32_t list = gb_free_chain(block);
   int32_t list_count = std::max<int16_t>(gb_free_count(block), 0);
-  clear_block(block, b);
+  M_clear_block(block, b);
   if (rel_is_dynamic(rel)) {
     // The block before no longer points here: write it first.
     gb_set_time(prev, M_block_time());

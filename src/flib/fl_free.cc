@@ -226,7 +226,9 @@ int M_move_block(REL_TYPE* rel, uint32_t first, std::map<uint32_t, uint32_t>* mo
   uint8_t data[MAX_BLOCK_SIZE];
   // The chain: a block of short records alone, or every block of a long one.
   std::vector<uint32_t> chain;
-  for (uint32_t at = first; at != 0 && chain.size() <= MAX_RECORD_BYTES / 500;) {
+  // The longest chain: the largest record in blocks of 512 bytes.
+  constexpr size_t kMaxChain = MAX_RECORD_BYTES / (512 - BLOCK_OVERHEAD) + 1;
+  for (uint32_t at = first; at != 0 && chain.size() <= kMaxChain;) {
     if (M_blkread(rel, at, data, CHECK_GROUP_ONLY) != 1) return M_file_error(rel, fn, nullptr, nullptr, 0, 0);
     uint8_t kind = gb_flags(data) & FLAG_LONG_MASK;
     if ((gb_flags(data) & FLAG_GROUP_BIT) != 0) return alloc_error(rel, fn, "check block flag");
@@ -309,10 +311,8 @@ int get_free_blocks(REL_TYPE* rel, int32_t count, int charge) {
   }
   if (need == 0) return 0;
   uint32_t header = header_address(rel);
-  if (M_lock_block(rel, header, LOCK_EXCLUSIVE) != 0) {
-    if (M_err_cause[0] == '\0') return FREE_NO_ROOM;
-    return FREE_NO_ROOM;
-  }
+  // A part whose header cannot be locked has no room for this operation.
+  if (M_lock_block(rel, header, LOCK_EXCLUSIVE) != 0) return FREE_NO_ROOM;
   uint8_t hb[MAX_BLOCK_SIZE];
   if (M_blkread(rel, header, hb, CHECK_NONE) != 1) {
     M_unlock_block(rel, header);
@@ -574,14 +574,16 @@ int M_release_blocks_in_stack(REL_TYPE* rel) {
   return result;
 }
 
-int M_release_one_block(REL_TYPE* rel, uint8_t* head, uint32_t address, uint8_t* block) {
-  uint32_t b = bsize(rel);
-  uint32_t next = fl_get_u32(block, DB_NEXT);
-  std::memset(block + DB_DATA, 0, b - DB_DATA);
-  gb_set_byteleft(block, static_cast<int16_t>(b - BLOCK_OVERHEAD));
+void M_clear_block(uint8_t* block, uint32_t block_size) {
+  std::memset(block + DB_DATA, 0, block_size - DB_DATA);
+  gb_set_byteleft(block, static_cast<int16_t>(block_size - BLOCK_OVERHEAD));
   gb_set_flags(block, static_cast<uint8_t>(gb_flags(block) & ~FLAG_LOW_BITS));
-  (void)next;
-  if (rel_is_dynamic(rel) && gb_free_count(head) >= rel->grp_free_blk) {
+}
+
+int M_release_one_block(REL_TYPE* rel, uint8_t* head, uint32_t address, uint8_t* block) {
+  bool for_continuation = (gb_flags(block) & FLAG_FOR_CONTINUATION) != 0;
+  M_clear_block(block, bsize(rel));
+  if (rel_is_dynamic(rel) && (gb_free_count(head) >= rel->grp_free_blk || for_continuation)) {
     M_push_blkoff(address);
     return 0;
   }

@@ -87,9 +87,13 @@ int M_move_group_data(REL_TYPE* rel, uint8_t* block, uint32_t address, uint8_t o
 // there, to reserved blocks; `moved` maps old addresses to new ones and
 // keeps a block shared by several records from being copied twice. 0 or -1.
 int M_move_block(REL_TYPE* rel, uint32_t first, std::map<uint32_t, uint32_t>* moved);
+// Makes a block that leaves its group empty: data zeroed, byteleft B-12,
+// flag bits 0-3 cleared (bits 4-7 kept).
+void M_clear_block(uint8_t* block, uint32_t block_size);
 // Clears the data block `block` at `address` and puts it on the free list
-// of the group block `head`, or into the release buffer when that list is
-// full in a dynamic file. The block is written when it goes on the list.
+// of the group block `head`; in a dynamic file, when that list is full or
+// the block served a continuation block, into the push buffer instead. The
+// block is written when it goes on the list.
 int M_release_one_block(REL_TYPE* rel, uint8_t* head, uint32_t address, uint8_t* block);
 // The push buffer: blocks to give back after the group block is written.
 void M_push_blkoff(uint32_t address);
