@@ -275,6 +275,8 @@ struct Checker {
         add("over001: modulo %u below minimum modulo %u", h.modulo, h.min_modulo);
       if (static_cast<size_t>(stored_part_count(h.primary_parts)) != rel->primary.size())
         add("over001: %d primary parts recorded, %zu open", stored_part_count(h.primary_parts), rel->primary.size());
+      if (static_cast<size_t>(stored_part_count(h.overflow_parts)) != rel->overflow.size())
+        add("over001: %d overflow parts recorded, %zu open", stored_part_count(h.overflow_parts), rel->overflow.size());
     }
     std::set<uint32_t> seen;
     uint32_t counted = static_cast<uint32_t>(std::clamp<int32_t>(h.stack_count, 0, overflow_stack_capacity(b)));
