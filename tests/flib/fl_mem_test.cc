@@ -11,6 +11,7 @@
 #include "fl_test_util.h"
 #include "flib/fl_check.h"
 #include "flib/fl_create.h"
+#include "flib/fl_globals.h"
 #include "flib/fl_hash.h"
 #include "flib/fl_io.h"
 #include "flib/fl_open.h"
@@ -116,6 +117,26 @@ TEST(FlMem, BufferedAndSingleLoadsReadBackTheSame) {
                 dynamic ? "dynamic" : "static", records.size(), static_cast<unsigned long long>(mem.buffered_writes),
                 static_cast<unsigned long long>(one.block_writes));
   }
+}
+
+TEST(FlMem, BlocksOfAnotherPartFlushTheOtherPartsBlocksFirst) {
+  TempDir tmp;
+  std::string path = tmp.str() + "/D";
+  M_spread = 3;  // two overflow parts, groups spread over both
+  ASSERT_EQ(M_create_hashed(path.c_str(), 40, 1, 64, 0, nullptr), 1);
+  M_spread = 0;
+  REL_TYPE rel;
+  ASSERT_EQ(M_openfile(&rel, path.c_str(), 2), 1);
+  ASSERT_EQ(rel.overflow.size(), 2u);
+  Records records = make_records(11, 600, 1024);
+  ASSERT_EQ(M_init_mem_buffers(&rel), 1);
+  for (const auto& [k, r] : records) ASSERT_EQ(M_mem_add_tuple(&rel, bytes(k), length(k), bytes(r), length(r)), 1);
+  ASSERT_EQ(M_mem_force_flush(&rel, 1), 1);
+  M_closefile(&rel);
+  EXPECT_GT(read_bytes(path + "/over001").size(), 1024u);
+  EXPECT_GT(read_bytes(path + "/over002").size(), 1024u);
+  expect_all_readable(path, records);
+  EXPECT_EQ(check_findings(path), "");
 }
 
 // A static file of 400 groups of 1 KiB blocks under the buffered writer.
