@@ -144,19 +144,12 @@ void init_pool(Pool& pool) {
   pool.count = 0;
 }
 
-// Whole-file lock: the primary descriptor from byte 0 to the end.
-int whole_file_lock(REL_TYPE* rel, bool take) {
-  int fd = M_get_fd(rel, 0);
-  if (fd < 0) return -1;
-  return take ? M_mrvlockf(fd, LOCK_EXCLUSIVE | LOCK_NOWAIT, 0, 0) : M_mrvunlock(fd, 0, 0);
-}
-
 }  // namespace
 
 bool M_mem_active(const REL_TYPE* rel) { return g_mem.rel != nullptr && g_mem.rel == rel; }
 
 int M_init_mem_buffers(REL_TYPE* rel) {
-  if (whole_file_lock(rel, true) != 0) {
+  if (M_lock_file(rel, LOCK_EXCLUSIVE | LOCK_NOWAIT) != 0) {
     M_file_error(rel, "M_init_mem_buffers", "M_mrvlockf", nullptr, 0, 0);
     return -1;
   }
@@ -236,7 +229,7 @@ int M_mem_force_flush(REL_TYPE* rel, int unlock) {
   if (result != 1) M_errout(0, "forceflush error.\n");
   if (unlock != 0) {
     g_mem = MemState{};
-    if (whole_file_lock(rel, false) != 0) result = -1;
+    if (M_unlock_file(rel) != 0) result = -1;
   }
   return result;
 }
