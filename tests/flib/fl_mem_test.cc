@@ -11,6 +11,7 @@
 #include "fl_test_util.h"
 #include "flib/fl_check.h"
 #include "flib/fl_create.h"
+#include "flib/fl_delete.h"
 #include "flib/fl_globals.h"
 #include "flib/fl_hash.h"
 #include "flib/fl_io.h"
@@ -137,6 +138,33 @@ TEST(FlMem, BlocksOfAnotherPartFlushTheOtherPartsBlocksFirst) {
   EXPECT_GT(read_bytes(path + "/over002").size(), 1024u);
   expect_all_readable(path, records);
   EXPECT_EQ(check_findings(path), "");
+}
+
+TEST(FlMem, ABufferedLoadIntoAFileWrittenRecordByRecordKeepsItsBlocks) {
+  TempDir tmp;
+  for (bool dynamic : {false, true}) {
+    SCOPED_TRACE(dynamic ? "dynamic" : "static");
+    std::string path = tmp.str() + (dynamic ? "/D" : "/S");
+    Records first = make_records(21, 400, 1024), second = make_records(22, 400, 1024);
+    for (auto& [k, r] : second) k = "x" + k;
+    // Half of the first set is replaced by the buffered load.
+    for (size_t i = 0; i < first.size(); i += 2) second.push_back({first[i].first, "new " + std::to_string(i)});
+    load(path, dynamic, 13, first, false);
+    REL_TYPE rel;
+    ASSERT_EQ(M_openfile(&rel, path.c_str(), 2), 1);
+    for (size_t i = 1; i < first.size(); i += 4)
+      ASSERT_EQ(M_delete_tuple(&rel, bytes(first[i].first), length(first[i].first), nullptr), 1);
+    ASSERT_EQ(M_init_mem_buffers(&rel), 1);
+    for (const auto& [k, r] : second) ASSERT_EQ(M_mem_add_tuple(&rel, bytes(k), length(k), bytes(r), length(r)), 1);
+    ASSERT_EQ(M_mem_force_flush(&rel, 1), 1);
+    M_closefile(&rel);
+    Records expected;
+    for (size_t i = 0; i < first.size(); ++i)
+      if (i % 4 != 1) expected.push_back(first[i]);
+    expected.insert(expected.end(), second.begin(), second.end());
+    expect_all_readable(path, expected);
+    EXPECT_EQ(check_findings(path), "");
+  }
 }
 
 // A static file of 400 groups of 1 KiB blocks under the buffered writer.
