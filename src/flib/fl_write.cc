@@ -37,12 +37,13 @@ int wr_error(REL_TYPE* rel, const char* fn, const char* cause, const uint8_t* ke
   return M_file_error(rel, fn, cause, key, klen, static_cast<int32_t>(M_groupno));
 }
 
-// The stored form of a record: its bytes and the closing record mark.
-std::vector<uint8_t> stored_form(const uint8_t* record, int32_t stored_length) {
-  std::vector<uint8_t> out(static_cast<size_t>(stored_length));
-  if (stored_length > 1) std::memcpy(out.data(), record, static_cast<size_t>(stored_length - 1));
-  out.back() = M_RM;
-  return out;
+// Copies `count` bytes from offset `from` of a record's stored form (its
+// bytes and the closing record mark) to `out`. Nothing is allocated, since
+// a write on this path may leave by the recovery jump.
+void copy_stored(uint8_t* out, const uint8_t* record, int32_t stored_length, int32_t from, int32_t count) {
+  int32_t data = std::clamp(stored_length - 1 - from, 0, count);
+  if (data > 0) std::memcpy(out, record + from, static_cast<size_t>(data));
+  if (data < count) out[data] = M_RM;
 }
 
 // The recovery point of an add: M_blkwrite jumps to `buffer` when an
@@ -220,7 +221,6 @@ uint32_t write_record(REL_TYPE* rel, const uint8_t* block, uint32_t address, con
                       int32_t stored_length, int in_continuation) {
   const char* fn = "write_record";
   uint32_t b = rel->block_size;
-  std::vector<uint8_t> bytes = stored_form(record, stored_length);
   uint8_t data[MAX_BLOCK_SIZE];
   uint8_t extra = in_continuation != 0 ? FLAG_FOR_CONTINUATION : 0;
   if (stored_length > usable(b) || address == 0) {
@@ -234,7 +234,7 @@ uint32_t write_record(REL_TYPE* rel, const uint8_t* block, uint32_t address, con
       if (i + 1 < blocks && (next = M_get_dest_block(rel)) < 0) return wr_error(rel, fn, nullptr), 0;
       std::memset(data, 0, b);
       int32_t chunk = std::min(usable(b), stored_length - done);
-      std::memcpy(data + DB_DATA, bytes.data() + done, static_cast<size_t>(chunk));
+      copy_stored(data + DB_DATA, record, stored_length, done, chunk);
       done += chunk;
       fl_put_u32(data, DB_NEXT, static_cast<uint32_t>(next));
       gb_set_byteleft(data, static_cast<int16_t>(usable(b) - chunk));
@@ -271,7 +271,7 @@ uint32_t write_record(REL_TYPE* rel, const uint8_t* block, uint32_t address, con
   }
   int32_t byteleft = gb_byteleft(data);
   uint32_t at = b - static_cast<uint32_t>(byteleft);
-  std::memcpy(data + at, bytes.data(), bytes.size());
+  copy_stored(data + at, record, stored_length, 0, stored_length);
   gb_set_byteleft(data, static_cast<int16_t>(byteleft - stored_length));
   gb_set_flags(data, static_cast<uint8_t>(gb_flags(data) | extra));
   if (M_blkwrite(rel, address, data) != 1) {
@@ -288,8 +288,7 @@ int64_t M_add_record(REL_TYPE* rel, uint8_t* block, uint32_t address, const uint
   int32_t byteleft = gb_byteleft(block);
   if (stored_length <= byteleft) {
     uint32_t at = b - static_cast<uint32_t>(byteleft);
-    std::vector<uint8_t> bytes = stored_form(record, stored_length);
-    std::memcpy(block + at, bytes.data(), bytes.size());
+    copy_stored(block + at, record, stored_length, 0, stored_length);
     gb_set_byteleft(block, static_cast<int16_t>(byteleft - stored_length));
     insert_key(block, b, key, key_length, (address & ~ADDR_PART_MASK) + at, stored_length);
     if (write_now != 0 && M_blkwrite(rel, address, block) != 1) return wr_error(rel, fn, nullptr, key, key_length);
@@ -424,8 +423,7 @@ int make_new_group(REL_TYPE* rel, uint8_t* block, uint32_t address, const uint8_
     }
   } else {
     int32_t datapos = gb_datapos(fresh);
-    std::vector<uint8_t> bytes = stored_form(record, stored_length);
-    std::memcpy(fresh + datapos, bytes.data(), bytes.size());
+    copy_stored(fresh + datapos, record, stored_length, 0, stored_length);
     fresh[datapos - 1] = static_cast<uint8_t>(key_length);
     std::memcpy(fresh + datapos - 1 - key_length, key, static_cast<size_t>(key_length));
     gb_set_key_count(fresh, 1);
@@ -541,8 +539,7 @@ int writeshort(REL_TYPE* rel, uint8_t* block, uint32_t table_address, int32_t ro
     for (int32_t r = next; r < count && position_in_block(ke_position(block, r), data_address, rel->block_size); ++r)
       ke_set_position(block, r, ke_position(block, r) + static_cast<uint32_t>(delta));
   }
-  std::vector<uint8_t> bytes = stored_form(record, stored_length);
-  std::memcpy(data_block + start, bytes.data(), bytes.size());
+  copy_stored(data_block + start, record, stored_length, 0, stored_length);
   if (delta < 0) std::memset(data_block + used_end + delta, 0, static_cast<size_t>(-delta));
   gb_set_byteleft(data_block, static_cast<int16_t>(byteleft - delta));
   ke_set_length(block, row, stored_length);

@@ -5,6 +5,11 @@
 
 #include <gtest/gtest.h>
 
+#include <sys/resource.h>
+#include <sys/wait.h>
+
+#include <csignal>
+
 #include <map>
 #include <string>
 #include <vector>
@@ -200,6 +205,41 @@ TEST_F(FlFree, AGroupWhosePartIsFullMovesItsRecordsToANewPart) {
   for (char c : shorts) EXPECT_EQ(get(std::string(1, c)), std::string(400, c)) << c;
   // The blocks left behind in over001 are free there.
   EXPECT_GT(header(1).free_count, 0u);
+  EXPECT_EQ(findings(), "");
+}
+
+TEST_F(FlFree, AWriteTooLargeForItsPartJumpsBackAndTheAddGivesUpCleanly) {
+  open_new(1);
+  ASSERT_EQ(put_blocks("A", 3), 1);  // over001: header and three blocks
+  M_closefile(&rel);
+  rel.block_size = 0;
+  pid_t pid = fork();
+  if (pid == 0) {
+    REL_TYPE child;
+    if (M_openfile(&child, path.c_str(), 2) != 1) _exit(10);
+    // No file may grow beyond six blocks: the fifth block of "B" fails.
+    signal(SIGXFSZ, SIG_IGN);
+    rlimit limit{6 * B, 6 * B};
+    if (setrlimit(RLIMIT_FSIZE, &limit) != 0) _exit(11);
+    std::string record(5 * kUsable - 1, 'b');
+    int r = M_append_strtuple(&child, bytes(std::string("B")), 1, bytes(record), static_cast<int32_t>(record.size()), 0,
+                              nullptr);
+    if (r != -1) _exit(12);
+    if (M_overflow_recovery != nullptr || M_block_stack_open()) _exit(13);
+    std::string got;
+    if (M_read_tuple(&child, bytes(std::string("A")), 1, &got) != 1 || got != std::string(3 * kUsable - 1, 'A'))
+      _exit(14);
+    if (M_read_key(&child, bytes(std::string("B")), 1) != 0) _exit(15);
+    M_closefile(&child);
+    _exit(0);
+  }
+  int status = 0;
+  waitpid(pid, &status, 0);
+  ASSERT_TRUE(WIFEXITED(status));
+  ASSERT_EQ(WEXITSTATUS(status), 0);
+  // The two blocks that reached the disk are free; nothing else changed.
+  ASSERT_EQ(M_openfile(&rel, path.c_str(), 2), 1);
+  EXPECT_EQ(header().free_count, 2u);
   EXPECT_EQ(findings(), "");
 }
 
