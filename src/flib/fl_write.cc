@@ -550,6 +550,81 @@ int writeshort(REL_TYPE* rel, uint8_t* block, uint32_t table_address, int32_t ro
   return 1;
 }
 
+namespace {
+
+// Replaces a long record by a long one in its own chain: the new bytes
+// overwrite the chain from offset 12 block by block, more blocks come from
+// the group's free list and the reserve, and blocks the new record does not
+// need go back to the group. Only for a chain whose last block holds
+// nothing but the tail. 1 done, 0 not such a chain, -1 failure.
+int overwrite_long_record(REL_TYPE* rel, uint8_t* block, uint32_t address, int32_t row, const uint8_t* record,
+                          int32_t stored_length) {
+  const char* fn = "modify_record";
+  uint32_t b = rel->block_size;
+  int32_t u = usable(b);
+  int32_t old_length = ke_length(block, row);
+  int32_t old_blocks = (old_length + u - 1) / u;
+  int32_t new_blocks = (stored_length + u - 1) / u;
+  uint8_t data[MAX_BLOCK_SIZE];
+  // The old chain, checked before anything changes.
+  auto read_chain = [&](std::vector<uint32_t>* chain) {
+    uint32_t at = data_block_address(rel, block, ke_position(block, row));
+    for (int32_t i = 0; i < old_blocks; ++i) {
+      if (at == 0 || M_blkread(rel, at, data, CHECK_GROUP_ONLY) != 1) return -1;
+      uint8_t want = i == 0 ? FLAG_LONG_FIRST : i + 1 == old_blocks ? FLAG_LONG_LAST : FLAG_LONG_MIDDLE;
+      if ((gb_flags(data) & FLAG_LONG_MASK) != want) return -1;
+      chain->push_back(at);
+      at = fl_get_u32(data, DB_NEXT);
+    }
+    int32_t tail = old_length - (old_blocks - 1) * u;
+    return gb_byteleft(data) == u - tail ? 1 : 0;
+  };
+  std::vector<uint32_t> chain;
+  int r = read_chain(&chain);
+  if (r <= 0) return r < 0 ? wr_error(rel, fn, "block check") : 0;
+  uint8_t extra = 0;
+  if (M_blkread(rel, chain[0], data, CHECK_GROUP_ONLY) != 1) return wr_error(rel, fn, nullptr);
+  extra = gb_flags(data) & FLAG_FOR_CONTINUATION;
+  if (new_blocks > old_blocks) {
+    // The reserve may move the group's records to another part: the chain
+    // is read again from the row afterwards.
+    if (M_alloc_new_blocks(rel, new_blocks - old_blocks, ALLOC_ANY_PART, block, 1, static_cast<int32_t>(address), 0) != 0)
+      return wr_error(rel, fn, nullptr);
+    chain.clear();
+    if (read_chain(&chain) != 1) {
+      M_release_blocks_in_stack(rel);
+      return wr_error(rel, fn, "block check");
+    }
+    while (static_cast<int32_t>(chain.size()) < new_blocks) {
+      int64_t more = M_get_dest_block(rel);
+      if (more < 0) return wr_error(rel, fn, nullptr);
+      chain.push_back(static_cast<uint32_t>(more));
+    }
+  }
+  for (int32_t i = 0; i < new_blocks; ++i) {
+    bool last = i + 1 == new_blocks;
+    int32_t chunk = last ? stored_length - i * u : u;
+    std::memset(data, 0, b);
+    copy_stored(data + DB_DATA, record, stored_length, i * u, chunk);
+    fl_put_u32(data, DB_NEXT, last ? 0 : chain[static_cast<size_t>(i + 1)]);
+    gb_set_byteleft(data, static_cast<int16_t>(u - chunk));
+    gb_set_flags(data, static_cast<uint8_t>((i == 0 ? FLAG_LONG_FIRST : last ? FLAG_LONG_LAST : FLAG_LONG_MIDDLE) | extra));
+    gb_set_hashtype(data, static_cast<uint8_t>(rel->hashtype));
+    gb_set_group(data, M_groupno);
+    if (M_blkwrite(rel, chain[static_cast<size_t>(i)], data) != 1) return wr_error(rel, fn, nullptr);
+  }
+  for (size_t i = static_cast<size_t>(new_blocks); i < chain.size(); ++i) {
+    if (M_blkread(rel, chain[i], data, CHECK_GROUP_ONLY) != 1 ||
+        M_release_one_block(rel, block, chain[i], data) != 0)
+      return wr_error(rel, fn, nullptr);
+  }
+  ke_set_length(block, row, stored_length);
+  if (M_block_stack_open() && M_relink_free_blocks(rel, block, 0, 0) != 0) return wr_error(rel, fn, nullptr);
+  return 1;
+}
+
+}  // namespace
+
 int modify_record(REL_TYPE* rel, uint8_t* block, const uint8_t* key, int32_t key_length, const uint8_t* record,
                   int32_t stored_length, int32_t row, uint32_t address, int in_continuation) {
   const char* fn = "modify_record";
@@ -573,6 +648,17 @@ int modify_record(REL_TYPE* rel, uint8_t* block, const uint8_t* key, int32_t key
         return wr_error(rel, fn, nullptr, key, key_length);
       gb_set_time(block, M_block_time());
       if (M_blkwrite(rel, address, block) != 1) return wr_error(rel, fn, nullptr, key, key_length);
+      return 1;
+    }
+  }
+  if (old_length > usable(b) && stored_length > usable(b)) {
+    int r = overwrite_long_record(rel, block, address, row, record, stored_length);
+    if (r < 0) return wr_error(rel, fn, nullptr, key, key_length);
+    if (r == 1) {
+      gb_set_time(block, M_block_time());
+      if (M_blkwrite(rel, address, block) != 1) return wr_error(rel, fn, nullptr, key, key_length);
+      if (M_release_blk_in_buffer(rel, 0) != 0 || M_release_to_file(rel, 0) != 0)
+        return wr_error(rel, fn, nullptr, key, key_length);
       return 1;
     }
   }

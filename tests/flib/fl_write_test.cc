@@ -174,6 +174,23 @@ TEST_F(FlWrite, ALongRecordOfAnExactMultipleFreesAllItsBlocks) {
   EXPECT_EQ(findings(), "");
 }
 
+TEST_F(FlWrite, ALongRecordIsReplacedInItsOwnChain) {
+  open_new(true, 1);
+  uint32_t usable = rel.block_size - 12;
+  ASSERT_EQ(put("L", std::string(3 * usable - 1, '3')), 1);
+  uint32_t position = ke_position(head().data(), 0);
+  // Longer: the chain keeps its first block and grows by one.
+  ASSERT_EQ(put("L", std::string(4 * usable - 100, '4')), 1);
+  EXPECT_EQ(ke_position(head().data(), 0), position);
+  EXPECT_EQ(get("L"), std::string(4 * usable - 100, '4'));
+  // Shorter: the blocks it no longer needs go to the group's free list.
+  ASSERT_EQ(put("L", std::string(2 * usable - 1, '2')), 1);
+  EXPECT_EQ(ke_position(head().data(), 0), position);
+  EXPECT_EQ(gb_free_count(head().data()), 2);
+  EXPECT_EQ(get("L"), std::string(2 * usable - 1, '2'));
+  EXPECT_EQ(findings(), "");
+}
+
 TEST_F(FlWrite, DeletingTheOnlyKeyOfAHeadWithAChainPullsTheNextBlockUp) {
   open_new(true, 0);
   // Long keys fill the head's key room; the fourth opens a continuation.
