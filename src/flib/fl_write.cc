@@ -552,11 +552,13 @@ int writeshort(REL_TYPE* rel, uint8_t* block, uint32_t table_address, int32_t ro
 
 namespace {
 
-// Replaces a long record by a long one in its own chain: the new bytes
-// overwrite the chain from offset 12 block by block, more blocks come from
-// the group's free list and the reserve, and blocks the new record does not
-// need go back to the group. Only for a chain whose last block holds
-// nothing but the tail. 1 done, 0 not such a chain, -1 failure.
+// Replaces a record by a long one in the old record's own blocks: the new
+// bytes overwrite the chain from offset 12 block by block, more blocks come
+// from the group's free list and the reserve, and blocks the new record
+// does not need go back to the group. The old record is long, or short and
+// alone at offset 12 of its data block, which then becomes the first block
+// of the long record; its last block holds nothing but its tail. 1 done,
+// 0 not such a record, -1 failure.
 int overwrite_long_record(REL_TYPE* rel, uint8_t* block, uint32_t address, int32_t row, const uint8_t* record,
                           int32_t stored_length) {
   const char* fn = "modify_record";
@@ -571,7 +573,7 @@ int overwrite_long_record(REL_TYPE* rel, uint8_t* block, uint32_t address, int32
     uint32_t at = data_block_address(rel, block, ke_position(block, row));
     for (int32_t i = 0; i < old_blocks; ++i) {
       if (at == 0 || M_blkread(rel, at, data, CHECK_GROUP_ONLY) != 1) return -1;
-      uint8_t want = i == 0 ? FLAG_LONG_FIRST : i + 1 == old_blocks ? FLAG_LONG_LAST : FLAG_LONG_MIDDLE;
+      uint8_t want = old_blocks == 1 ? 0 : i == 0 ? FLAG_LONG_FIRST : i + 1 == old_blocks ? FLAG_LONG_LAST : FLAG_LONG_MIDDLE;
       if ((gb_flags(data) & FLAG_LONG_MASK) != want) return -1;
       chain->push_back(at);
       at = fl_get_u32(data, DB_NEXT);
@@ -651,7 +653,9 @@ int modify_record(REL_TYPE* rel, uint8_t* block, const uint8_t* key, int32_t key
       return 1;
     }
   }
-  if (old_length > usable(b) && stored_length > usable(b)) {
+  bool alone_at_start = old_length <= usable(b) && !position_in_block(position, address, b) &&
+                        (position & 0x7FFFFFFFu) % b == DB_DATA;
+  if (stored_length > usable(b) && (old_length > usable(b) || alone_at_start)) {
     int r = overwrite_long_record(rel, block, address, row, record, stored_length);
     if (r < 0) return wr_error(rel, fn, nullptr, key, key_length);
     if (r == 1) {

@@ -189,6 +189,18 @@ TEST_F(FlWrite, ALongRecordIsReplacedInItsOwnChain) {
   EXPECT_EQ(gb_free_count(head().data()), 2);
   EXPECT_EQ(get("L"), std::string(2 * usable - 1, '2'));
   EXPECT_EQ(findings(), "");
+  // A short record alone in its data block becomes the first block of a
+  // long one.
+  ASSERT_EQ(put("S", std::string(950, 's')), 1);  // more than the head can take
+  int row = find_key_in_block(head().data(), rel.block_size, bytes(std::string("S")), 1);
+  ASSERT_GE(row, 0);
+  position = ke_position(head().data(), row);
+  ASSERT_EQ(position % rel.block_size, 12u);
+  ASSERT_EQ(put("S", std::string(usable + 5, 'S')), 1);
+  row = find_key_in_block(head().data(), rel.block_size, bytes(std::string("S")), 1);
+  EXPECT_EQ(ke_position(head().data(), row), position);
+  EXPECT_EQ(get("S"), std::string(usable + 5, 'S'));
+  EXPECT_EQ(findings(), "");
 }
 
 TEST_F(FlWrite, DeletingTheOnlyKeyOfAHeadWithAChainPullsTheNextBlockUp) {
