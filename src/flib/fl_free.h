@@ -49,7 +49,9 @@ inline constexpr int FREE_NO_ROOM = 28;
 
 // Reserves `count` blocks for the group block `block` (whose free list and
 // overflow part, byte 28, it uses and updates). extra1 non-zero asks that
-// the block's data follow it when the part changes. 0 or -1.
+// the block's records follow it when its part is full and another part is
+// taken; extra2 is then the block's address (the records move at once, see
+// M_move_group_data). extra3 is unused. 0 or -1.
 int M_alloc_new_blocks(REL_TYPE* rel, int32_t count, int32_t mode, uint8_t* block, int32_t extra1,
                        int32_t extra2, int32_t extra3);
 // Fills the stack with `count` blocks of the current overflow part, under
