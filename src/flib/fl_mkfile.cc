@@ -1,0 +1,228 @@
+#include "flib/fl_mkfile.h"
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <cstring>
+
+#include "NT/NT_access.h"
+#include "NT/NT_utils.h"
+#include "common/mrv_marks.h"
+#include "flib/fl_create.h"
+#include "flib/fl_errout.h"
+#include "flib/fl_filehdr.h"
+#include "flib/fl_open.h"
+#include "flib/fl_rel.h"
+#include "flib/fl_voc.h"
+#include "flib/fl_write.h"
+#include "reel/reel_util.h"
+
+namespace {
+
+constexpr int32_t kMsgBothHalvesExist = 0x2741;
+constexpr int32_t kMsgMultiLevel = 0x2A3C;
+constexpr int32_t kMsgDataExists = 0x2A35;
+constexpr int32_t kMsgDictExists = 0x2A37;
+constexpr int32_t kMsgBadHashType = 0x272E;
+constexpr int32_t kMsgAskModulo = 0x1DE;
+constexpr int32_t kMsgBadModulo = 0x2871;
+constexpr int32_t kMsgModuloChanged = 0x37F;
+constexpr int32_t kMsgKeyTooLong = 0x2873;
+constexpr int32_t kMsgNameTooLong = 0x2874;
+constexpr int32_t kMsgPathExists = 0x2A3B;
+constexpr int32_t kMsgNoDirectory = 0x399;
+constexpr int32_t kMsgVocWrite = 0x2A38;
+constexpr int32_t kMsgDictOpen = 0x27C8;
+constexpr int32_t kMsgDictWrite = 0x2817;
+constexpr size_t kVocKeyMax = 127;
+
+std::string last_component(const std::string& name) {
+  size_t slash = name.rfind('/');
+  return slash == std::string::npos ? name : name.substr(slash + 1);
+}
+
+// "D_" + short name in the directory of `name`.
+std::string dict_path_of(const std::string& name) {
+  size_t slash = name.rfind('/');
+  std::string dir = slash == std::string::npos ? "" : name.substr(0, slash + 1);
+  return dir + "D_" + last_component(name);
+}
+
+bool accessible(const std::string& path) { return NT_access(path.c_str(), 0) == 0; }
+
+std::string entry_text(const char* type, const std::string& path, const std::string& dict) {
+  std::string record = type;
+  record += static_cast<char>(M_FM);
+  record += path;
+  record += static_cast<char>(M_FM);
+  record += dict;
+  return record;
+}
+
+// Asks the operator for a modulo until one above 0 is typed; 0 at end of
+// input.
+int32_t ask_modulo() {
+  for (;;) {
+    M_msgno_out(kMsgAskModulo, "");
+    std::fflush(stdout);
+    int value = 0;
+    int got = std::scanf("%d", &value);
+    if (got == EOF) return 0;
+    if (got == 1 && value > 0) return value;
+    if (got != 1) std::scanf("%*s");
+    M_msgno_out(kMsgBadModulo, "");
+  }
+}
+
+int32_t round_to_prime(int32_t modulo) {
+  int32_t prime = reel_next_prime(modulo);
+  if (prime != modulo) M_msgno_out(kMsgModuloChanged, "%d%d", modulo, prime);
+  return prime;
+}
+
+}  // namespace
+
+int M_dict_at_id(const char* name, const char* dict_path, int32_t) {
+  REL_TYPE dict;
+  if (M_openfile(&dict, dict_path, 2) != 1) {
+    M_msgno_out(kMsgDictOpen, "%s", dict_path);
+    return 0;
+  }
+  const char fm = static_cast<char>(M_FM);
+  std::string record = std::string("D") + fm + "0" + fm + fm + name + fm + "10L" + fm + "S" + fm;
+  int rc = M_append_strtuple(&dict, reinterpret_cast<const uint8_t*>("@ID"), 3,
+                             reinterpret_cast<const uint8_t*>(record.data()),
+                             static_cast<int32_t>(record.size()), 0, nullptr);
+  M_closefile(&dict);
+  if (rc != 1) {
+    M_msgno_out(kMsgDictWrite, "%s", dict_path);
+    return 0;
+  }
+  return 1;
+}
+
+int M_create_dir_file(const char* name, int32_t name_len, int32_t flags, int voc_entry_exists,
+                      std::string* dict_path_out, int32_t verbose, const char*) {
+  const std::string path(name, static_cast<size_t>(name_len));
+  const std::string key =
+      (flags & CREATE_KEY_AS_GIVEN) != 0 ? path : last_component(path);
+  const std::string dict = dict_path_of(path);
+  if (accessible(path) || (!voc_entry_exists && accessible(dict))) {
+    M_msgno_out(kMsgPathExists, "%s", accessible(path) ? path.c_str() : dict.c_str());
+    return 0;
+  }
+  if (mkdir(path.c_str(), 0775) != 0) {
+    M_msgno_out(kMsgNoDirectory, "%s", path.c_str());
+    return 0;
+  }
+  const bool no_dict = (flags & CREATE_DIR_NO_DICT) != 0 && !voc_entry_exists;
+  std::string record;
+  if (no_dict) {
+    record = std::string("DIR") + static_cast<char>(M_FM) + path;
+  } else {
+    std::string old;
+    std::string old_dict =
+        voc_entry_exists && M_voc_read(key, &old) == 1 ? M_voc_fields(old).dict_path : dict;
+    record = entry_text("DIR", path, old_dict.empty() ? dict : old_dict);
+  }
+  if (M_voc_write(key, record) != 1) {
+    M_msgno_out(kMsgVocWrite, "%s", key.c_str());
+    NT_RemoveFile(path.c_str(), "");
+    return 0;
+  }
+  if (dict_path_out != nullptr) *dict_path_out = no_dict ? "" : dict;
+  if (voc_entry_exists || (flags & CREATE_DIR_NO_DICT) != 0) return 1;
+  if (M_create_hashed(dict.c_str(), 1, 1, 0, verbose, nullptr) != 1) return 0;
+  return M_dict_at_id(key.c_str(), dict.c_str(), verbose);
+}
+
+int M_create_file(const char* name, const char* dict_name, int32_t dict_modulo, int32_t modulo,
+                  int32_t dict_block, int32_t block, int32_t flags, int32_t verbose, int32_t type,
+                  const char* part_table) {
+  (void)dict_name;  // names a multi-level member, which this build does not make
+  dict_block = std::clamp(dict_block, 0, 16);
+  block = std::clamp(block, 0, 16);
+  if (type == CREATE_TYPE_NONE) type = 0;
+  if (type == CREATE_TYPE_DEFAULT_DYNAMIC) type = HASH_DYNAMIC;
+
+  const std::string path = name;
+  const std::string short_name = last_component(path);
+  if (short_name.size() > CREATE_NAME_MAX) {
+    M_msgno_out(kMsgNameTooLong, "%s", short_name.c_str());
+    return 0;
+  }
+  const bool key_as_given = (flags & CREATE_KEY_AS_GIVEN) != 0;
+  const std::string key = key_as_given ? path : short_name;
+  if (key_as_given && key.size() > kVocKeyMax) {
+    M_msgno_out(kMsgKeyTooLong, "%s", key.c_str());
+    return 0;
+  }
+
+  // An entry of the same name may hold the other half of the pair.
+  bool entry_exists = false;
+  VocEntry old;
+  std::string record;
+  if (M_voc_read(key, &record) == 1) {
+    if ((flags & CREATE_DATA) != 0 && (flags & CREATE_DICT) != 0) {
+      M_msgno_out(kMsgBothHalvesExist, "%s", key.c_str());
+      return 0;
+    }
+    old = M_voc_fields(record);
+    if (old.type.starts_with("L") && (flags & (CREATE_DATA | CREATE_DICT | CREATE_DIR)) != 0) {
+      M_msgno_out(kMsgMultiLevel, "%s", key.c_str());
+      return 0;
+    }
+    if ((flags & (CREATE_DIR | CREATE_DATA)) != 0 && !old.data_path.empty()) {
+      M_msgno_out(kMsgDataExists, "%s", key.c_str());
+      return 0;
+    }
+    if ((flags & CREATE_DICT) != 0 && !old.dict_path.empty()) {
+      M_msgno_out(kMsgDictExists, "%s", key.c_str());
+      return 0;
+    }
+    entry_exists = true;
+  }
+
+  if ((flags & CREATE_DIR) != 0)
+    return M_create_dir_file(path.c_str(), static_cast<int32_t>(path.size()), flags, entry_exists ? 1 : 0,
+                             nullptr, verbose, part_table);
+
+  const bool dynamic = hash_is_dynamic(type);
+  if ((type & ~(HASH_DYNAMIC | 0x20)) > 2) {
+    M_msgno_out(kMsgBadHashType, "%d", type);
+    type = dynamic ? HASH_DYNAMIC + 1 : 0;
+  }
+  if ((flags & CREATE_DATA) != 0) {
+    while (modulo < 1) {
+      modulo = ask_modulo();
+      if (modulo == 0) return 0;
+    }
+    if (type == 0) modulo = round_to_prime(modulo);
+    if (dynamic && modulo < 3) modulo = 3;
+  }
+  if ((flags & CREATE_DICT) != 0)
+    dict_modulo = dict_modulo < 1 ? 1 : (flags & CREATE_DATA) != 0 ? round_to_prime(dict_modulo) : dict_modulo;
+
+  std::string data_path = old.data_path;
+  std::string dict_path = old.dict_path;
+  if ((flags & CREATE_DICT) != 0) {
+    dict_path = dict_path_of(path);
+    if (M_create_hashed(dict_path.c_str(), dict_modulo, dict_block, 0, verbose, part_table) != 1) return 0;
+  }
+  if ((flags & CREATE_DATA) != 0) {
+    if (M_create_hashed(path.c_str(), modulo, block, type, verbose, part_table) != 1) {
+      if ((flags & CREATE_DICT) != 0) unlink(dict_path.c_str());
+      return 0;
+    }
+    data_path = path;
+  }
+  const char* entry_type = old.type.starts_with("D") || old.type.starts_with("d") ? "DIR" : "F";
+  if (M_voc_write(key, entry_text(entry_type, data_path, dict_path)) < 0) {
+    M_msgno_out(kMsgVocWrite, "%s", key.c_str());
+    return 0;
+  }
+  if ((flags & CREATE_DICT) != 0) return M_dict_at_id(short_name.c_str(), dict_path.c_str(), verbose);
+  return 1;
+}
