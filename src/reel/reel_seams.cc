@@ -36,16 +36,18 @@ void reel_apply_plan() {
   reel_fatal("Creating files from a plan is not available in this build.\n");
 }
 
-// Decoders of file data. Until they exist, an object's data is passed over
-// unread: the dispatcher's walk, and with it an analysis, stays right, with
-// the counters of each file at zero.
-void reel_hashed_subfiles(unsigned char* buffer, int32_t* length) {
-  pass_sub_objects(buffer, length);
-}
+// Dynamic files. Until their decoder exists, a dynamic file's data is
+// passed over unread: the walk, and with it an analysis, stays right.
 void reel_dyn_file(unsigned char* buffer, int32_t* length) { pass_sub_objects(buffer, length); }
-void reel_dir_members(unsigned char* buffer, int32_t* length) { pass_sub_objects(buffer, length); }
-void reel_member_file(unsigned char* buffer, int32_t* length) {
-  reel_skip_blocks(buffer, length, 1);
+
+// Record loading and the work files arrive with account set-up, which
+// ends the run above before any of them can be reached.
+REL_TYPE reel_pgm_map;
+void reel_add_tuple(const char*, int32_t, const char*, int32_t) {
+  reel_fatal("Loading records is not available in this build.\n");
+}
+int reel_target_name(std::string&, std::string&, int) {
+  reel_fatal("Naming targets is not available in this build.\n");
 }
 
 // Targets. Nothing can be made or opened yet, so every file is skipped by

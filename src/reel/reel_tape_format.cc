@@ -1,6 +1,7 @@
 #include "reel/reel_tape_format.h"
 
 #include <cstdio>
+#include <algorithm>
 #include <cstring>
 
 #include "reel/reel_util.h"
@@ -63,4 +64,49 @@ void tape_encode_path_entry(unsigned char* entry, const char* name, uint8_t type
   std::memset(entry, 0, PATH_ENTRY_SIZE);
   put_tape_text(entry + PATH_OFF_NAME, name, PATH_NAME_SIZE);
   entry[PATH_OFF_TYPE] = type;
+}
+
+void tape_encode_static_record(std::vector<unsigned char>& out, const std::string& key,
+                               const std::string& data, int32_t chunk, bool open_end,
+                               std::optional<int32_t> size_words) {
+  const size_t start = out.size();
+  out.resize(start + RECORD_HEADER_SIZE, 0);
+  out[start + RECORD_OFF_KEY_LEN] = static_cast<unsigned char>(key.size());
+  for (char c : key) out.push_back(static_cast<unsigned char>(c) ^ TAPE_FLIP);
+  if (key.size() % 2 != 0) out.push_back(0);
+  const size_t step = static_cast<size_t>(chunk < 1 ? 1 : chunk > CHUNK_MAX ? CHUNK_MAX : chunk);
+  bool first = true;
+  for (size_t at = 0; at < data.size(); at += step, first = !first) {
+    const size_t n = std::min(step, data.size() - at);
+    out.push_back(first ? CHUNK_MARKER : CHUNK_MARKER_ALT);
+    out.push_back(static_cast<unsigned char>(n));
+    for (size_t i = 0; i < n; ++i) out.push_back(static_cast<unsigned char>(data[at + i]) ^ TAPE_FLIP);
+    if ((out.size() - start) % 2 != 0) out.push_back(0);
+  }
+  if (!open_end) out.insert(out.end(), CHUNK_HEADER_SIZE, 0);
+  const int32_t words = size_words.value_or(static_cast<int32_t>((out.size() - start) / 2));
+  out[start + RECORD_OFF_SIZE] = static_cast<unsigned char>(words >> 16);
+  out[start + RECORD_OFF_SIZE + 1] = static_cast<unsigned char>(words >> 8);
+  out[start + RECORD_OFF_SIZE + 2] = static_cast<unsigned char>(words);
+}
+
+bool tape_encode_text(std::vector<unsigned char>& out, const std::string& text) {
+  for (char c : text)
+    if (c == '\0' || static_cast<unsigned char>(c) == (TEXT_BLANK_RUN ^ TAPE_FLIP)) return false;
+  const size_t start = out.size();
+  for (size_t i = 0; i < text.size();) {
+    size_t run = 0;
+    while (i + run < text.size() && text[i + run] == ' ' && run < TEXT_MAX_BLANK_RUN) ++run;
+    if (run >= 3) {
+      out.push_back(TEXT_BLANK_RUN);
+      out.push_back(static_cast<unsigned char>(run));
+      i += run;
+      continue;
+    }
+    const bool even = (out.size() - start) % 2 == 0;
+    out.push_back(static_cast<unsigned char>(text[i]) ^ TAPE_FLIP);
+    if (text[i] == '\n' && even) out.push_back(TEXT_FILL);
+    ++i;
+  }
+  return true;
 }

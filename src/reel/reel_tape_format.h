@@ -3,7 +3,8 @@
 // description blocks, and the framings of the two packed transports. The
 // tape reader (reel_device), the dispatcher (reel_dispatch) and the tape
 // writer (reel_tape_writer) all work through this header; nothing else
-// knows these offsets.
+// knows these offsets. The layouts of static hashed files and of member
+// text stand here as well: the decoders and the writer share them.
 //
 // Every integer on tape is big-endian. The source machine counts in 16-bit
 // words, so block lengths are word counts and every block is even.
@@ -56,6 +57,9 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
 
 inline constexpr int32_t TAPE_HEADER_SIZE = 6;
 inline constexpr int32_t TAPE_OFF_BLOCK_NO = 0;
@@ -115,6 +119,104 @@ int tape_path_name(char* name, const unsigned char* block, int32_t entry);
 // text, blank padded, and the type; unused bytes are zero.
 // REQUIRES: entry has PATH_ENTRY_SIZE bytes.
 void tape_encode_path_entry(unsigned char* entry, const char* name, uint8_t type);
+
+// ---- Static hashed files ---------------------------------------------------
+//
+// A static hashed file is a container of sub-files, each one group's worth
+// of records as a byte stream that data blocks cut at any point. The first
+// data block of a sub-file:
+//
+//   OFFSET  SIZE  DESCRIPTION
+//   0       6     block header
+//   6       4     not used
+//   10      2     modulo of the source file (read from the first sub-file
+//                 that has data only)
+//   12      ..    the stream
+//
+// Every further data block carries the stream from offset 6. A record,
+// and its header too, may be cut by the end of a block anywhere.
+//
+// Static record, at an even offset of the stream:
+//
+//   OFFSET  SIZE  DESCRIPTION
+//   0       3     record size in 16-bit words, this header included; 0 ends
+//                 the sub-file
+//   3       1     key length; 0 marks a record that is passed over
+//   4       k     key, every byte XOR 0x80
+//   4+k     0/1   pad when k is odd
+//   ..      ..    data chunks, then the end of the record
+//
+// Data chunk:
+//
+//   OFFSET  SIZE  DESCRIPTION
+//   0       1     marker, 0xE0 or 0x00; any other byte ends the record
+//   1       1     chunk length n; 0 ends the record
+//   2       n     data, every byte XOR 0x80
+//   2+n     0/1   pad to an even offset of the record
+//
+// A record's place in the stream follows from the sizes alone; where the
+// chunks end is read from the chunks. A record that ends exactly on its
+// last chunk is ended by the next record's size bytes, read as a chunk
+// header of length 0.
+inline constexpr int32_t SUBFILE_OFF_MODULO = 10;
+inline constexpr int32_t SUBFILE_FIRST_STREAM = 12;
+inline constexpr int32_t SUBFILE_STREAM = TAPE_HEADER_SIZE;
+
+inline constexpr int32_t RECORD_OFF_SIZE = 0;
+inline constexpr int32_t RECORD_OFF_KEY_LEN = 3;
+inline constexpr int32_t RECORD_HEADER_SIZE = 4;
+inline constexpr int32_t CHUNK_HEADER_SIZE = 2;
+inline constexpr unsigned char CHUNK_MARKER = 0xE0;
+inline constexpr unsigned char CHUNK_MARKER_ALT = 0x00;
+inline constexpr int32_t CHUNK_MAX = 255;
+// Limits of a static record: the size in bytes, and the key lengths that a
+// target takes (below STATIC_KEY_LIMIT), that are cut and refused (up to
+// STATIC_KEY_MAX), and that are plainly wrong (above it).
+inline constexpr int32_t RECORD_SIZE_LIMIT = 0x80000;
+inline constexpr int32_t STATIC_KEY_LIMIT = 127;
+inline constexpr int32_t STATIC_KEY_MAX = 188;
+// Static record bytes are flipped whole: a zero byte becomes 0x80.
+inline constexpr unsigned char TAPE_FLIP = 0x80;
+
+// Size of the static record at `p`, in bytes.
+inline int32_t tape_record_size(const unsigned char* p) {
+  return 2 * (p[0] << 16 | p[1] << 8 | p[2]);
+}
+
+// Appends the tape form of one static record: key and data flipped, the
+// data in chunks of at most `chunk` bytes (1..CHUNK_MAX) whose markers
+// alternate 0xE0 and 0x00, pads where they fall, and, unless `open_end`,
+// a chunk of length 0 that ends it. With `size_words` the header claims
+// that size instead of the true one (damaged records).
+// REQUIRES: key.size() <= 255.
+void tape_encode_static_record(std::vector<unsigned char>& out, const std::string& key,
+                               const std::string& data, int32_t chunk, bool open_end,
+                               std::optional<int32_t> size_words = {});
+
+// ---- Member text -------------------------------------------------------------
+//
+// Sequential and direct members carry text in a compressed form, in data
+// blocks from offset 6, read as one stream:
+//
+//   0x91 n     n blanks, n from 1 to 100; with any other n the 0x91 alone
+//              is dropped and n is read in its own right
+//   0x8A       newline; at an even offset of the block's text it is
+//              followed by a pad 0xA0 or 0x00, so that a line fills whole
+//              16-bit words
+//   0x80       blank
+//   other      the byte + 0x80 (mod 256)
+inline constexpr unsigned char TEXT_BLANK_RUN = 0x91;
+inline constexpr unsigned char TEXT_NEWLINE = 0x8A;
+inline constexpr unsigned char TEXT_BLANK = 0x80;
+inline constexpr unsigned char TEXT_FILL = 0xA0;
+inline constexpr int TEXT_MAX_BLANK_RUN = 100;
+
+// Appends the compressed form of `text`, as it stands from an even offset
+// of a block's text: runs of three blanks or more in 0x91 n, newlines with
+// their pads. Returns false (appending nothing) when the text holds a
+// byte the form cannot carry (0x00, which reads back as a blank, and 0x11,
+// which is the blank run's code).
+bool tape_encode_text(std::vector<unsigned char>& out, const std::string& text);
 
 inline constexpr int32_t CARTRIDGE_FRAME = 512;
 inline constexpr int32_t CARTRIDGE_OFF_COUNT = 2;

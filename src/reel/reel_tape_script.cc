@@ -4,6 +4,7 @@
 #include <cstring>
 #include <functional>
 #include <map>
+#include <optional>
 #include <sstream>
 #include <vector>
 
@@ -20,10 +21,19 @@ struct ScriptError {
   std::string what;
 };
 
+// A static sub-file whose items (records) are being listed.
+struct PendingSubfile {
+  uint16_t modulo = 0;
+  size_t room = 1024;
+  int32_t chunk = CHUNK_MAX;
+  std::vector<TapeRecord> records;
+};
+
 struct Script {
   TapeWriterOptions options;
   TapeWriter writer;
   bool open = false;
+  std::optional<PendingSubfile> subfile;
 };
 
 int hex_digit(char c) {
@@ -153,6 +163,21 @@ void check(Script& s, int result) {
   if (result != 0) throw ScriptError{s.writer.error};
 }
 
+// Words and quoted texts of an item or a member, joined, as they are.
+std::string plain_text(const std::vector<Token>& t, size_t first) {
+  std::string text;
+  for (size_t i = first; i < t.size(); ++i) text += t[i].text;
+  return text;
+}
+
+// Writes the sub-file whose records have been listed.
+void flush_subfile(Script& s) {
+  if (!s.subfile) return;
+  PendingSubfile sub = std::move(*s.subfile);
+  s.subfile.reset();
+  check(s, reel_writer_static_subfile(s.writer, sub.modulo, sub.records, sub.room, sub.chunk));
+}
+
 void need_tape(const Script& s) {
   if (!s.open) throw ScriptError{"no tape line before this"};
 }
@@ -279,6 +304,50 @@ const std::map<std::string, Directive>& directives() {
          need_args(t, 1);
          check(s, reel_writer_mark(s.writer));
        }},
+      {"subfile",
+       [](Script& s, const std::vector<Token>& t) {
+         need_tape(s);
+         PendingSubfile sub;
+         std::string v;
+         for (size_t i = 1; i < t.size(); ++i) {
+           if (option(t[i], "modulo", &v))
+             sub.modulo = static_cast<uint16_t>(number(v, 0, 0xFFFF));
+           else if (option(t[i], "room", &v))
+             sub.room = static_cast<size_t>(number(v, 2, TAPE_MAX_BLOCK - TAPE_HEADER_SIZE));
+           else if (option(t[i], "chunk", &v))
+             sub.chunk = static_cast<int32_t>(number(v, 1, CHUNK_MAX));
+           else
+             throw ScriptError{"unknown subfile field '" + t[i].text + "'"};
+         }
+         s.subfile = std::move(sub);
+       }},
+      {"item",
+       [](Script& s, const std::vector<Token>& t) {
+         if (!s.subfile) throw ScriptError{"'item' stands below a 'subfile' line"};
+         if (t.size() < 2) throw ScriptError{"'item' needs a key"};
+         if (t[1].text.size() > 255) throw ScriptError{"a key has at most 255 bytes"};
+         s.subfile->records.push_back({t[1].text, plain_text(t, 2)});
+       }},
+      {"text",
+       [](Script& s, const std::vector<Token>& t) {
+         need_tape(s);
+         size_t room = 2048;
+         long repeat = 1;
+         std::string v;
+         size_t i = 1;
+         for (; i < t.size(); ++i) {
+           if (option(t[i], "room", &v))
+             room = static_cast<size_t>(number(v, 2, TAPE_MAX_BLOCK - TAPE_HEADER_SIZE));
+           else if (option(t[i], "repeat", &v))
+             repeat = number(v, 1, 1000000);
+           else
+             break;
+         }
+         const std::string once = plain_text(t, i);
+         std::string text;
+         for (long r = 0; r < repeat; ++r) text += once;
+         check(s, reel_writer_text(s.writer, text, room));
+       }},
       {"raw",
        [](Script& s, const std::vector<Token>& t) {
          need_tape(s);
@@ -304,9 +373,11 @@ int reel_run_tape_script(std::istream& in, std::string* error) {
       auto it = directives().find(tokens[0].text);
       if (tokens[0].quote != 0 || it == directives().end())
         throw ScriptError{"unknown directive '" + tokens[0].text + "'"};
+      if (tokens[0].text != "item") flush_subfile(s);
       it->second(s, tokens);
     }
     line_no = 0;
+    flush_subfile(s);
     if (s.open) check(s, reel_writer_close(s.writer));
   } catch (const ScriptError& e) {
     if (s.open) reel_writer_close(s.writer);

@@ -30,6 +30,16 @@
 //   end             the end-of-save block
 //   mark            a tape mark
 //   raw ITEM...     bytes without a header (damage)
+//   subfile [modulo=N] [room=N] [chunk=N]
+//                   a static sub-file below the last file; the item lines
+//                   that follow are its records, laid in data blocks of
+//                   room bytes (default 1024) with chunks of at most chunk
+//                   bytes (default 255)
+//   item KEY [DATA...]
+//                   a record of the sub-file: key and data as plain text
+//   text [room=N] [repeat=N] TEXT...
+//                   member text, compressed, in data blocks of at most room
+//                   bytes (default 2048); repeat=N writes it N times
 //
 // ITEMs make the payload, in order:
 //   "text"    tape text: every character with its high bit set
@@ -38,6 +48,8 @@
 //   zeros:N   N zero bytes
 //   u16:N     a big-endian 16-bit number
 // Inside quotes \\ \" \' \n \t and \xHH stand for the obvious bytes.
+// Keys, data and member text are words or quoted texts taken as they are
+// (the writer puts them in their tape form); several are joined.
 #pragma once
 
 #include <istream>

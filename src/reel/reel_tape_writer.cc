@@ -217,3 +217,62 @@ int reel_writer_close(TapeWriter& w) {
   MNT_TapeUnload(w.path.c_str());
   return result;
 }
+
+std::vector<unsigned char> reel_static_stream(const std::vector<TapeRecord>& records,
+                                              int32_t chunk, bool end_mark) {
+  std::vector<unsigned char> stream;
+  for (const TapeRecord& r : records)
+    tape_encode_static_record(stream, r.key, r.data, chunk, r.open_end, r.size_words);
+  if (end_mark) stream.insert(stream.end(), RECORD_HEADER_SIZE, 0);
+  return stream;
+}
+
+int reel_writer_stream(TapeWriter& w, uint16_t modulo, const std::vector<unsigned char>& stream,
+                       const std::vector<size_t>& cuts, size_t room) {
+  if (room < 2 || room % 2 != 0) return fail(w, "a block carries an even count of bytes");
+  size_t at = 0;
+  for (size_t block = 0; block == 0 || at < stream.size(); ++block) {
+    const size_t want = block < cuts.size() ? cuts[block] : room;
+    if (want % 2 != 0) return fail(w, "a block carries an even count of bytes");
+    const size_t n = std::min(want, stream.size() - at);
+    std::vector<unsigned char> payload;
+    if (block == 0) {
+      payload.resize(SUBFILE_FIRST_STREAM - TAPE_HEADER_SIZE, 0);
+      tape_put_u16(payload.data() + SUBFILE_OFF_MODULO - TAPE_HEADER_SIZE, modulo);
+    }
+    payload.insert(payload.end(), stream.begin() + static_cast<std::ptrdiff_t>(at),
+                   stream.begin() + static_cast<std::ptrdiff_t>(at + n));
+    if (reel_writer_block(w, TAPE_BLOCK_DATA, payload.data(), payload.size()) != 0) return -1;
+    at += n;
+  }
+  return 0;
+}
+
+int reel_writer_static_subfile(TapeWriter& w, uint16_t modulo,
+                               const std::vector<TapeRecord>& records, size_t room,
+                               int32_t chunk) {
+  if (reel_writer_sub(w, {{"", TAPE_OBJECT_SAM}}) != 0) return -1;
+  if (records.empty()) return 0;
+  return reel_writer_stream(w, modulo, reel_static_stream(records, chunk), {}, room);
+}
+
+int reel_writer_text(TapeWriter& w, const std::string& text, size_t room) {
+  if (room < 2 || room % 2 != 0) return fail(w, "a block carries an even count of bytes");
+  std::vector<unsigned char> coded;
+  if (!tape_encode_text(coded, text)) return fail(w, "the text holds a byte the tape form cannot carry");
+  // Cut at even places, never between a blank run's code and its count
+  // (a newline and its pad stand at even places and are never cut).
+  std::vector<bool> inside(coded.size() + 1, false);
+  for (size_t i = 0; i < coded.size(); ++i)
+    if (coded[i] == TEXT_BLANK_RUN) inside[++i] = true;
+  for (size_t at = 0; at < coded.size();) {
+    size_t n = std::min(room, coded.size() - at);
+    if (at + n < coded.size()) {
+      n -= n % 2;
+      while (n > 2 && inside[at + n]) n -= 2;
+    }
+    if (reel_writer_block(w, TAPE_BLOCK_DATA, coded.data() + at, n) != 0) return -1;
+    at += n;
+  }
+  return 0;
+}

@@ -112,6 +112,39 @@ int reel_writer_mark(TapeWriter& w);
 // kept position, so the next open starts at its beginning).
 int reel_writer_close(TapeWriter& w);
 
+// ---- Static hashed files and members ----------------------------------------
+
+// A record of a static hashed file, as the account holds it: key and data
+// in plain bytes. The last two fields damage it on purpose.
+struct TapeRecord {
+  std::string key;   // at most 255 bytes
+  std::string data;
+  bool open_end = false;              // no end mark: the next header ends it
+  std::optional<int32_t> size_words;  // the size its header claims
+};
+
+// The byte stream of one static sub-file: the records, each in chunks of
+// at most `chunk` bytes, then (with `end_mark`) the size 0 that ends the
+// sub-file.
+std::vector<unsigned char> reel_static_stream(const std::vector<TapeRecord>& records,
+                                              int32_t chunk = CHUNK_MAX, bool end_mark = true);
+// Lays a sub-file's stream in data blocks: the first holds the source
+// modulo at offset 10 and the stream from 12, the others the stream from
+// 6. Block i carries cuts[i] bytes of the stream; the rest goes in blocks
+// of `room` bytes. Cuts and room are even (blocks are whole words), so a
+// record, its header, key or chunk is cut wherever they fall.
+int reel_writer_stream(TapeWriter& w, uint16_t modulo, const std::vector<unsigned char>& stream,
+                       const std::vector<size_t>& cuts = {}, size_t room = 1024);
+// A static sub-file: its description below the last file, and its records
+// in data blocks of `room` bytes (no data block at all without records).
+int reel_writer_static_subfile(TapeWriter& w, uint16_t modulo,
+                               const std::vector<TapeRecord>& records, size_t room = 1024,
+                               int32_t chunk = CHUNK_MAX);
+// A member's text in the compressed form, in data blocks of at most `room`
+// (even) bytes; no pair of the form is cut by a block end. Text holding a
+// byte the form cannot carry is refused.
+int reel_writer_text(TapeWriter& w, const std::string& text, size_t room = 2048);
+
 // Tape text: each character with its high bit set, as names and text stand
 // on the foreign tape.
 std::vector<unsigned char> reel_tape_text(const std::string& text);

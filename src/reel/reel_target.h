@@ -2,6 +2,24 @@
 // creation, its VOC entry, and opening it for the load.
 #pragma once
 
+#include <cstdint>
+#include <string>
+
+// Lookup modes of reel_target_name and reel_name_exists.
+inline constexpr int REEL_NAME_FILE = 1;    // a file of the account, mapped by the VOC
+inline constexpr int REEL_NAME_MEMBER = 2;  // a member, mapped by pgm_map
+
+// Results of reel_target_name.
+inline constexpr int REEL_TARGET_SAME = 0;     // the name on disk is the tape name
+inline constexpr int REEL_TARGET_OTHER = 1;    // the name on disk differs
+inline constexpr int REEL_TARGET_EXISTS = 2;   // the part being restored is there already
+
+// The name on disk of `key` into `target_out`. Mode 2: `key` is a member's
+// path and `target_out` its plain name; pgm_map gives a known mapping
+// (result 2), otherwise `key` becomes the plain name and the name is
+// worked out as for a file.
+int reel_target_name(std::string& key, std::string& target_out, int mode);
+
 // Makes the target of the current-file slot; 1 made, 0 not made (the file
 // is to be skipped). `dynamic` asks for a dynamic hashed file.
 int reel_create_target(int dynamic);

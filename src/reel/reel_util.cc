@@ -13,11 +13,6 @@
 namespace {
 
 constexpr int32_t kPrimeLimit = 1000000000;
-constexpr unsigned char kBlankRun = 0x91;
-constexpr unsigned char kNewline = 0x8A;
-constexpr unsigned char kBlank = 0x80;
-constexpr unsigned char kFillBlank = 0xA0;
-constexpr int kMaxBlankRun = 100;
 
 }  // namespace
 
@@ -66,18 +61,18 @@ int reel_text_from_tape(char* destination, const unsigned char* source, int leng
   char* out = destination;
   for (int i = 0; i < length; ++i) {
     unsigned char b = source[i];
-    if (b == kBlankRun) {
-      if (i + 1 < length && source[i + 1] >= 1 && source[i + 1] <= kMaxBlankRun) {
+    if (b == TEXT_BLANK_RUN) {
+      if (i + 1 < length && source[i + 1] >= 1 && source[i + 1] <= TEXT_MAX_BLANK_RUN) {
         int count = source[++i];
         std::memset(out, ' ', static_cast<size_t>(count));
         out += count;
       }
-    } else if (b == kNewline) {
+    } else if (b == TEXT_NEWLINE) {
       *out++ = '\n';
       // Lines are padded to an even length on tape: a filler byte after a
       // newline at an even offset is not text.
-      if (i % 2 == 0 && i + 1 < length && (source[i + 1] == kFillBlank || source[i + 1] == 0)) ++i;
-    } else if (b == kBlank) {
+      if (i % 2 == 0 && i + 1 < length && (source[i + 1] == TEXT_FILL || source[i + 1] == 0)) ++i;
+    } else if (b == TEXT_BLANK) {
       *out++ = ' ';
     } else {
       *out++ = static_cast<char>((b + 0x80) & 0xFF);

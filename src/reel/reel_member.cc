@@ -1,0 +1,160 @@
+#include "reel/reel_member.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <string>
+#include <vector>
+
+#include "NT/NT_command.h"
+#include "common/mrv_marks.h"
+#include "flib/fl_errout.h"
+#include "flib/fl_globals.h"
+#include "flib/fl_write.h"
+#include "reel/reel_account.h"
+#include "reel/reel_current.h"
+#include "reel/reel_device.h"
+#include "reel/reel_settings.h"
+#include "reel/reel_tape_format.h"
+#include "reel/reel_target.h"
+#include "reel/reel_util.h"
+
+namespace {
+
+constexpr int kSkipData = 0;
+constexpr char kSamDir[] = "SAM";
+constexpr char kDamDir[] = "DAM";
+constexpr char kProgramList[] = "pgm_list";
+// Longer item names are reported, and used all the same.
+constexpr size_t kItemNameLimit = 200;
+
+// A member renamed on disk: pgm_map maps its tape path to the new name,
+// and pgm_list gets the pair as a line.
+void record_rename(const std::string& key, const std::string& name) {
+  M_append_strtuple(&reel_pgm_map, reinterpret_cast<const uint8_t*>(key.data()),
+                    static_cast<int32_t>(key.size()), reinterpret_cast<const uint8_t*>(name.data()),
+                    static_cast<int32_t>(name.size()), 0, nullptr);
+  NT_cmd_echo_append(kProgramList, NT_echo_word(key) + " " + NT_echo_word(name));
+}
+
+// Reads the member's data blocks from the next block on and writes the
+// text to "<directory>/<item>" in chunks of the transfer buffer. Leaves the
+// first block that is not a data block in the buffer.
+void load_member(unsigned char* buffer, int32_t* length, const std::string& directory,
+                 const std::string& item, bool show, std::vector<char>& text) {
+  const int32_t item_len = static_cast<int32_t>(item.size());
+  *length = reel_next_block(buffer);
+  int first = 1;
+  size_t used = 0;
+  while (tape_block_type(buffer) == TAPE_BLOCK_DATA) {
+    if (REEL_MEMBER_BUFFER - used < REEL_MEMBER_FLUSH_ROOM) {
+      reel_write_member(directory.c_str(), item.c_str(), item_len, text.data(),
+                        static_cast<int32_t>(used), first);
+      first = 0;
+      used = 0;
+    }
+    // Blank runs may grow a block far beyond the room kept free; the buffer
+    // grows to the worst case of the block rather than be overrun.
+    const int32_t count = *length - TAPE_HEADER_SIZE;
+    const size_t need = used + reel_text_worst_case(static_cast<size_t>(count));
+    if (text.size() < need) text.resize(need);
+    used += static_cast<size_t>(reel_text_from_tape(text.data() + used, buffer + TAPE_HEADER_SIZE, count));
+    *length = reel_next_block(buffer);
+  }
+  text[used] = '\0';
+  if (show) reel_show('L', 1);
+  reel_write_member(directory.c_str(), item.c_str(), item_len, text.data(),
+                    static_cast<int32_t>(used), first);
+}
+
+}  // namespace
+
+int reel_write_member(const char* directory, const char* item, int32_t item_len, const char* data,
+                      int32_t data_len, int first) {
+  std::string name(item, static_cast<size_t>(item_len > 0 ? item_len : 0));
+  if (!name.empty() && static_cast<unsigned char>(name.back()) == M_FM) name.pop_back();
+  if (name.size() > kItemNameLimit) {
+    M_errout(0, "Write record name %s too long,truncate to ", name.c_str());
+    M_errout(0, "%s\n", name.c_str());
+  }
+  const std::string path = std::string(directory) + "/" + name;
+  const int flags = first ? O_WRONLY | O_CREAT | O_TRUNC : O_WRONLY | O_APPEND;
+  int fd = open(path.c_str(), flags, 0666);
+  if (fd < 0 && (errno == EPERM || errno == EACCES)) {
+    // A file that is not ours to write is replaced, once.
+    if (unlink(path.c_str()) != 0 && (errno == EPERM || errno == EACCES)) {
+      M_errout(0,
+               errno == EPERM ? "WRITE item %s to file %s error. Not owner.\n"
+                              : "WRITE item %s to file %s error. Permission denied.\n",
+               name.c_str(), directory);
+      M_Status = 0;
+      return -1;
+    }
+    fd = open(path.c_str(), flags, 0666);
+  }
+  if (fd < 0) {
+    M_errout(0, "WRITE item %s to file %s error.\n", name.c_str(), directory);
+    M_Status = 0;
+    return -1;
+  }
+  for (int32_t done = 0; done < data_len;) {
+    const ssize_t n = write(fd, data + done, static_cast<size_t>(data_len - done));
+    if (n <= 0) {
+      close(fd);
+      return -1;
+    }
+    done += static_cast<int32_t>(n);
+  }
+  close(fd);
+  return 1;
+}
+
+void reel_member_file(unsigned char* buffer, int32_t* length) {
+  CurrentFile& f = reel_current;
+  const char* directory = f.file_kind == FILE_KIND_SAM ? kSamDir : kDamDir;
+  f.short_name = f.name;
+  // The lookup is by the path under SAM or DAM, but a rename is recorded
+  // under the plain name that reel_target_name leaves in the key: a
+  // top-level member is renamed afresh on every restore.
+  std::string key = std::string(directory) + "/" + f.name;
+  if (reel_target_name(key, f.short_name, REEL_NAME_MEMBER) == REEL_TARGET_OTHER)
+    record_rename(key, f.short_name);
+  std::vector<char> text(REEL_MEMBER_BUFFER);
+  load_member(buffer, length, directory, f.short_name, true, text);
+}
+
+void reel_dir_members(unsigned char* buffer, int32_t* length) {
+  const RunSettings& s = reel_settings;
+  const CurrentFile& f = reel_current;
+  std::vector<char> text(REEL_MEMBER_BUFFER);
+  while (*length >= s.level_sub && tape_block_type(buffer) == TAPE_BLOCK_DESCRIPTION) {
+    // Deeper paths (sub-directories' contents) and objects that are no
+    // members are passed with their data.
+    if (*length > s.level_sub) {
+      reel_skip_blocks(buffer, length, kSkipData);
+      continue;
+    }
+    const uint8_t type = tape_path_type(buffer, s.level_file);
+    if (type != TAPE_OBJECT_SAM && type != TAPE_OBJECT_DAM) {
+      reel_skip_blocks(buffer, length, kSkipData);
+      continue;
+    }
+    char tape_name[PATH_NAME_SIZE + 1];
+    tape_path_name(tape_name, buffer, s.level_file);
+    if (tape_name[0] == '$') {
+      reel_skip_blocks(buffer, length, kSkipData);
+      continue;
+    }
+    // A member of a directory is mapped by its path: a later restore of
+    // the same member finds the mapping and takes the same name.
+    std::string path = f.short_name + "/" + tape_name;
+    std::string name = tape_name;
+    if (reel_target_name(path, name, REEL_NAME_MEMBER) == REEL_TARGET_OTHER)
+      record_rename(f.short_name + "/" + tape_name, name);
+    load_member(buffer, length, f.short_name, name, false, text);
+    if (!s.target_dir.empty())
+      NT_cmd_move((f.short_name + "/" + name).c_str(),
+                  ("../" + s.target_dir + "/" + f.short_name + "/" + name).c_str());
+  }
+}
