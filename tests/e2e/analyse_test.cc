@@ -6,9 +6,8 @@
 #include <gtest/gtest.h>
 
 #include "reel/reel_init.h"
+#include "e2e/sandbox.h"
 #include "support/files.h"
-#include "support/run_program.h"
-#include "support/temp_dir.h"
 
 namespace {
 
@@ -20,33 +19,6 @@ size_t count_of(const std::string& text, const std::string& part) {
   return n;
 }
 
-// A home with tapeinfo (unit 0 is "t.tap" in the run directory), the
-// program and temporary directories, and a run directory with the tape.
-class Sandbox {
- public:
-  explicit Sandbox(const std::string& save) {
-    for (const char* d : {"home/include", "home/sys", "bin", "tmp", "run"})
-      fs::create_directories(dir_.path() / d);
-    spill(dir_.path() / "home/sys/tapeinfo", "0 t.tap rt.tap 8192\n");
-    ProgramResult made = run_program({.program = "mkreel", .input = save, .directory = run()});
-    EXPECT_EQ(made.status, 0) << made.output;
-  }
-  std::string run() const { return (dir_.path() / "run").string(); }
-  ProgramResult reel(std::vector<std::string> args) const {
-    const std::string root = dir_.str();
-    return run_program({.program = "REEL_INTAKE",
-                        .args = std::move(args),
-                        .directory = run(),
-                        .env = {{"MRVHOME", root + "/home"},
-                                {"MRVBIN", root + "/bin"},
-                                {"TMP", root + "/tmp"},
-                                {"MRV_REGISTRY", root + "/no-registry"}}});
-  }
-
- private:
-  TempDir dir_;
-};
-
 // Two accounts; the first has files of every object type, sub-files,
 // members, a deeper path inside a directory and an object of unknown type.
 const char kTwoAccounts[] =
@@ -54,11 +26,14 @@ const char kTwoAccounts[] =
     "label no=1 name=SAVE date=03-17-92\n"
     "account SALES\n"
     "file CUSTOMERS hashed\n"
-    "sub '' sam\n"
-    "block data u16:0 zeros:10\n"
-    "sub '' sam\n"
+    "subfile modulo=3\n"
+    "item C1 'Smith\\xFEJohn'\n"
+    "item C22 Jones\n"
+    "subfile\n"
+    "item C333\n"
     "file D_CUSTOMERS hashed\n"
-    "sub '' sam\n"
+    "subfile modulo=1\n"
+    "item NAME 'D\\xFE1'\n"
     "file ORDERS 3\n"  // a dynamic source: its first sub-file is direct
     "sub '' dam\n"
     "block data zeros:100\n"
@@ -68,7 +43,7 @@ const char kTwoAccounts[] =
     "block data 'directory data'\n"
     "sub MAIN sam\n"
     "block data \"PRINT 1\"\n"
-    "sub SUBDIR dir DEEP sam\n"  // block 17
+    "sub SUBDIR dir DEEP sam\n"  // block 19
     "block data \"X\"\n"
     "sub OTHER dam\n"
     "file PROGS 5\n"
@@ -102,8 +77,8 @@ TEST(Analyse, WalksTheFirstAccountToTheEndAndPlansEachFileInTapeOrder) {
   EXPECT_EQ(r.output.find("Get EOF mark"), std::string::npos);
 
   EXPECT_EQ(slurp(box.run() + "/plan"),
-            "DATA, CUSTOMERS, 1, 0, 0, 0, 0\n"
-            "DICT, CUSTOMERS, 1, 0, 0, 0, 0\n"
+            "DATA, CUSTOMERS, 3, 3, 9, 15, 3\n"
+            "DICT, CUSTOMERS, 1, 1, 4, 3, 1\n"
             "DATA, ORDERS, 1, 0, 0, 0, 0\n"
             "DATA, DUMP_VOC, 1, 0, 0, 0, 0\n"
             " DIR, BP, 0, 0, 0, 0, 0\n"
@@ -114,7 +89,7 @@ TEST(Analyse, WalksTheFirstAccountToTheEndAndPlansEachFileInTapeOrder) {
   // arrives at the top as a block of no known length.
   EXPECT_EQ(slurp(box.run() + "/dispmsg"),
             "\t\t\tACCT_NAME  ---  SALES\n"
-            "Blkno = 17 \tGet file description error: block length error\n");
+            "Blkno = 19 \tGet file description error: block length error\n");
 }
 
 TEST(Analyse, WithAnAccountWordTheWalkTouchesNoFileData) {

@@ -67,7 +67,7 @@ TEST(DispatchNames, RulesOfDictionariesVocAndReservedNames) {
   std::string dir = unit_dir("dispatch_names");
   make_tape(save(dir,
                  "account ACCT\n"
-                 "file D_VOC hashed\nsub '' sam\nblock data 'x'\n"
+                 "file D_VOC hashed\nsub '' sam\nblock data zeros:8\n"
                  "file D_D_X hashed\n"
                  "file D_voc hashed\n"
                  "file ABCDEFGHIJKLMNOPQRSTUVWXYZ012345 hashed\n"
@@ -120,17 +120,18 @@ TEST(DispatchLevels, LevelTwoShiftsAllLengthsAndLevelZeroHasNoAccount) {
   std::string dir = unit_dir("dispatch_level2");
   make_tape(save(dir,
                  "account SYS ACCT2\n"
-                 "file CUST hashed\nsub '' sam\nblock data 'x'\nsub DEEP sam ER sam\n"
+                 "file CUST hashed\nsub '' sam\nblock data zeros:8\nsub DEEP sam ER sam\n"
                  "file PROG dam\n"));
   EXPECT_EQ(walk(dir, {"-L2"}), "[DATA|]\n[DATA|CUST]\n[DATA|CUST]\n[DAM |PROG]\n[end]\n");
   EXPECT_EQ(read_file(dir + "/dispmsg"),
             "\t\t\tACCT_NAME  ---  ACCT2\n"
-            "Blkno = 5 \tGet file description error: block length error\n");
+            "Blkno = 5 \tGet file description error: block length error\n"
+            "Loading DAM  PROG ...\n");
 
   dir = unit_dir("dispatch_level0");
-  make_tape(save(dir, "account\nfile CUST hashed\nsub '' sam\nfile PROG sam\n"));
+  make_tape(save(dir, "account\nfile CUST hashed\nsub '' sam\nblock data zeros:8\nfile PROG sam\n"));
   EXPECT_EQ(walk(dir, {"-L0"}), "[DATA|]\n[DATA|CUST]\n[SAM |PROG]\n[end]\n");
-  EXPECT_EQ(read_file(dir + "/dispmsg"), "");
+  EXPECT_EQ(read_file(dir + "/dispmsg"), "Loading SAM  PROG ...\n");
 }
 
 // One account under each option: -D passes members and directories before
@@ -141,11 +142,11 @@ TEST(DispatchOptions, DataOnlyRecoveryListAndOverlay) {
   make_tape(save(dir,
                  "account ACCT\n"
                  "file VOC hashed\nfile voc hashed\n"
-                 "file D_ORDERS hashed\nsub '' sam\nblock data 'x'\n"
+                 "file D_ORDERS hashed\nsub '' sam\nblock data zeros:8\n"
                  "file D_CUST hashed\n"
                  "file BP dir\nblock data 'x'\nsub M1 sam\nblock data 'x'\n"
                  "file PROG sam\nblock data 'x'\n"
-                 "file CUST 3\nsub '' sam\nblock data 'x'\n"));
+                 "file CUST 3\nsub '' sam\nblock data zeros:8\n"));
   write_file(dir + "/picked", "VOC\nvoc\nXXvoc\nORDERS\nD_CUST\n");
   write_file(dir + "/voc", "DUMP_VOC\n");
   const std::string account = "\t\t\tACCT_NAME  ---  ACCT\n";
@@ -157,11 +158,11 @@ TEST(DispatchOptions, DataOnlyRecoveryListAndOverlay) {
       {{},
        "[DATA|DUMP_VOC]\n[DATA|XXvoc]\n[DICT|ORDERS]\n[DICT|CUST]\n[DIR |BP]\n[SAM |PROG]\n"
        "[DATA|CUST]\n",
-       account},
+       account + "Loading SAM  PROG ...\n"},
       {{"-D"},
        "[DATA|DUMP_VOC]\n[DATA|XXvoc]\n[DICT|ORDERS]\n[DICT|CUST]\n[DATA|]\n[DATA|]\n"
        "[DATA|CUST]\n",
-       account},
+       account + "Loading DATA CUST ...\n"},
       {{"-R", dir + "/picked"},
        "[DATA|]\n[DATA|XXvoc]\n[DICT|ORDERS]\n[DICT|]\n[DATA|]\n[DATA|]\n[DATA|]\n", account},
       {{"-R", dir + "/voc"},
@@ -169,7 +170,8 @@ TEST(DispatchOptions, DataOnlyRecoveryListAndOverlay) {
       {{"-O"},
        "[DATA|DUMP_VOC]\n[DATA|XXvoc]\n[DICT|ORDERS]\n[DICT|CUST]\n[DIR |BP]\n[SAM |PROG]\n"
        "[DATA|CUST]\n",
-       account + "Loading DIR  BP ...\n"},
+       account + "Loading DICT ORDERS ...\nLoading DIR  BP ...\nLoading SAM  PROG ...\n"
+                 "Loading DATA CUST ...\n"},
   };
   for (const Case& c : cases) {
     EXPECT_EQ(walk(dir, c.args), std::string("[DATA|]\n") + c.trace + "[end]\n")
