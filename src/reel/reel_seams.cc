@@ -28,10 +28,6 @@ void pass_sub_objects(unsigned char* buffer, int32_t* length) {
 
 }  // namespace
 
-void reel_open_account() { reel_fatal("Setting up accounts is not available in this build.\n"); }
-
-void reel_close_account() {}
-
 void reel_apply_plan() {
   reel_fatal("Creating files from a plan is not available in this build.\n");
 }
@@ -48,11 +44,6 @@ void reel_member_file(unsigned char* buffer, int32_t* length) {
   reel_skip_blocks(buffer, length, 1);
 }
 
-// Targets. Nothing can be made or opened yet, so every file is skipped by
-// its caller, no handle is ever open, and the two closes only mark the
-// slot closed.
-int reel_create_target(int) { return 0; }
-void reel_target_from_voc() { reel_current.short_name.clear(); }
-int reel_open_target() { return 0; }
-void reel_close_target() { reel_current.handle = -1; }
-void reel_finish_file(int32_t) { reel_current.handle = -1; }
+// Pages of a dynamic source's overflow part are held by its decoder; until
+// it exists none is held, and a large record reports as lost.
+int reel_overflow_get(unsigned char*, int32_t, int32_t*) { return 0; }

@@ -157,7 +157,7 @@ TEST(DispatchOptions, DataOnlyRecoveryListAndOverlay) {
       {{},
        "[DATA|DUMP_VOC]\n[DATA|XXvoc]\n[DICT|ORDERS]\n[DICT|CUST]\n[DIR |BP]\n[SAM |PROG]\n"
        "[DATA|CUST]\n",
-       account},
+       account + "Create DIR  BP failure!\nBlkno = 8 \tCreate file error\n"},
       {{"-D"},
        "[DATA|DUMP_VOC]\n[DATA|XXvoc]\n[DICT|ORDERS]\n[DICT|CUST]\n[DATA|]\n[DATA|]\n"
        "[DATA|CUST]\n",
@@ -169,7 +169,7 @@ TEST(DispatchOptions, DataOnlyRecoveryListAndOverlay) {
       {{"-O"},
        "[DATA|DUMP_VOC]\n[DATA|XXvoc]\n[DICT|ORDERS]\n[DICT|CUST]\n[DIR |BP]\n[SAM |PROG]\n"
        "[DATA|CUST]\n",
-       account + "Loading DIR  BP ...\n"},
+       account + "Loading DIR  BP ...\nBP open failure!\nBlkno = 8 \tOpen file error\n"},
   };
   for (const Case& c : cases) {
     EXPECT_EQ(walk(dir, c.args), std::string("[DATA|]\n") + c.trace + "[end]\n")
