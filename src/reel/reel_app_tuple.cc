@@ -50,6 +50,9 @@ constexpr size_t kSmallOverhead = sizeof(TupleDesc) + 2;
 constexpr size_t kLongOverhead = sizeof(TupleDesc) + 1;
 
 int spill_fd = -1;
+// 1 while a flush runs for a record that is in hand but not yet in a
+// buffer: it is not one of the records that have gone out to the file.
+int32_t in_hand = 0;
 
 void reset(TupleBuffer& b) {
   b.text_end = 0;
@@ -180,7 +183,11 @@ void reel_init_tuples(int32_t k) {
 void reel_add_tuple(const char* key, int32_t key_len, const char* data, int32_t data_len) {
   TupleBuffer& b = reel_small_tuples;
   const size_t text = static_cast<size_t>(key_len) + static_cast<size_t>(data_len) + kSmallOverhead;
-  if (!fits(b, text)) reel_flush_tuples();
+  if (!fits(b, text)) {
+    in_hand = 1;
+    reel_flush_tuples();
+    in_hand = 0;
+  }
   if (!fits(b, text)) {
     // Larger than the whole buffer, or the flush was refused: the record
     // goes straight into the open target when there is one.
@@ -204,7 +211,11 @@ void reel_add_tuple(const char* key, int32_t key_len, const char* data, int32_t 
 void reel_add_ltuple(const char* key, int32_t key_len, int32_t data_len, int32_t first_page) {
   TupleBuffer& b = reel_long_tuples;
   const size_t text = static_cast<size_t>(key_len) + kLongOverhead;
-  if (!fits(b, text)) spill_long_buffer();
+  if (!fits(b, text)) {
+    in_hand = 1;
+    spill_long_buffer();
+    in_hand = 0;
+  }
   if (!fits(b, text)) {
     reel_log_error(REEL_ERR_RECORD, key);
     return;
@@ -275,7 +286,7 @@ void reel_load_ltuple(REL_TYPE* rel, const char* key, int32_t key_len, int32_t d
 int32_t reel_resize_modulo() {
   const CurrentFile& f = reel_current;
   const int64_t r = f.record_count;
-  if (r < 1 || reel_small_tuples.count + reel_long_tuples.count < r || f.rel == nullptr) return 0;
+  if (r < 1 || reel_small_tuples.count + reel_long_tuples.count + in_hand < r || f.rel == nullptr) return 0;
   const int64_t w = static_cast<int64_t>(f.rel->block_size) - f.key_bytes / r - 32;
   if (w <= 0) return 0;
   const int64_t all = std::min((f.data_bytes + 10 * r + f.key_bytes) / w + 1, r);
