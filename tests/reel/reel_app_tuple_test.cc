@@ -26,10 +26,10 @@ std::string key_of(int i) { return "K" + std::to_string(i); }
 // made with the tape's `modulo`, through buffers of `k` KiB, as a decoder
 // does: the slot counts each record as it is read. Prints the records
 // restored after the adds and the modulo the file ends with.
-void load(int32_t modulo, int records, int data_bytes) {
+void load(int32_t modulo, int records, int data_bytes, const char* name = "CUST") {
   CurrentFile& f = reel_current;
   f = CurrentFile{};
-  f.name = "CUST";
+  f.name = name;
   f.modulo = modulo;
   if (reel_create_target(0) != 1 || reel_open_target() != 1) return;
   const std::string data(static_cast<size_t>(data_bytes), 'd');
@@ -92,6 +92,24 @@ TEST(Loader, FlushesResizesAndEnds) {
     EXPECT_EQ(found, c.records) << trace;
     EXPECT_FALSE(std::filesystem::exists(dir + "/ACC/resz__")) << trace;
   }
+}
+
+// A hostile name reaches resize_list as text, and its file is made under a
+// cleaned name; nothing runs.
+TEST(Loader, HostileNameInResizeList) {
+  std::string dir = tape_test::scratch("loader_hostile");
+  const char* name = "x'; touch PWNED; '";
+  ProgramResult r = in_account(
+      dir, [](RunSettings& s) { reel_init_tuples(s.buffer_factor = 8); },
+      [&] {
+        load(1, 3000, 10, name);
+        reel_close_account();
+      });
+  EXPECT_TRUE(read_file(dir + "/ACC/resize_list").starts_with("'\tx'; touch PWNED; ' \t\t")) << r.output;
+  std::vector<std::string> findings;
+  EXPECT_EQ(M_check_file((dir + "/ACC/x';_touch_PWNED;_'a").c_str(), &findings), 0) << r.output;
+  EXPECT_FALSE(std::filesystem::exists(dir + "/ACC/PWNED"));
+  EXPECT_FALSE(std::filesystem::exists(dir + "/PWNED"));
 }
 
 // The long buffer spills to large__file as often as it fills, and every
