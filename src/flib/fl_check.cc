@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cstdarg>
 #include <cstdio>
+#include <map>
 #include <set>
 #include <string>
 
@@ -16,17 +17,49 @@
 #include "flib/fl_open.h"
 #include "flib/fl_ovhdr.h"
 #include "flib/fl_rel.h"
+#include "flib/fl_write.h"
 #include "flib/lrgfillib.h"
 
 namespace {
 
 constexpr int32_t kMaxKeyLength = 126;
 
+// What a block is used for. A block has one use, except that the blocks
+// holding short records (and the last block of a long record) may serve
+// several records.
+enum class Use : char { kGroup = 'G', kData = 'D', kLong = 'L', kFree = 'F' };
+
+const char* use_name(Use use) {
+  switch (use) {
+    case Use::kGroup: return "a group block";
+    case Use::kData: return "a data block";
+    case Use::kLong: return "a long record block";
+    case Use::kFree: return "free";
+  }
+  return "?";
+}
+
 struct Checker {
   REL_TYPE* rel;
   std::vector<std::string>* findings;
   int count = 0;
   uint32_t b = 0;
+  std::map<uint32_t, Use> uses;
+
+  // Records the use of a block; a second, conflicting use is a finding.
+  void claim(uint32_t address, Use use) {
+    auto [it, fresh] = uses.emplace(address, use);
+    if (fresh || (use == Use::kData && it->second == Use::kData)) return;
+    add("block 0X%X is %s and %s", address, use_name(it->second), use_name(use));
+  }
+
+  // Every block behind the head blocks must be in use or free.
+  void check_leaks(uint32_t address_base, int64_t first, int64_t end, const char* name) {
+    for (int64_t offset = first; offset + b <= end; offset += b) {
+      uint32_t address = address_base | static_cast<uint32_t>(offset);
+      if (uses.count(address) == 0) add("%s: block 0X%X is neither used nor free", name, address);
+    }
+  }
 
   void add(const char* format, ...) __attribute__((format(printf, 2, 3))) {
     char text[512];
@@ -80,6 +113,7 @@ struct Checker {
       return;
     }
     if (static_cast<uint32_t>(length) <= b - BLOCK_OVERHEAD) {
+      claim(first, Use::kData);
       if (!read(first, block, "data", group)) return;
       uint32_t end = b - static_cast<uint32_t>(std::max<int16_t>(gb_byteleft(block), 0));
       if (in_block < DB_DATA || in_block + static_cast<uint32_t>(length) > end)
@@ -97,6 +131,7 @@ struct Checker {
         add("group %u: long record at 0X%X: block %u at 0X%X lies outside the file", group, position, i, address);
         return;
       }
+      claim(address, i + 1 == blocks ? Use::kData : Use::kLong);
       if (!read(address, block, "long record", group)) return;
       uint8_t want = i == 0 ? FLAG_LONG_FIRST : (i + 1 == blocks ? FLAG_LONG_LAST : FLAG_LONG_MIDDLE);
       if ((gb_flags(block) & FLAG_LONG_MASK) != want)
@@ -139,11 +174,8 @@ struct Checker {
         add("group %u block 0X%X: row %d has length %d", group, address, row, length);
         continue;
       }
-      uint32_t offset = addr_offset(address);
-      bool in_this_block = !addr_is_overflow(position) && position >= offset && position < offset + b;
-      if (rel_is_dynamic(rel) && addr_is_overflow(address)) in_this_block = false;
-      if (in_this_block) {
-        uint32_t start = position - offset;
+      if (position_in_block(position, address, b)) {
+        uint32_t start = (position & 0x7FFFFFFFu) % b;
         uint32_t end = b - static_cast<uint32_t>(gb_byteleft(block));
         if (start < static_cast<uint32_t>(datapos) || start + static_cast<uint32_t>(length) > end)
           add("group %u block 0X%X: row %d record lies outside the data area", group, address, row);
@@ -176,6 +208,7 @@ struct Checker {
         add("group %u: block 0X%X lies outside the file", group, address);
         return;
       }
+      if (!head) claim(address, Use::kGroup);
       if (!read(address, block, head ? "head" : "continuation", group)) return;
       uint8_t kind = gb_flags(block) & FLAG_KIND_MASK;
       if (kind != (head ? FLAG_HEAD : FLAG_CONTINUATION))
@@ -193,7 +226,7 @@ struct Checker {
         return;
       }
       check_keys(group, address, block);
-      if (head) check_group_free_list(group, block);
+      check_group_free_list(group, block);
       address = gb_next(block);
     }
   }
@@ -209,6 +242,7 @@ struct Checker {
         add("group %u: free list reaches a bad block 0X%X", group, address);
         return;
       }
+      claim(address, Use::kFree);
       if (!read(address, block, "free", group)) return;
       if ((gb_flags(block) & FLAG_LOW_BITS) != 0)
         add("group %u: free block 0X%X has flags %u", group, address, gb_flags(block));
@@ -230,8 +264,10 @@ struct Checker {
       add("over%03u: stack count %d", number, h.stack_count);
     for (int32_t i = 0; i < std::min<int32_t>(h.stack_count, overflow_stack_capacity(b)); ++i) {
       uint32_t entry = fl_get_u32(block, OH_STACK + 4 * static_cast<uint32_t>(i));
-      if (!addr_is_overflow(entry) || !address_in_file(entry))
+      if (!addr_is_overflow(entry) || !address_in_file(entry) || addr_part_index(entry) != number - 1)
         add("over%03u: free stack entry %d is 0X%X", number, i, entry);
+      else
+        claim(entry, Use::kFree);
     }
     if (number == 1) {
       if (h.merge_load > MAX_MERGE_LOAD) add("over001: merge load %u", h.merge_load);
@@ -239,19 +275,45 @@ struct Checker {
         add("over001: modulo %u below minimum modulo %u", h.modulo, h.min_modulo);
       if (static_cast<size_t>(stored_part_count(h.primary_parts)) != rel->primary.size())
         add("over001: %d primary parts recorded, %zu open", stored_part_count(h.primary_parts), rel->primary.size());
+      if (static_cast<size_t>(stored_part_count(h.overflow_parts)) != rel->overflow.size())
+        add("over001: %d overflow parts recorded, %zu open", stored_part_count(h.overflow_parts), rel->overflow.size());
     }
     std::set<uint32_t> seen;
+    uint32_t counted = static_cast<uint32_t>(std::clamp<int32_t>(h.stack_count, 0, overflow_stack_capacity(b)));
+    struct CountCheck {
+      Checker* c;
+      const uint32_t* counted;
+      uint32_t recorded;
+      uint32_t number;
+      ~CountCheck() {
+        if (*counted != recorded)
+          c->add("over%03u: free count %u, the stack and free list hold %u", number, recorded, *counted);
+      }
+    } count_check{this, &counted, h.free_count, number};
     for (uint32_t list = h.free_head; list != 0;) {
       if (!seen.insert(list).second || !address_in_file(list)) {
         add("over%03u: free list reaches a bad block 0X%X", number, list);
         return;
       }
+      claim(list, Use::kFree);
       if (!read(list, block, "free list", 0)) return;
       if ((gb_flags(block) & FLAG_LOW_BITS) != FLAG_FREE_LIST)
         add("over%03u: free list block 0X%X has flags %u", number, list, gb_flags(block));
       int32_t last = fl_get_i16(block, FL_LAST_INDEX);
-      if (last < 0 || FL_ENTRIES + 4 * static_cast<uint32_t>(last) + 4 > b)
+      if (last < 0 || FL_ENTRIES + 4 * static_cast<uint32_t>(last) + 4 > b) {
         add("over%03u: free list block 0X%X has last index %d", number, list, last);
+        return;
+      }
+      if (fl_get_u32(block, FL_ENTRIES + 4 * static_cast<uint32_t>(last)) != list)
+        add("over%03u: free list block 0X%X does not end with itself", number, list);
+      for (int32_t i = 0; i < last; ++i) {
+        uint32_t entry = fl_get_u32(block, FL_ENTRIES + 4 * static_cast<uint32_t>(i));
+        if (!address_in_file(entry) || addr_part_index(entry) != number - 1)
+          add("over%03u: free list block 0X%X entry %d is 0X%X", number, list, i, entry);
+        else
+          claim(entry, Use::kFree);
+      }
+      counted += static_cast<uint32_t>(last) + 1;
       list = fl_get_u32(block, FL_NEXT);
     }
   }
@@ -289,6 +351,16 @@ int M_check_file(const char* path, std::vector<std::string>* findings) {
     for (uint32_t p = 1; p <= rel.overflow.size(); ++p) c.check_overflow_part(p);
   }
   for (int32_t g = 0; g < rel.modulo; ++g) c.check_group(static_cast<uint32_t>(g));
+  if (rel_is_dynamic(&rel)) {
+    for (uint32_t p = 1; p <= rel.overflow.size(); ++p) {
+      char name[16];
+      std::snprintf(name, sizeof name, "over%03u", p);
+      uint32_t base = make_addr(true, 0, p - 1);
+      c.check_leaks(base, c.b, c.part_size(base), name);
+    }
+  } else {
+    c.check_leaks(0, static_cast<int64_t>(c.b) * (rel.modulo + 1), c.part_size(0), "overflow space");
+  }
   M_closefile(&rel);
   return c.count;
 }

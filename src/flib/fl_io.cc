@@ -13,6 +13,7 @@
 #include "flib/fl_free.h"
 #include "flib/fl_globals.h"
 #include "flib/fl_hash.h"
+#include "flib/fl_mem.h"
 #include "flib/fl_rel.h"
 #include "flib/fl_report.h"
 #include "flib/lrgfillib.h"
@@ -21,6 +22,7 @@ uint8_t M_blkbuf[MAX_BLOCK_SIZE];
 uint32_t M_found_position = 0;
 int32_t M_found_length = 0;
 int32_t M_write_in_progress = 0;
+uint64_t M_block_writes = 0;
 std::jmp_buf* M_overflow_recovery = nullptr;
 
 namespace {
@@ -96,7 +98,7 @@ int M_blkread(REL_TYPE* rel, uint32_t address, uint8_t* buffer, int check) {
   }
   uint32_t offset = file_offset(address);
   if (b == 0 || offset % b != 0) return blkread_error(rel, "block offset");
-  ssize_t n = pread(fd, buffer, b, offset);
+  ssize_t n = M_mem_active(rel) ? M_memread(rel, address, buffer) : pread(fd, buffer, b, offset);
   if (n != static_cast<ssize_t>(b)) {
     std::snprintf(text, sizeof text,
                   "M_pread return error. fd=%d, blkbuf addr=%lX, blksize=%d, blkoff=%d. ret=%d, "
@@ -132,6 +134,11 @@ int M_blkwrite(REL_TYPE* rel, uint32_t address, uint8_t* buffer) {
     return blkwrite_error(rel, "block offset", address);
   }
   if (b == 0 || file_offset(address) % b != 0) return blkwrite_error(rel, "block offset", address);
+  if (M_mem_active(rel)) {
+    if (M_memwrite(rel, address, buffer) == static_cast<int>(b)) return 1;
+    return blkwrite_error(rel, "M_memwrite", address);
+  }
+  ++M_block_writes;
   M_write_in_progress = 1;
   bool short_count = false;
   for (;;) {
@@ -284,8 +291,15 @@ int M_arrange_block(REL_TYPE* rel, uint8_t* table_block, uint8_t* data_block, ui
   uint32_t b = rel->block_size;
   if (entry < 0 || entry >= std::min<int32_t>(gb_key_count(table_block), max_key_rows(b)))
     return M_file_error(rel, fn, "entry", nullptr, 0, group);
-  uint32_t position = ke_position(table_block, entry);
-  int32_t length = ke_length(table_block, entry);
+  return M_arrange_hole(rel, table_block, data_block, address, ke_position(table_block, entry),
+                        ke_length(table_block, entry), size);
+}
+
+int M_arrange_hole(REL_TYPE* rel, uint8_t* table_block, uint8_t* data_block, uint32_t address, uint32_t position,
+                   int32_t length, int32_t size) {
+  const char* fn = "M_arrange_block";
+  int32_t group = static_cast<int32_t>(M_groupno);
+  uint32_t b = rel->block_size;
   // The block's own position base: its offset with the overflow bit.
   uint32_t base = address & ~ADDR_PART_MASK;
   int64_t start = static_cast<int64_t>(position & 0x7FFFFFFFu) - (base & 0x7FFFFFFFu);

@@ -23,6 +23,8 @@ extern uint32_t M_found_position;
 extern int32_t M_found_length;
 // Set while M_blkwrite writes, for the full-disk routine.
 extern int32_t M_write_in_progress;
+// Count of block writes that reached the disk through M_blkwrite.
+extern uint64_t M_block_writes;
 // Recovery point of a running add or split: a write to an overflow part
 // that is too large jumps here (with value 1) instead of returning.
 extern std::jmp_buf* M_overflow_recovery;
@@ -69,3 +71,8 @@ int M_read_grpblk(REL_TYPE* rel, uint32_t* address, uint8_t* block, const uint8_
 // to write; any other block is written here. 1 or -1.
 int M_arrange_block(REL_TYPE* rel, uint8_t* table_block, uint8_t* data_block, uint32_t address,
                     int32_t entry, int32_t size);
+// The same for the hole of `length` bytes at record position `position`,
+// which no row needs to describe (the tail of a long record, a row already
+// cut out).
+int M_arrange_hole(REL_TYPE* rel, uint8_t* table_block, uint8_t* data_block, uint32_t address, uint32_t position,
+                   int32_t length, int32_t size);

@@ -57,21 +57,32 @@ int M_mrvunlock(int fd, uint32_t start, uint32_t length) {
   return NT_fcntl(fd, NT_SETLK, &lock);
 }
 
-int M_lock_block(REL_TYPE* rel, uint32_t address, int32_t mode) {
+namespace {
+
+// A lock of `length` bytes (0: to the end and beyond) at the offset of
+// `address` in its part; the part's lock count keeps its descriptor open.
+int lock_range(REL_TYPE* rel, uint32_t address, int32_t mode, uint32_t length) {
   int fd = M_get_fd(rel, address);
   if (fd < 0) return -1;
-  if (M_mrvlockf(fd, mode, addr_offset(address), 1) != 0) return -1;
+  if (M_mrvlockf(fd, mode, addr_offset(address), length) != 0) return -1;
   if (PartEntry* part = part_of(rel, address)) ++part->lock_count;
   return 0;
 }
 
-int M_unlock_block(REL_TYPE* rel, uint32_t address) {
+int unlock_range(REL_TYPE* rel, uint32_t address, uint32_t length) {
   int fd = M_get_fd(rel, address);
   if (fd < 0) return -1;
-  int result = M_mrvunlock(fd, addr_offset(address), 1);
+  int result = M_mrvunlock(fd, addr_offset(address), length);
   if (PartEntry* part = part_of(rel, address); part != nullptr && part->lock_count > 0) --part->lock_count;
   return result;
 }
+
+}  // namespace
+
+int M_lock_block(REL_TYPE* rel, uint32_t address, int32_t mode) { return lock_range(rel, address, mode, 1); }
+int M_unlock_block(REL_TYPE* rel, uint32_t address) { return unlock_range(rel, address, 1); }
+int M_lock_file(REL_TYPE* rel, int32_t mode) { return lock_range(rel, 0, mode, 0); }
+int M_unlock_file(REL_TYPE* rel) { return unlock_range(rel, 0, 0); }
 
 int M_LLM_Lock(const char* kind, const uint32_t file_id[2], const char* key, int32_t function,
                int32_t wait, int32_t owner, int32_t kind_length, int32_t key_length) {

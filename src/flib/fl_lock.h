@@ -31,6 +31,11 @@ int M_mrvunlock(int fd, uint32_t start, uint32_t length);
 // keeps its descriptor from being closed meanwhile. 0 or -1.
 int M_lock_block(REL_TYPE* rel, uint32_t address, int32_t mode);
 int M_unlock_block(REL_TYPE* rel, uint32_t address);
+// The whole-file lock: the static file, or dat001, from byte 0 to the end.
+// Block locks of this process inside it are merged into it, so take none
+// while it is held. 0 or -1.
+int M_lock_file(REL_TYPE* rel, int32_t mode);
+int M_unlock_file(REL_TYPE* rel);
 
 // Results of the lock manager.
 inline constexpr int32_t LLM_GRANTED = 0;

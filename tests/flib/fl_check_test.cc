@@ -144,4 +144,39 @@ TEST_F(FlCheck, DynamicHeadersAndStrayParts) {
   EXPECT_EQ(check(dir + "/none"), std::vector<std::string>{dir + "/none: the file does not open"});
 }
 
+TEST_F(FlCheck, EveryOverflowBlockIsUsedOnceOrFreeAndCounted) {
+  std::string dyn = dir + "/D";
+  ASSERT_EQ(M_create_hashed(dyn.c_str(), 1, 1, 64, 0, nullptr), 1);
+  // The head's row "A" holds a record of two blocks at 1 and 2 of over001.
+  auto head = make_group_block(B, B, 0, FLAG_HEAD, {"A"});
+  gb_set_hashtype(head.data(), 64);
+  gb_set_over_part(head.data(), 1);
+  ke_set_position(head.data(), 0, ADDR_OVERFLOW | (B + DB_DATA));
+  ke_set_length(head.data(), 0, static_cast<int32_t>(2 * (B - 12)));
+  auto dat = read_bytes(dyn + "/dat001");
+  std::copy(head.begin(), head.end(), dat.begin() + B);
+  write_bytes(dyn + "/dat001", dat);
+  std::vector<uint8_t> first(B, 0), last(B, 0), spare(B, 0);
+  gb_set_flags(first.data(), FLAG_LONG_FIRST);
+  fl_put_u32(first.data(), DB_NEXT, ADDR_OVERFLOW | 2 * B);
+  gb_set_flags(last.data(), FLAG_LONG_LAST);
+  auto over = read_bytes(dyn + "/over001");
+  for (const auto* block : {&first, &last, &spare}) over.insert(over.end(), block->begin(), block->end());
+  write_bytes(dyn + "/over001", over);
+  auto findings = check(dyn);
+  EXPECT_EQ(joined(findings), "over001: block 0X80000C00 is neither used nor free\n");
+  // The spare block on the free stack, but counted wrong; then the record's
+  // first block on the stack too.
+  fl_put_i16(over.data(), OH_STACK_COUNT, 1);
+  fl_put_u32(over.data(), OH_STACK, ADDR_OVERFLOW | 3 * B);
+  fl_put_u32(over.data(), OH_FREE_COUNT, 2);
+  write_bytes(dyn + "/over001", over);
+  EXPECT_EQ(joined(check(dyn)), "over001: free count 2, the stack and free list hold 1\n");
+  fl_put_i16(over.data(), OH_STACK_COUNT, 2);
+  fl_put_u32(over.data(), OH_STACK + 4, ADDR_OVERFLOW | B);
+  write_bytes(dyn + "/over001", over);
+  findings = check(dyn);
+  EXPECT_TRUE(has(findings, "block 0X80000400 is free and a long record block")) << joined(findings);
+}
+
 }  // namespace

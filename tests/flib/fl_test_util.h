@@ -15,6 +15,7 @@
 #include "support/files.h"
 #include "support/temp_dir.h"
 #include "flib/fl_block.h"
+#include "flib/fl_check.h"
 
 inline std::vector<uint8_t> read_bytes(const std::string& path) {
   std::string text = slurp(path);
@@ -62,4 +63,13 @@ inline std::vector<uint8_t> make_group_block(uint32_t b, uint32_t offset, uint32
   gb_set_key_bytes(block.data(), key_bytes);
   gb_set_byteleft(block.data(), static_cast<int16_t>(b - data));
   return block;
+}
+
+// The findings of the structural check of a file, one a line ("" when sound).
+inline std::string check_findings(const std::string& path) {
+  std::vector<std::string> found;
+  M_check_file(path.c_str(), &found);
+  std::string all;
+  for (const auto& f : found) all += f + "\n";
+  return all;
 }

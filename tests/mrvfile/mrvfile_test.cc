@@ -13,8 +13,9 @@
 namespace {
 
 // Runs mrvfile with the words of `arguments` (split at spaces).
-ProgramResult mrvfile(const std::string& arguments) {
+ProgramResult mrvfile(const std::string& arguments, const std::string& input = "") {
   ProgramRun run;
+  run.input = input;
   run.program = "mrvfile";
   std::istringstream words(arguments);
   for (std::string word; words >> word;) run.args.push_back(word);
@@ -82,6 +83,36 @@ TEST(Mrvfile, UsageAndRefusals) {
   ProgramResult check = mrvfile("check " + dir + "/missing");
   EXPECT_EQ(check.status, 1);
   EXPECT_NE(check.output.find(dir + "/missing: the file does not open\n"), std::string::npos);
+}
+
+TEST(Mrvfile, RecordsGoInComeOutAndGo) {
+  TempDir tmp;
+  std::string f = tmp.str() + "/D";
+  ASSERT_EQ(mrvfile("create --dynamic --modulo 3 " + f).status, 0);
+  std::string record("line 1\nline\t2\\\xFE\x00" "end", 19);
+  ASSERT_EQ(mrvfile("put " + f + " K1", record).status, 0);
+  ProgramResult got = mrvfile("get " + f + " K1");
+  EXPECT_EQ(got.status, 0);
+  EXPECT_EQ(got.output, record);
+  EXPECT_EQ(mrvfile("get " + f + " K2").status, 1);
+  // load takes the text form; list gives it back.
+  std::string text = "K2\tshort\nK\\\\3\ta\\tb\\x01\\\\\nK4\t\n";
+  ASSERT_EQ(mrvfile("load " + f, text).status, 0);
+  ProgramResult listed = mrvfile("list --records " + f);
+  EXPECT_EQ(listed.status, 0);
+  for (const char* line : {"K1\tline 1\\nline\\t2\\\\\\xFE\\x00end\n", "K2\tshort\n", "K\\\\3\ta\\tb\\x01\\\\\n", "K4\t\n"})
+    EXPECT_NE(listed.output.find(line), std::string::npos) << line << " in\n" << listed.output;
+  EXPECT_EQ(mrvfile("get " + f + " K\\3").output, std::string("a\tb\x01\\"));
+  EXPECT_EQ(mrvfile("delete " + f + " K2").status, 0);
+  EXPECT_EQ(mrvfile("delete " + f + " K2").status, 1);
+  ProgramResult keys = mrvfile("list " + f);
+  EXPECT_EQ(keys.output.find("K2\n"), std::string::npos);
+  EXPECT_NE(keys.output.find("K4\n"), std::string::npos);
+  EXPECT_EQ(mrvfile("check " + f).status, 0);
+  // A line without a TAB, or with a bad escape, refuses the whole load.
+  EXPECT_EQ(mrvfile("load " + f, "K5 no tab\n").status, 1);
+  EXPECT_EQ(mrvfile("load " + f, "K5\tbad \\q\n").status, 1);
+  EXPECT_EQ(mrvfile("get " + f + " K5").status, 1);
 }
 
 }  // namespace

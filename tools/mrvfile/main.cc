@@ -18,6 +18,11 @@ constexpr Command kCommands[] = {
     {"create", mrvfile_create},
     {"info", mrvfile_info},
     {"check", mrvfile_check},
+    {"put", mrvfile_put},
+    {"get", mrvfile_get},
+    {"delete", mrvfile_delete},
+    {"list", mrvfile_list},
+    {"load", mrvfile_load},
 };
 
 }  // namespace
@@ -26,7 +31,12 @@ int mrvfile_usage() {
   std::fputs(
       "usage: mrvfile create [--dynamic] [--modulo N] [--block CODE] [--hash TYPE] [--spread N] PATH\n"
       "       mrvfile info PATH\n"
-      "       mrvfile check PATH\n",
+      "       mrvfile check PATH\n"
+      "       mrvfile put PATH KEY < RECORD\n"
+      "       mrvfile get PATH KEY\n"
+      "       mrvfile delete PATH KEY\n"
+      "       mrvfile list [--records] PATH\n"
+      "       mrvfile load PATH [FILE]\n",
       stderr);
   return 2;
 }

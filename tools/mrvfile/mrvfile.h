@@ -4,6 +4,11 @@
 //                  [--spread N] PATH
 //   mrvfile info PATH
 //   mrvfile check PATH
+//   mrvfile put PATH KEY          (the record from standard input)
+//   mrvfile get PATH KEY          (the record to standard output)
+//   mrvfile delete PATH KEY
+//   mrvfile list [--records] PATH
+//   mrvfile load PATH [FILE]      (KEY<TAB>RECORD lines, buffered writer)
 //
 // Each command is one function over the arguments after its name; it
 // returns the exit status: 0 done, 1 failed (or findings), 2 usage error.
@@ -17,6 +22,17 @@ using Args = std::vector<std::string>;
 int mrvfile_create(const Args& args);
 int mrvfile_info(const Args& args);
 int mrvfile_check(const Args& args);
+int mrvfile_put(const Args& args);
+int mrvfile_get(const Args& args);
+int mrvfile_delete(const Args& args);
+int mrvfile_list(const Args& args);
+int mrvfile_load(const Args& args);
+
+// The text form of list and load: "\\", "\t", "\n" and "\xHH" stand for
+// a backslash, a TAB, a newline and any other byte below 0x20 or above 0x7E.
+std::string mrvfile_escape(const std::string& bytes);
+// False when the text holds a bad escape.
+bool mrvfile_unescape(const std::string& text, std::string* out);
 
 // Prints the usage text to standard error and returns 2.
 int mrvfile_usage();

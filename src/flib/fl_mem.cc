@@ -1,0 +1,287 @@
+#include "flib/fl_mem.h"
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <vector>
+
+#include "flib/fl_block.h"
+#include "flib/fl_dirfile.h"
+#include "flib/fl_errout.h"
+#include "flib/fl_free.h"
+#include "flib/fl_hash.h"
+#include "flib/fl_io.h"
+#include "flib/fl_lock.h"
+#include "flib/fl_ovhdr.h"
+#include "flib/fl_rel.h"
+#include "flib/fl_report.h"
+#include "flib/fl_write.h"
+#include "flib/lrgfillib.h"
+
+uint64_t M_mem_write_calls = 0;
+
+namespace {
+
+// One pool: rows sorted by offset, row i's bytes at i*B of `data`.
+struct Pool {
+  std::vector<uint32_t> offsets;
+  std::vector<uint8_t> data;
+  int32_t count = 0;
+};
+
+struct MemState {
+  REL_TYPE* rel = nullptr;
+  uint32_t boundary = 0;
+  uint32_t block_size = 0;
+  int32_t capacity = 0;
+  uint32_t current_part = 0;  // part index of both pools
+  uint32_t end_of_file = 0;   // static file: next new overflow block
+  Pool group;
+  Pool over;
+};
+MemState g_mem;
+
+bool is_overflow(uint32_t address) {
+  if (hash_is_dynamic(g_mem.rel->hashtype)) return addr_is_overflow(address);
+  return address >= g_mem.boundary;
+}
+
+Pool& pool_of(uint32_t address) { return is_overflow(address) ? g_mem.over : g_mem.group; }
+
+uint32_t key_of(uint32_t address) { return addr_offset(address); }
+
+uint32_t part_of(uint32_t address) {
+  return hash_is_dynamic(g_mem.rel->hashtype) ? addr_part_index(address) : 0;
+}
+
+// Row of `offset` in the pool, or -1.
+int32_t find_row(const Pool& pool, uint32_t offset) {
+  auto end = pool.offsets.begin() + pool.count;
+  auto it = std::lower_bound(pool.offsets.begin(), end, offset);
+  return it != end && *it == offset ? static_cast<int32_t>(it - pool.offsets.begin()) : -1;
+}
+
+// Writes `length` bytes at `offset` of the part, in pieces of at most
+// MEM_WRITE_PIECE bytes. 0 or -1.
+int M_mem_write_run(REL_TYPE* rel, bool overflow, const uint8_t* bytes, uint32_t offset, size_t length) {
+  uint32_t part = g_mem.current_part;
+  int fd = rel->fd;
+  if (hash_is_dynamic(rel->hashtype)) fd = M_get_fd(rel, make_addr(overflow, 0, part));
+  if (fd < 0 || lseek(fd, offset, SEEK_SET) < 0) {
+    M_errout(0, "m_lseek error,name=%s,offset=%d.\n", rel->path, static_cast<int>(offset));
+    return -1;
+  }
+  size_t done = 0;
+  while (done < length) {
+    size_t piece = std::min<size_t>(length - done, MEM_WRITE_PIECE);
+    ++M_mem_write_calls;
+    ssize_t n = write(fd, bytes + done, piece);
+    if (n < 0 && errno == EINTR) continue;
+    if (n != static_cast<ssize_t>(piece)) {
+      M_errout(0, "m_write error,name=%s,offset=%d.\n", rel->path, static_cast<int>(offset + done));
+      M_errout(0, "length=%d.ret=%d.\n", static_cast<int>(piece), static_cast<int>(n));
+      return -1;
+    }
+    done += piece;
+  }
+  return 0;
+}
+
+// Writes a pool's rows in runs of consecutive offsets. 0 or -1.
+int flush_pool(REL_TYPE* rel, Pool& pool, bool overflow) {
+  uint32_t b = g_mem.block_size;
+  int32_t start = 0;
+  for (int32_t i = 1; i <= pool.count; ++i) {
+    if (i < pool.count && pool.offsets[static_cast<size_t>(i)] == pool.offsets[static_cast<size_t>(i - 1)] + b) continue;
+    size_t run = static_cast<size_t>(i - start) * b;
+    if (M_mem_write_run(rel, overflow, pool.data.data() + static_cast<size_t>(start) * b,
+                        pool.offsets[static_cast<size_t>(start)], run) != 0) {
+      M_errout(0, overflow ? (i < pool.count ? "write over block error\n" : "write last blocks error.\n")
+                           : (i < pool.count ? "write group blk error.\n" : "write last piece of group blocks error\n"));
+      return -1;
+    }
+    start = i;
+  }
+  std::fill(pool.offsets.begin(), pool.offsets.end(), 0xFFFFFFFFu);
+  pool.count = 0;
+  return 0;
+}
+
+// Stores a block in the pool by its offset, keeping the rows sorted.
+void M_mem_insert_block(uint32_t offset, const uint8_t* bytes, Pool& pool) {
+  uint32_t b = g_mem.block_size;
+  auto end = pool.offsets.begin() + pool.count;
+  auto row = static_cast<size_t>(std::upper_bound(pool.offsets.begin(), end, offset) - pool.offsets.begin());
+  if (row < static_cast<size_t>(pool.count)) {
+    std::memmove(pool.data.data() + (row + 1) * b, pool.data.data() + row * b,
+                 (static_cast<size_t>(pool.count) - row) * b);
+    std::memmove(pool.offsets.data() + row + 1, pool.offsets.data() + row,
+                 (static_cast<size_t>(pool.count) - row) * sizeof(uint32_t));
+  }
+  pool.offsets[row] = offset;
+  std::memcpy(pool.data.data() + row * b, bytes, b);
+  ++pool.count;
+}
+
+// Takes a block into its pool: flushes first when the pool is full or the
+// block lies in another part. 0 or -1.
+int take_block(REL_TYPE* rel, uint32_t address, const uint8_t* bytes) {
+  Pool& pool = pool_of(address);
+  if (pool.count >= g_mem.capacity || part_of(address) != g_mem.current_part) {
+    if (M_mem_flush(rel) != 0) return -1;
+    g_mem.current_part = part_of(address);
+  }
+  M_mem_insert_block(key_of(address), bytes, pool);
+  return 0;
+}
+
+void init_pool(Pool& pool) {
+  pool.offsets.assign(static_cast<size_t>(g_mem.capacity), 0xFFFFFFFFu);
+  pool.data.assign(static_cast<size_t>(g_mem.capacity) * g_mem.block_size, 0);
+  pool.count = 0;
+}
+
+}  // namespace
+
+bool M_mem_active(const REL_TYPE* rel) { return g_mem.rel != nullptr && g_mem.rel == rel; }
+
+int M_init_mem_buffers(REL_TYPE* rel) {
+  if (M_lock_file(rel, LOCK_EXCLUSIVE | LOCK_NOWAIT) != 0) {
+    M_file_error(rel, "M_init_mem_buffers", "M_mrvlockf", nullptr, 0, 0);
+    return -1;
+  }
+  g_mem = MemState{};
+  g_mem.rel = rel;
+  g_mem.block_size = rel->block_size;
+  g_mem.boundary = static_cast<uint32_t>(rel->modulo + 1) * rel->block_size;
+  g_mem.capacity = static_cast<int32_t>(std::max<uint32_t>(MEM_POOL_BYTES / rel->block_size, 1));
+  init_pool(g_mem.group);
+  init_pool(g_mem.over);
+  struct stat st;
+  int fd = M_get_fd(rel, hash_is_dynamic(rel->hashtype) ? ADDR_OVERFLOW : 0);
+  if (fd >= 0 && fstat(fd, &st) == 0) g_mem.end_of_file = static_cast<uint32_t>(st.st_size - st.st_size % rel->block_size);
+  g_mem.end_of_file = std::max(g_mem.end_of_file, g_mem.boundary);
+  return 1;
+}
+
+int M_memread(REL_TYPE* rel, uint32_t address, uint8_t* buffer) {
+  uint32_t b = g_mem.block_size;
+  if (part_of(address) == g_mem.current_part) {
+    const Pool& pool = pool_of(address);
+    int32_t row = find_row(pool, key_of(address));
+    if (row >= 0) {
+      std::memcpy(buffer, pool.data.data() + static_cast<size_t>(row) * b, b);
+      return static_cast<int>(b);
+    }
+  }
+  int fd = M_get_fd(rel, address);
+  if (fd < 0 || pread(fd, buffer, b, key_of(address)) != static_cast<ssize_t>(b)) {
+    M_errout(0, "M_memread error.\n");
+    return -1;
+  }
+  // A block read now is written soon after: it joins the pool.
+  if (take_block(rel, address, buffer) != 0) {
+    M_errout(0, "2__memread error.\n");
+    return -1;
+  }
+  return static_cast<int>(b);
+}
+
+int M_memwrite(REL_TYPE* rel, uint32_t address, const uint8_t* buffer) {
+  uint32_t b = g_mem.block_size;
+  if (part_of(address) == g_mem.current_part) {
+    Pool& pool = pool_of(address);
+    int32_t row = find_row(pool, key_of(address));
+    if (row >= 0) {
+      std::memcpy(pool.data.data() + static_cast<size_t>(row) * b, buffer, b);
+      return static_cast<int>(b);
+    }
+  }
+  if (!hash_is_dynamic(rel->hashtype) && key_of(address) >= g_mem.end_of_file)
+    g_mem.end_of_file = key_of(address) + b;
+  if (take_block(rel, address, buffer) != 0) {
+    M_errout(0, "M_memwrite error.\n");
+    return -1;
+  }
+  return static_cast<int>(b);
+}
+
+int mem_file_io(REL_TYPE* rel, uint32_t address, uint8_t* buffer, int write) {
+  if (write != 0) {
+    if (M_memwrite(rel, address, buffer) < 0) return M_errout(0, "memwrite() error in mem_file_io()\n"), -1;
+  } else if (M_memread(rel, address, buffer) < 0) {
+    return M_errout(0, "memread() error in mem_file_io()\n"), -1;
+  }
+  return 0;
+}
+
+int M_mem_flush(REL_TYPE* rel) {
+  if (flush_pool(rel, g_mem.group, false) != 0) return -1;
+  return flush_pool(rel, g_mem.over, true);
+}
+
+int M_mem_force_flush(REL_TYPE* rel, int unlock) {
+  if (!M_mem_active(rel)) return 1;
+  int result = M_mem_flush(rel) == 0 ? 1 : -1;
+  if (result != 1) M_errout(0, "forceflush error.\n");
+  if (unlock != 0) {
+    g_mem = MemState{};
+    if (M_unlock_file(rel) != 0) result = -1;
+  }
+  return result;
+}
+
+int64_t mem_dyn_hash(REL_TYPE* rel, const uint8_t* key, int32_t length, int32_t mode) {
+  M_hash(key, length, rel);
+  uint32_t head = M_get_head_off(rel, M_groupno);
+  if (head == 0) return M_file_error(rel, "mem_dyn_hash", "M_get_head_off", key, length, static_cast<int32_t>(M_groupno));
+  return head;
+}
+
+int64_t M_mem_get_blk(REL_TYPE* rel, uint32_t part) {
+  const char* fn = "M_mem_get_blk";
+  uint32_t b = g_mem.block_size;
+  if (!hash_is_dynamic(rel->hashtype)) {
+    uint32_t at = g_mem.end_of_file;
+    if (static_cast<uint64_t>(at) + b > 0x7FFFFFFFu) return M_file_error(rel, fn, "new block's offset is over the limit", nullptr, 0, 0);
+    g_mem.end_of_file += b;
+    return at;
+  }
+  if (part == 0) part = 1;
+  uint32_t header = make_addr(true, 0, part - 1);
+  uint8_t block[MAX_BLOCK_SIZE];
+  if (M_memread(rel, header, block) < 0) return M_errout(0, "memread() error in mem_get_blk()\n"), -1;
+  uint32_t next = addr_offset(fl_get_u32(block, OH_NEXT_BLOCK));
+  // Blocks that the ordinary allocator added lie below the part's end.
+  struct stat st;
+  int fd = M_get_fd(rel, header);
+  if (fd >= 0 && fstat(fd, &st) == 0) next = std::max<uint32_t>(next, static_cast<uint32_t>(st.st_size - st.st_size % b));
+  next = std::max(next, b);
+  if (static_cast<uint64_t>(next) + b > static_cast<uint64_t>(ADDR_OFFSET_MASK))
+    return M_file_error(rel, fn, "new block's offset is over the limit", nullptr, 0, 0);
+  fl_put_u32(block, OH_NEXT_BLOCK, (next + b) | (part - 1));
+  if (M_memwrite(rel, header, block) < 0) return M_errout(0, "memwrite() error in mem_get_blk()\n"), -1;
+  return make_addr(true, next, part - 1);
+}
+
+int M_mem_add_tuple(REL_TYPE* rel, const uint8_t* key, int32_t key_length, const uint8_t* record,
+                    int32_t record_length) {
+  const char* fn = "M_mem_add_tuple";
+  if (key_length > MAX_KEY_LENGTH) {
+    M_errout(0, "Record id too long, length=%d,id=%.*s.\n", key_length, key_length, reinterpret_cast<const char*>(key));
+    return -1;
+  }
+  key_length = M_key_prologue(key, key_length);
+  if (key_length < 0) return -1;
+  if (record_length < 0 || record_length >= MAX_RECORD_BYTES)
+    return M_file_error(rel, fn, "record length", key, key_length, record_length);
+  if (rel->modulo == 0) return M_dir_write(rel, key, key_length, record, record_length, 0);
+  int64_t head = mem_dyn_hash(rel, key, key_length, 0);
+  if (head < 0) return M_file_error(rel, fn, nullptr, key, key_length, static_cast<int32_t>(M_groupno));
+  if (add_to_group(rel, static_cast<uint32_t>(head), key, key_length, record, record_length + 1, nullptr, nullptr) != 1)
+    return M_file_error(rel, fn, nullptr, key, key_length, static_cast<int32_t>(M_groupno));
+  return 1;
+}

@@ -1,0 +1,155 @@
+// flbench: loads records of mixed sizes into a new hashed file through the
+// memory-buffered writer, reads every one back by key, and prints the
+// rates, the write calls of the load and the peak memory.
+//
+//   flbench [--records N] [--static] [--block CODE] [--modulo N] [--single] DIR
+//
+// --single loads one record at a time through M_append_strtuple instead, to
+// compare the count of writes.
+//
+// DIR must exist; the file DIR/BENCH is made anew and removed at the end.
+#include <sys/resource.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "NT/NT_utils.h"
+#include "flib/fl_create.h"
+#include "flib/fl_hash.h"
+#include "flib/fl_io.h"
+#include "flib/fl_mem.h"
+#include "flib/fl_mempool.h"
+#include "flib/fl_open.h"
+#include "flib/fl_read.h"
+#include "flib/fl_rel.h"
+#include "flib/fl_write.h"
+#include "flib/parttbl.h"
+
+namespace {
+
+uint64_t mix(uint64_t x) {
+  x += 0x9E3779B97F4A7C15ull;
+  x = (x ^ (x >> 30)) * 0xBF58476D1CE4E5B9ull;
+  x = (x ^ (x >> 27)) * 0x94D049BB133111EBull;
+  return x ^ (x >> 31);
+}
+
+std::string key_of(uint64_t i) { return "R" + std::to_string(i * 7919 % 100000007); }
+
+// Record i: mostly short, some of a few blocks, a few of many blocks.
+std::string record_of(uint64_t i) {
+  uint64_t r = mix(i);
+  unsigned pick = static_cast<unsigned>(r % 100);
+  size_t length = pick < 75 ? 8 + (r >> 8) % 113 : pick < 95 ? 120 + (r >> 8) % 881
+                : pick < 99 ? 1000 + (r >> 8) % 3001 : 4000 + (r >> 8) % 12001;
+  std::string out(length, '\0');
+  uint64_t x = r;
+  for (size_t j = 0; j < length; ++j) {
+    if (j % 8 == 0) x = mix(x);
+    out[j] = static_cast<char>(0x20 + (x >> (8 * (j % 8))) % 0x5F);
+  }
+  return out;
+}
+
+double seconds_since(std::chrono::steady_clock::time_point start) {
+  return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+}
+
+int usage() {
+  std::fputs("usage: flbench [--records N] [--static] [--block CODE] [--modulo N] [--single] DIR\n", stderr);
+  return 2;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  long records = 1000000, block = 4, modulo = 0;
+  bool dynamic = true, single = false;
+  std::string dir;
+  for (int i = 1; i < argc; ++i) {
+    std::string a = argv[i];
+    if (a == "--static") {
+      dynamic = false;
+    } else if (a == "--single") {
+      single = true;
+    } else if ((a == "--records" || a == "--block" || a == "--modulo") && i + 1 < argc) {
+      long v = std::strtol(argv[++i], nullptr, 10);
+      (a == "--records" ? records : a == "--block" ? block : modulo) = v;
+    } else if (dir.empty() && a[0] != '-') {
+      dir = a;
+    } else {
+      return usage();
+    }
+  }
+  if (dir.empty() || records < 1 || block < 0 || block > 16) return usage();
+  M_init_pools();
+  if (M_load_part_table() < 0) return 1;
+  uint32_t b = block == 0 ? 512 : static_cast<uint32_t>(block) * 1024;
+  // About two thirds of a block of short records per group.
+  if (modulo == 0) modulo = std::max<long>(1, records * 200 / (b * 2 / 3));
+  std::string path = dir + "/BENCH";
+  NT_RemoveFile(path.c_str(), "");
+  if (M_create_hashed(path.c_str(), static_cast<int32_t>(modulo), static_cast<int32_t>(block), dynamic ? 64 : 0, 0,
+                      nullptr) != 1) {
+    std::fprintf(stderr, "flbench: cannot create %s\n", path.c_str());
+    return 1;
+  }
+  REL_TYPE rel;
+  if (M_openfile(&rel, path.c_str(), 2) != 1) return 1;
+  // A restore hands records over in group order.
+  std::vector<std::pair<uint32_t, uint32_t>> order(static_cast<size_t>(records));
+  for (uint32_t i = 0; i < order.size(); ++i) {
+    std::string k = key_of(i);
+    order[i] = {M_hash(reinterpret_cast<const uint8_t*>(k.data()), static_cast<int32_t>(k.size()), &rel), i};
+  }
+  std::sort(order.begin(), order.end());
+
+  auto start = std::chrono::steady_clock::now();
+  uint64_t bytes = 0, writes_before = M_mem_write_calls + M_block_writes;
+  if (!single && M_init_mem_buffers(&rel) != 1) return 1;
+  for (const auto& [group, i] : order) {
+    std::string k = key_of(i), r = record_of(i);
+    bytes += k.size() + r.size();
+    auto kp = reinterpret_cast<const uint8_t*>(k.data());
+    auto rp = reinterpret_cast<const uint8_t*>(r.data());
+    auto kl = static_cast<int32_t>(k.size());
+    auto rl = static_cast<int32_t>(r.size());
+    if ((single ? M_append_strtuple(&rel, kp, kl, rp, rl, 0, nullptr) : M_mem_add_tuple(&rel, kp, kl, rp, rl)) != 1) {
+      std::fprintf(stderr, "flbench: record %u not loaded\n", i);
+      return 1;
+    }
+  }
+  if (!single && M_mem_force_flush(&rel, 1) != 1) return 1;
+  double load = seconds_since(start);
+  uint64_t writes = M_mem_write_calls + M_block_writes - writes_before;
+
+  start = std::chrono::steady_clock::now();
+  std::string got;
+  for (uint32_t i = 0; i < static_cast<uint32_t>(records); ++i) {
+    std::string k = key_of(i);
+    if (M_read_tuple(&rel, reinterpret_cast<const uint8_t*>(k.data()), static_cast<int32_t>(k.size()), &got) != 1 ||
+        got != record_of(i)) {
+      std::fprintf(stderr, "flbench: record %u reads back wrong\n", i);
+      return 1;
+    }
+  }
+  double read = seconds_since(start);
+  M_closefile(&rel);
+  NT_RemoveFile(path.c_str(), "");
+
+  struct rusage usage;
+  getrusage(RUSAGE_SELF, &usage);
+  double mb = static_cast<double>(bytes) / 1e6;
+  std::printf("%ld records, %.1f MB of keys and records, %s file, block %u, modulo %ld\n", records, mb,
+              dynamic ? "dynamic" : "static", b, modulo);
+  std::printf("%s load: %.2f s, %.0f records/s, %.1f MB/s, %llu write calls\n", single ? "single" : "buffered", load,
+              records / load, mb / load, static_cast<unsigned long long>(writes));
+  std::printf("read: %.2f s, %.0f records/s, %.1f MB/s\n", read, records / read, mb / read);
+  std::printf("peak memory: %ld KiB\n", usage.ru_maxrss);
+  return 0;
+}

@@ -1,0 +1,147 @@
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <fstream>
+#include <iostream>
+#include <iterator>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "flib/fl_delete.h"
+#include "flib/fl_hash.h"
+#include "flib/fl_mem.h"
+#include "flib/fl_open.h"
+#include "flib/fl_read.h"
+#include "flib/fl_rel.h"
+#include "flib/fl_write.h"
+#include "mrvfile.h"
+
+namespace {
+
+const uint8_t* bytes(const std::string& s) { return reinterpret_cast<const uint8_t*>(s.data()); }
+int32_t length(const std::string& s) { return static_cast<int32_t>(s.size()); }
+
+// Opens the file for the command; prints why not.
+bool open_file(REL_TYPE* rel, const std::string& path, int32_t mode) {
+  if (M_openfile(rel, path.c_str(), mode) == 1) return true;
+  std::fprintf(stderr, "mrvfile: cannot open %s\n", path.c_str());
+  return false;
+}
+
+std::string read_all(std::istream& in) {
+  return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+}
+
+}  // namespace
+
+int mrvfile_put(const Args& args) {
+  if (args.size() != 2) return mrvfile_usage();
+  std::string record = read_all(std::cin);
+  REL_TYPE rel;
+  if (!open_file(&rel, args[0], 2)) return 1;
+  int r = M_append_strtuple(&rel, bytes(args[1]), length(args[1]), bytes(record), length(record), 0, nullptr);
+  M_closefile(&rel);
+  return r == 1 ? 0 : 1;
+}
+
+int mrvfile_get(const Args& args) {
+  if (args.size() != 2) return mrvfile_usage();
+  REL_TYPE rel;
+  if (!open_file(&rel, args[0], 0)) return 1;
+  std::string record;
+  int r = M_read_tuple(&rel, bytes(args[1]), length(args[1]), &record);
+  M_closefile(&rel);
+  if (r == 0) std::fprintf(stderr, "mrvfile: no record %s\n", args[1].c_str());
+  if (r != 1) return 1;
+  std::fwrite(record.data(), 1, record.size(), stdout);
+  return 0;
+}
+
+int mrvfile_delete(const Args& args) {
+  if (args.size() != 2) return mrvfile_usage();
+  REL_TYPE rel;
+  if (!open_file(&rel, args[0], 2)) return 1;
+  int r = M_delete_tuple(&rel, bytes(args[1]), length(args[1]), nullptr);
+  M_closefile(&rel);
+  if (r == 0) std::fprintf(stderr, "mrvfile: no record %s\n", args[1].c_str());
+  return r == 1 ? 0 : 1;
+}
+
+int mrvfile_list(const Args& args) {
+  bool records = !args.empty() && args[0] == "--records";
+  if (args.size() != (records ? 2u : 1u)) return mrvfile_usage();
+  REL_TYPE rel;
+  if (!open_file(&rel, args.back(), 0)) return 1;
+  std::string record;
+  int r = M_for_each_key(&rel, [&](const uint8_t* key, int32_t key_length, const uint8_t* block, int32_t row,
+                                   uint32_t address) {
+    std::string k(reinterpret_cast<const char*>(key), static_cast<size_t>(key_length));
+    std::string line = mrvfile_escape(k);
+    if (records) {
+      if (M_catch_tuple(&rel, key, key_length, block, row, address, &record, 0) != 1) return -1;
+      line += '\t';
+      line += mrvfile_escape(record);
+    }
+    line += '\n';
+    std::fwrite(line.data(), 1, line.size(), stdout);
+    return 0;
+  });
+  M_closefile(&rel);
+  return r == 0 ? 0 : 1;
+}
+
+int mrvfile_load(const Args& args) {
+  if (args.empty() || args.size() > 2) return mrvfile_usage();
+  std::string text;
+  if (args.size() == 2) {
+    std::ifstream in(args[1], std::ios::binary);
+    if (!in) {
+      std::fprintf(stderr, "mrvfile: cannot read %s\n", args[1].c_str());
+      return 1;
+    }
+    text = read_all(in);
+  } else {
+    text = read_all(std::cin);
+  }
+  std::vector<std::pair<std::string, std::string>> records;
+  size_t start = 0;
+  for (int line = 1; start < text.size(); ++line) {
+    size_t end = text.find('\n', start);
+    if (end == std::string::npos) end = text.size();
+    std::string row = text.substr(start, end - start);
+    start = end + 1;
+    size_t tab = row.find('\t');
+    std::pair<std::string, std::string> entry;
+    if (tab == std::string::npos || !mrvfile_unescape(row.substr(0, tab), &entry.first) ||
+        !mrvfile_unescape(row.substr(tab + 1), &entry.second)) {
+      std::fprintf(stderr, "mrvfile: line %d: not KEY<TAB>RECORD\n", line);
+      return 1;
+    }
+    records.push_back(std::move(entry));
+  }
+  REL_TYPE rel;
+  if (!open_file(&rel, args[0], 2)) return 1;
+  // In group order, as a restore hands them over: the head blocks are then
+  // written in long runs.
+  std::vector<std::pair<uint32_t, size_t>> order;
+  for (size_t i = 0; i < records.size(); ++i)
+    order.push_back({M_hash(bytes(records[i].first), length(records[i].first), &rel), i});
+  std::stable_sort(order.begin(), order.end(), [](const auto& x, const auto& y) { return x.first < y.first; });
+  int result = 0;
+  if (M_init_mem_buffers(&rel) != 1) {
+    M_closefile(&rel);
+    return 1;
+  }
+  for (const auto& [group, i] : order) {
+    const auto& [key, record] = records[i];
+    if (M_mem_add_tuple(&rel, bytes(key), length(key), bytes(record), length(record)) != 1) {
+      std::fprintf(stderr, "mrvfile: record %s not loaded\n", mrvfile_escape(key).c_str());
+      result = 1;
+    }
+  }
+  if (M_mem_force_flush(&rel, 1) != 1) result = 1;
+  M_closefile(&rel);
+  return result;
+}
