@@ -153,6 +153,12 @@ void spill_long_buffer() {
   if (reel_current.rel != nullptr && reel_resize_check() != 0) write_long_buffer(reel_current.rel.get());
 }
 
+void log_restored() {
+  if (dispmsg == nullptr) return;
+  std::fprintf(dispmsg, "%d records restored\n", reel_records_restored);
+  std::fflush(dispmsg);
+}
+
 }  // namespace
 
 void reel_translate_marks(char* text, int32_t length, bool all_marks) {
@@ -328,9 +334,15 @@ int reel_resize_check() {
 
 void reel_finish_file(REL_TYPE* rel) {
   CurrentFile& f = reel_current;
+  const bool in_slot = f.rel.get() == rel;
   reel_flush_tuples();
-  // A resize reopens the file: the slot holds the handle in force.
-  if (f.rel != nullptr) rel = f.rel.get();
+  // A resize reopens the slot's file, or leaves it closed when the reopen
+  // failed: the slot holds the handle in force.
+  if (in_slot) rel = f.rel.get();
+  if (rel == nullptr) {
+    log_restored();
+    return;
+  }
   M_mem_force_flush(rel, 1);
   const int64_t r = f.record_count;
   const int64_t w = static_cast<int64_t>(rel->block_size) - f.key_bytes / (r + 1) - 32;
@@ -347,8 +359,5 @@ void reel_finish_file(REL_TYPE* rel) {
   M_closefile(rel);
   if (f.rel.get() == rel) f.rel.reset();
   if (reel_records_restored % kLineEvery >= kDotEvery) std::fputs("\n", stdout);
-  if (dispmsg != nullptr) {
-    std::fprintf(dispmsg, "%d records restored\n", reel_records_restored);
-    std::fflush(dispmsg);
-  }
+  log_restored();
 }
