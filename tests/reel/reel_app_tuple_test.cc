@@ -26,12 +26,12 @@ std::string key_of(int i) { return "K" + std::to_string(i); }
 // made with the tape's `modulo`, through buffers of `k` KiB, as a decoder
 // does: the slot counts each record as it is read. Prints the records
 // restored after the adds and the modulo the file ends with.
-void load(int32_t modulo, int records, int data_bytes, const char* name = "CUST") {
+void load(int32_t modulo, int records, int data_bytes, const char* name = "CUST", int dynamic = 0) {
   CurrentFile& f = reel_current;
   f = CurrentFile{};
   f.name = name;
   f.modulo = modulo;
-  if (reel_create_target(0) != 1 || reel_open_target() != 1) return;
+  if (reel_create_target(dynamic) != 1 || reel_open_target() != 1) return;
   const std::string data(static_cast<size_t>(data_bytes), 'd');
   for (int i = 0; i < records; ++i) {
     std::string key = key_of(i);
@@ -55,19 +55,21 @@ TEST(Loader, FlushesResizesAndEnds) {
     bool fits;         // one flush, at the end
     int resizes;       // "Resize" lines
     bool resize_list;  // a line in resize_list
+    int dynamic = 0;
   } cases[] = {
       {64, 7, 50, 10, true, 0, false},
-      {64, 1, 1000, 10, true, 1, false},   // far too small: resized before the first write
-      {64, 1, 2000, 10, false, 1, false},  // judged when the buffer first filled
-      {8, 1, 3000, 10, false, 1, true},    // judged at the first of many flushes only
-      {64, 7, 0, 10, true, 0, false},      // nothing: no flush, no line
+      {64, 1, 1000, 10, true, 1, false},     // far too small: resized before the first write
+      {64, 1, 1000, 10, true, 1, false, 1},  // a dynamic file stays dynamic
+      {64, 1, 2000, 10, false, 1, false},    // judged when the buffer first filled
+      {8, 1, 3000, 10, false, 1, true},      // judged at the first of many flushes only
+      {64, 7, 0, 10, true, 0, false},        // nothing: no flush, no line
   };
   for (const Case& c : cases) {
     std::string dir = tape_test::scratch("loader");
     ProgramResult r = in_account(
         dir, [&](RunSettings& s) { reel_init_tuples(s.buffer_factor = c.k); },
         [&] {
-          load(c.modulo, c.records, c.data_bytes);
+          load(c.modulo, c.records, c.data_bytes, "CUST", c.dynamic);
           reel_close_account();
         });
     const std::string trace = std::to_string(c.k) + "/" + std::to_string(c.modulo) + "/" +
@@ -90,7 +92,9 @@ TEST(Loader, FlushesResizesAndEnds) {
     }
     M_closefile(&rel);
     EXPECT_EQ(found, c.records) << trace;
-    EXPECT_FALSE(std::filesystem::exists(dir + "/ACC/resz__")) << trace;
+    EXPECT_EQ(std::filesystem::is_directory(dir + "/ACC/CUST"), c.dynamic == 1) << trace;
+    for (const auto& e : std::filesystem::directory_iterator(dir + "/ACC"))
+      EXPECT_FALSE(e.path().filename().string().starts_with("resz__")) << trace;
   }
 }
 
