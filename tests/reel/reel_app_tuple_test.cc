@@ -6,6 +6,7 @@
 #include <filesystem>
 #include <string>
 
+#include "common/mrv_marks.h"
 #include "flib/fl_check.h"
 #include "flib/fl_open.h"
 #include "flib/fl_read.h"
@@ -96,6 +97,32 @@ TEST(Loader, FlushesResizesAndEnds) {
     for (const auto& e : std::filesystem::directory_iterator(dir + "/ACC"))
       EXPECT_FALSE(e.path().filename().string().starts_with("resz__")) << trace;
   }
+}
+
+// The tape's marks become those in force, only when the record mark
+// differs; a key carries record and field marks only.
+TEST(Loader, MarkTranslation) {
+  const unsigned char saved[] = {M_RM, M_FM, M_VM, M_SM, M_TM};
+  struct Case {
+    unsigned char rm;
+    bool all;
+    const char* expected;
+  } cases[] = {
+      {0xFF, true, "\xFF\xFE\xFD\xFC\xFBx"},
+      {0x7F, false, "\x7F\x7E\xFD\xFC\xFBx"},
+      {0x7F, true, "\x7F\x7E\x7D\x7C\x7Bx"},
+  };
+  for (const Case& c : cases) {
+    M_RM = c.rm;
+    M_FM = 0x7E;
+    M_VM = 0x7D;
+    M_SM = 0x7C;
+    M_TM = 0x7B;
+    char text[] = "\xFF\xFE\xFD\xFC\xFBx";
+    reel_translate_marks(text, 6, c.all);
+    EXPECT_STREQ(text, c.expected);
+  }
+  M_RM = saved[0], M_FM = saved[1], M_VM = saved[2], M_SM = saved[3], M_TM = saved[4];
 }
 
 // A hostile name reaches resize_list as text, and its file is made under a

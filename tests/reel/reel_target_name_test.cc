@@ -7,7 +7,9 @@
 
 #include "NT/NT_access.h"
 #include "flib/fl_check.h"
+#include "flib/fl_open.h"
 #include "reel/account_child.h"
+#include "reel/reel_get_expbuf.h"
 #include "reel/reel_target.h"
 #include "reel/tape_child.h"
 
@@ -170,6 +172,34 @@ TEST(TargetName, OverwriteOfOneHalfKeepsTheOther) {
       << r.output;
   std::vector<std::string> findings;
   EXPECT_EQ(M_check_file((dir + "/ACC/CUST").c_str(), &findings), 0);
+}
+
+// A -B entry gives the block size and shrinks the modulo in proportion;
+// -H DYNAMIC1 applies to dynamic sources only.
+TEST(TargetName, BlockListAndHashType) {
+  std::string dir = tape_test::scratch("target_block");
+  tape_test::write_file(dir + "/blocks", "CUST 4\n");
+  ProgramResult r = in_account(
+      dir,
+      [&](RunSettings& s) {
+        s.block_list_on = reel_load_block_list((dir + "/blocks").c_str());
+        s.dynamic_zero = 0;
+      },
+      [] {
+        create("CUST", FILE_KIND_DATA, 11);
+        create("PLAIN", FILE_KIND_DATA, 11);
+        reel_current = CurrentFile{};
+        reel_current.name = "DYN";
+        reel_current.modulo = 11;
+        reel_create_target(1);
+        for (const char* name : {"CUST", "PLAIN", "DYN"}) {
+          REL_TYPE rel;
+          M_openfile(&rel, name, 0);
+          std::printf("%s %d %u %d\n", name, rel.modulo, rel.block_size, rel.hashtype);
+          M_closefile(&rel);
+        }
+      });
+  EXPECT_NE(r.output.find("CUST 2 4096 0\nPLAIN 11 1024 0\nDYN 11 1024 65\n"), std::string::npos) << r.output;
 }
 
 }  // namespace
