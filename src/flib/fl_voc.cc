@@ -1,5 +1,10 @@
 #include "flib/fl_voc.h"
 
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstdio>
+
 #include "common/mrv_marks.h"
 #include "flib/fl_delete.h"
 #include "flib/fl_open.h"
@@ -71,5 +76,16 @@ int M_open_by_voc(REL_TYPE* rel, const std::string& name, int which) {
   VocEntry entry = M_voc_fields(record);
   const std::string& path = which == 3 ? entry.dict_path : entry.data_path;
   if (path.empty()) return 0;
+  // A directory without a primary part is a directory-type file: a handle
+  // of modulo 0 whose records are the directory's files.
+  struct stat st;
+  if (stat(path.c_str(), &st) == 0 && S_ISDIR(st.st_mode) && access((path + "/dat001").c_str(), F_OK) != 0) {
+    *rel = REL_TYPE{};
+    std::snprintf(rel->path, sizeof rel->path, "%s", path.c_str());
+    size_t slash = path.rfind('/');
+    std::snprintf(rel->name, sizeof rel->name, "%s", path.c_str() + (slash == std::string::npos ? 0 : slash + 1));
+    rel->modulo = 0;
+    return 1;
+  }
   return M_openfile(rel, path.c_str(), 2);
 }

@@ -2,21 +2,143 @@
 
 #include <cstdarg>
 #include <cstdio>
+#include <vector>
 
+#include "NT/NT_access.h"
+#include "NT/NT_command.h"
+#include "NT/NT_utils.h"
 #include "common/mrv_msg.h"
+#include "flib/fl_globals.h"
+#include "flib/fl_mem.h"
+#include "flib/fl_mkfile.h"
+#include "flib/fl_open.h"
+#include "flib/fl_voc.h"
+#include "reel/reel_app_tuple.h"
 #include "reel/reel_current.h"
 #include "reel/reel_init.h"
+#include "reel/reel_settings.h"
+#include "reel/reel_target.h"
 
 CurrentFile reel_current;
 FILE* dispmsg = nullptr;
 std::string tape_account;
+REL_TYPE reel_pgm_map;
+REL_TYPE reel_sam_file;
+REL_TYPE reel_dam_file;
+
+namespace {
+
+constexpr char kOverflowFile[] = "overflow";
+constexpr char kResizeList[] = "resize_list";
+
+struct WorkFile {
+  const char* name;
+  REL_TYPE* rel;
+  int32_t modulo;
+  int32_t flags;
+  const char* open_failure;
+};
+
+const WorkFile kWorkFiles[] = {
+    {"pgm_map", &reel_pgm_map, 5, CREATE_DICT | CREATE_DATA, "Can't open file pgm_map\n"},
+    {"SAM", &reel_sam_file, 0, CREATE_DIR, "Can't open file SAM\n"},
+    {"DAM", &reel_dam_file, 0, CREATE_DIR, "Can't open file DAM\n"},
+};
+
+bool exists(const std::string& path) { return NT_access(path.c_str(), 0) == 0; }
+
+// A directory that must be there: made, unless the run only loads into
+// what exists.
+void need_directory(const std::string& path, const char* missing) {
+  const RunSettings& s = reel_settings;
+  if (exists(path)) return;
+  if (s.data_only || s.overlay) reel_fatal(missing);
+  NT_cmd_mkdir(path.c_str());
+}
+
+void touch_side_file(const char* name, const char* failure) {
+  FILE* file = std::fopen(name, "a");
+  if (file == nullptr) reel_fatal(failure);
+  std::fclose(file);
+}
+
+}  // namespace
+
+void reel_open_account() {
+  const RunSettings& s = reel_settings;
+  need_directory(s.account_name, "Account dir is not exist!\n");
+  if (!s.target_dir.empty()) need_directory(s.target_dir, "Incompatable options (-T -O -D)\n");
+  NT_chdir(("./" + s.account_name).c_str());
+  if (!exists("VOC")) {
+    if (s.data_only || s.overlay) reel_fatal("Account is not exist!\n");
+    if (NT_run_program("newacct", {}) != 0) reel_fatal("newacct is failed!\n");
+  }
+  if (M_open_voc("VOC") != 1) reel_fatal("Can't open file VOC\n");
+  M_startup_messages = 0;
+
+  touch_side_file("pgm_list", "Can't open pgm_list file");
+  touch_side_file("idx_list", "Can't open idx_list file");
+  touch_side_file(kResizeList, "Can't open resize_list file");
+  overflow_count = 0;
+
+  for (const WorkFile& w : kWorkFiles) {
+    std::string record;
+    if (M_voc_read(w.name, &record) != 1)
+      M_create_file(w.name, nullptr, 1, w.modulo, 1, 1, w.flags, 0, 0, nullptr);
+    *w.rel = REL_TYPE{};
+    if (M_open_by_voc(w.rel, w.name, 1) != 1) reel_fatal(w.open_failure);
+  }
+}
 
 void reel_open_dispmsg() {
   reel_current.name.clear();
   reel_current.short_name.clear();
-  reel_current.handle = -1;
+  reel_current.rel.reset();
   dispmsg = std::fopen("dispmsg", "a");
   if (dispmsg == nullptr) reel_fatal("Can't open dispmsg file");
+}
+
+void reel_close_account() {
+  const RunSettings& s = reel_settings;
+  CurrentFile& f = reel_current;
+  if (f.rel != nullptr) {
+    if (f.rel->modulo > 0)
+      reel_finish_file(f.rel.get());
+    else
+      reel_close_target();
+  }
+  for (const WorkFile& w : kWorkFiles) M_closefile(w.rel);
+  if (exists(kOverflowFile)) std::remove(kOverflowFile);
+  if (dispmsg != nullptr) std::fclose(dispmsg);
+  dispmsg = nullptr;
+  M_close_voc();
+
+  if (overflow_count > 0) {
+    NT_cmd_cat(kResizeList);
+    M_errmsg(0, "There are %d files overflowed, Check resize_list in the account please\n", overflow_count);
+  }
+  if (!s.target_dir.empty()) {
+    M_errmsg(0, "\nLoading files from tape complete, now copying to %s...\n", s.target_dir.c_str());
+    // "mv * ../<target>": every entry of the account, as the shell's "*"
+    // gives them (names starting with "." stay).
+    NT_DIR* dir = NT_opendir(".");
+    std::vector<std::string> names;
+    while (NT_dirent* e = dir != nullptr ? NT_readdir(dir) : nullptr)
+      if (e->d_name[0] != '.') names.emplace_back(e->d_name);
+    if (dir != nullptr) NT_closedir(dir);
+    for (const std::string& name : names) NT_cmd_move(name.c_str(), ("../" + s.target_dir).c_str());
+  }
+  NT_chdir("..");
+
+  // The account takes its name from the tape. With -T the target gets it
+  // and the emptied staging directory stays; a staging directory named as
+  // the tape's account is moved onto it.
+  if (tape_account.empty()) return;
+  if (!s.target_dir.empty() && s.target_dir != tape_account) {
+    NT_cmd_move(s.target_dir.c_str(), tape_account.c_str());
+    return;
+  }
+  if (s.account_name != tape_account) NT_cmd_move(s.account_name.c_str(), tape_account.c_str());
 }
 
 void reel_tell(const char* format, ...) {

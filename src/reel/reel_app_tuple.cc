@@ -1,24 +1,363 @@
 #include "reel/reel_app_tuple.h"
 
-#include "common/mrv_alloc.h"
+#include <fcntl.h>
+#include <unistd.h>
 
-LoadBuffer reel_load_buffer;
-LoadBuffer reel_long_buffer;
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "NT/NT_command.h"
+#include "NT/NT_utils.h"
+#include "common/mrv_alloc.h"
+#include "common/mrv_exit.h"
+#include "common/mrv_marks.h"
+#include "common/mrv_msg.h"
+#include "flib/fl_hash.h"
+#include "flib/fl_mem.h"
+#include "flib/fl_mkfile.h"
+#include "flib/fl_open.h"
+#include "flib/fl_rel.h"
+#include "flib/fl_voc.h"
+#include "reel/reel_account.h"
+#include "reel/reel_current.h"
+#include "reel/reel_device.h"
+#include "reel/reel_dynamic.h"
+#include "reel/reel_settings.h"
+#include "reel/reel_target.h"
+#include "reel/reel_util.h"
+
+TupleBuffer reel_small_tuples;
+TupleBuffer reel_long_tuples;
+int32_t reel_records_restored = 0;
+int32_t reel_new_file = 0;
+int32_t overflow_count = 0;
 
 namespace {
 
-bool alloc_buffer(LoadBuffer& buffer, size_t size) {
-  buffer.data = static_cast<unsigned char*>(mrv_malloc(size));
-  buffer.size = buffer.data != nullptr ? size : 0;
-  buffer.used = 0;
-  return buffer.data != nullptr;
+constexpr char kSpillFile[] = "large__file";
+constexpr char kResizeList[] = "resize_list";
+constexpr char kResizeTemplate[] = "resz__XXXXXX";
+constexpr int32_t kDotEvery = 5000;
+constexpr int32_t kLineEvery = 400000;
+constexpr int32_t kPageHead = 22;
+constexpr size_t kPageBufferSize = 0x4000;
+// Room a record takes beyond its text: its descriptor and two terminators.
+constexpr size_t kSmallOverhead = sizeof(TupleDesc) + 2;
+constexpr size_t kLongOverhead = sizeof(TupleDesc) + 1;
+
+int spill_fd = -1;
+// 1 while a flush runs for a record that is in hand but not yet in a
+// buffer: it is not one of the records that have gone out to the file.
+int32_t in_hand = 0;
+
+void reset(TupleBuffer& b) {
+  b.text_end = 0;
+  b.desc_begin = b.size;
+  b.count = 0;
+}
+
+void alloc_buffer(TupleBuffer& b, size_t size) {
+  // Descriptors are laid from the top: keep the top aligned for them.
+  size -= size % alignof(TupleDesc);
+  b.base = static_cast<unsigned char*>(mrv_malloc(size));
+  if (b.base == nullptr) {
+    M_errmsg(0, "malloc failed, please check -K option \n");
+    mrv_exit(1, "reel/reel_app_tuple", __LINE__);
+  }
+  b.size = size;
+  reset(b);
+}
+
+bool fits(const TupleBuffer& b, size_t text) { return b.text_end + text < b.desc_begin; }
+
+TupleDesc* descriptors(const TupleBuffer& b) { return reinterpret_cast<TupleDesc*>(b.base + b.desc_begin); }
+
+TupleDesc* take_descriptor(TupleBuffer& b) {
+  b.desc_begin -= sizeof(TupleDesc);
+  ++b.count;
+  return descriptors(b);
+}
+
+char* put_text(TupleBuffer& b, const char* text, int32_t length) {
+  char* at = reinterpret_cast<char*>(b.base + b.text_end);
+  std::memcpy(at, text, static_cast<size_t>(length));
+  at[length] = '\0';
+  b.text_end += static_cast<size_t>(length) + 1;
+  return at;
+}
+
+// Groups of the gathered records in the open target, then their order.
+void sort_by_group(TupleBuffer& b, REL_TYPE* rel) {
+  TupleDesc* d = descriptors(b);
+  for (int32_t i = 0; i < b.count; ++i)
+    d[i].group = static_cast<int32_t>(M_hash(reinterpret_cast<const uint8_t*>(d[i].key), d[i].key_len, rel));
+  std::qsort(d, static_cast<size_t>(b.count), sizeof(TupleDesc), [](const void* l, const void* r) {
+    int32_t a = static_cast<const TupleDesc*>(l)->group, c = static_cast<const TupleDesc*>(r)->group;
+    return a < c ? -1 : a > c ? 1 : 0;
+  });
+}
+
+void count_restored(bool flush_dots) {
+  ++reel_records_restored;
+  if (reel_records_restored % kDotEvery != 0) return;
+  std::fputs(".", stdout);
+  if (reel_records_restored % kLineEvery == 0) std::fputs("\n", stdout);
+  if (flush_dots) std::fflush(stdout);
+}
+
+void write_record(REL_TYPE* rel, char* key, int32_t key_len, char* data, int32_t data_len) {
+  if (reel_settings.mark_translate) {
+    reel_translate_marks(key, key_len, false);
+    reel_translate_marks(data, data_len, true);
+  }
+  M_mem_add_tuple(rel, reinterpret_cast<const uint8_t*>(key), key_len, reinterpret_cast<const uint8_t*>(data),
+                  data_len);
+}
+
+void write_long_buffer(REL_TYPE* rel) {
+  TupleBuffer& b = reel_long_tuples;
+  sort_by_group(b, rel);
+  const TupleDesc* d = descriptors(b);
+  for (int32_t i = 0; i < b.count; ++i) {
+    reel_load_ltuple(rel, d[i].key, d[i].key_len, d[i].data_len, d[i].first_page);
+    count_restored(false);
+  }
+  reset(b);
+}
+
+bool write_all(int fd, const void* data, size_t length) {
+  return static_cast<size_t>(write(fd, data, length)) == length;
+}
+
+bool read_all(int fd, void* data, size_t length) {
+  return static_cast<size_t>(NT_read(fd, data, length)) == length;
+}
+
+// The long buffer is full: its records go to the spill file as one run and
+// the buffer starts again, so that nothing is written past the meeting
+// point of its two ends. Without a spill file they are written into the
+// target at once instead. Either way no record is lost or held twice.
+void spill_long_buffer() {
+  TupleBuffer& b = reel_long_tuples;
+  if (spill_fd < 0) spill_fd = open(kSpillFile, O_RDWR | O_CREAT | O_TRUNC, 0644);
+  if (spill_fd < 0) std::printf("Can't open large file!\n");
+  int32_t head[2] = {b.count, static_cast<int32_t>(b.desc_begin)};
+  if (spill_fd >= 0 && write_all(spill_fd, head, sizeof head) && write_all(spill_fd, b.base, b.size)) {
+    reset(b);
+    return;
+  }
+  if (reel_current.rel != nullptr && reel_resize_check() != 0) write_long_buffer(reel_current.rel.get());
+}
+
+void log_restored() {
+  if (dispmsg == nullptr) return;
+  std::fprintf(dispmsg, "%d records restored\n", reel_records_restored);
+  std::fflush(dispmsg);
 }
 
 }  // namespace
 
-int reel_alloc_load_buffers(int32_t buffer_factor) {
-  size_t kib = buffer_factor > 0 ? static_cast<size_t>(buffer_factor) : 0;
-  return alloc_buffer(reel_load_buffer, kib * 1024) && alloc_buffer(reel_long_buffer, kib / 4 * 1024)
-             ? 1
-             : 0;
+void reel_translate_marks(char* text, int32_t length, bool all_marks) {
+  if (M_RM == TAPE_RM) return;
+  for (int32_t i = 0; i < length; ++i) {
+    unsigned char& c = reinterpret_cast<unsigned char&>(text[i]);
+    if (c == TAPE_RM)
+      c = M_RM;
+    else if (c == TAPE_FM)
+      c = M_FM;
+    else if (!all_marks)
+      continue;
+    else if (c == TAPE_VM)
+      c = M_VM;
+    else if (c == TAPE_SM)
+      c = M_SM;
+    else if (c == TAPE_TM)
+      c = M_TM;
+  }
+}
+
+void reel_init_tuples(int32_t k) {
+  const size_t kib = k > 0 ? static_cast<size_t>(k) : 0;
+  alloc_buffer(reel_small_tuples, kib * 1024);
+  alloc_buffer(reel_long_tuples, kib * 256);
+}
+
+void reel_add_tuple(const char* key, int32_t key_len, const char* data, int32_t data_len) {
+  TupleBuffer& b = reel_small_tuples;
+  const size_t text = static_cast<size_t>(key_len) + static_cast<size_t>(data_len) + kSmallOverhead;
+  if (!fits(b, text)) {
+    in_hand = 1;
+    reel_flush_tuples();
+    in_hand = 0;
+  }
+  if (!fits(b, text)) {
+    // Larger than the whole buffer, or the flush was refused: the record
+    // goes straight into the open target when there is one.
+    if (reel_current.rel == nullptr || reel_resize_check() == 0) {
+      reel_log_error(REEL_ERR_RECORD, key);
+      return;
+    }
+    std::string k(key, static_cast<size_t>(key_len)), d(data, static_cast<size_t>(data_len));
+    write_record(reel_current.rel.get(), k.data(), key_len, d.data(), data_len);
+    count_restored(true);
+    return;
+  }
+  TupleDesc* desc = take_descriptor(b);
+  desc->key = put_text(b, key, key_len);
+  desc->key_len = key_len;
+  desc->first_page = 0;
+  desc->data_len = data_len;
+  put_text(b, data, data_len);
+}
+
+void reel_add_ltuple(const char* key, int32_t key_len, int32_t data_len, int32_t first_page) {
+  TupleBuffer& b = reel_long_tuples;
+  const size_t text = static_cast<size_t>(key_len) + kLongOverhead;
+  if (!fits(b, text)) {
+    in_hand = 1;
+    spill_long_buffer();
+    in_hand = 0;
+  }
+  if (!fits(b, text)) {
+    reel_log_error(REEL_ERR_RECORD, key);
+    return;
+  }
+  TupleDesc* desc = take_descriptor(b);
+  desc->key = put_text(b, key, key_len);
+  desc->key_len = key_len;
+  desc->first_page = first_page;
+  desc->data_len = data_len;
+}
+
+void reel_flush_tuples() {
+  TupleBuffer& b = reel_small_tuples;
+  if (b.count == 0 || reel_current.rel == nullptr) return;
+  if (reel_resize_check() == 0) return;
+  REL_TYPE* rel = reel_current.rel.get();
+  sort_by_group(b, rel);
+  TupleDesc* d = descriptors(b);
+  for (int32_t i = 0; i < b.count; ++i) {
+    write_record(rel, d[i].key, d[i].key_len, d[i].key + d[i].key_len + 1, d[i].data_len);
+    count_restored(true);
+  }
+  reel_new_file = 0;
+  reset(b);
+}
+
+void reel_flush_ltuples() {
+  TupleBuffer& b = reel_long_tuples;
+  if ((b.count == 0 && spill_fd < 0) || reel_current.rel == nullptr) return;
+  if (reel_resize_check() == 0) return;
+  if (b.count > 0) write_long_buffer(reel_current.rel.get());
+  if (spill_fd < 0) return;
+  lseek(spill_fd, 0, SEEK_SET);
+  int32_t head[2];
+  while (read_all(spill_fd, head, sizeof head) && read_all(spill_fd, b.base, b.size)) {
+    if (head[0] < 0 || head[1] < 0 || static_cast<size_t>(head[1]) > b.size) break;
+    b.count = head[0];
+    b.desc_begin = static_cast<size_t>(head[1]);
+    write_long_buffer(reel_current.rel.get());
+  }
+  reset(b);
+  close(spill_fd);
+  spill_fd = -1;
+}
+
+void reel_load_ltuple(REL_TYPE* rel, const char* key, int32_t key_len, int32_t data_len,
+                      int32_t first_page) {
+  std::vector<char> data(static_cast<size_t>(data_len) + 1);
+  std::vector<unsigned char> page(kPageBufferSize);
+  int32_t got = 0;
+  for (int32_t number = first_page; number > 0 && got < data_len;) {
+    int32_t length = 0;
+    if (reel_overflow_get(page.data(), number, &length) == 0) {
+      reel_log_error(REEL_ERR_RECORD, key);
+      return;
+    }
+    number = (page[13] << 16) | (page[14] << 8) | page[15];
+    int32_t take = std::min(data_len - got, length - kPageHead);
+    if (take <= 0) continue;
+    reel_mask_copy(data.data() + got, page.data() + kPageHead, take);
+    got += take;
+  }
+  if (got != data_len) reel_log_error(REEL_ERR_RECORD, key);
+  std::string k(key, static_cast<size_t>(key_len));
+  write_record(rel, k.data(), key_len, data.data(), got);
+}
+
+int32_t reel_resize_modulo() {
+  const CurrentFile& f = reel_current;
+  const int64_t r = f.record_count;
+  if (r < 1 || reel_small_tuples.count + reel_long_tuples.count + in_hand < r || f.rel == nullptr) return 0;
+  const int64_t w = static_cast<int64_t>(f.rel->block_size) - f.key_bytes / r - 32;
+  if (w <= 0) return 0;
+  const int64_t all = std::min((f.data_bytes + 10 * r + f.key_bytes) / w + 1, r);
+  const int64_t keys = (10 * r + f.key_bytes) / w + 1;
+  const int64_t modulo = f.rel->modulo;
+  if (keys * 3 / 2 <= modulo && all <= 2 * modulo) return 0;
+  return reel_next_prime(static_cast<int32_t>(std::max(all, 2 * keys)));
+}
+
+int reel_resize_check() {
+  CurrentFile& f = reel_current;
+  if (f.file_kind != FILE_KIND_DATA || f.rel == nullptr) return 1;
+  const int32_t n = reel_resize_modulo();
+  if (n == 0) return 1;
+  const int32_t type = f.rel->hashtype;
+  M_mem_force_flush(f.rel.get(), 1);
+  M_closefile(f.rel.get());
+  f.rel.reset();
+
+  char temporary[sizeof kResizeTemplate];
+  std::memcpy(temporary, kResizeTemplate, sizeof kResizeTemplate);
+  if (mrv_mktemp(temporary) == nullptr ||
+      reel_create_under_name(temporary, temporary, 0, n, 1, 1, CREATE_DATA, type) == 0) {
+    if (reel_open_loader(f.name) != 0) return 1;
+    reel_show('M', 0);
+    return 0;
+  }
+  NT_RemoveFile(f.short_name.c_str(), "");
+  NT_rename(temporary, f.short_name.c_str(), 0);
+  M_voc_delete(temporary);
+  f.modulo = n;
+  if (reel_open_loader(f.name) == 0) {
+    reel_show('M', 0);
+    return 0;
+  }
+  reel_show('M', 1);
+  return 1;
+}
+
+void reel_finish_file(REL_TYPE* rel) {
+  CurrentFile& f = reel_current;
+  const bool in_slot = f.rel.get() == rel;
+  reel_flush_tuples();
+  // A resize reopens the slot's file, or leaves it closed when the reopen
+  // failed: the slot holds the handle in force.
+  if (in_slot) rel = f.rel.get();
+  if (rel == nullptr) {
+    log_restored();
+    return;
+  }
+  M_mem_force_flush(rel, 1);
+  const int64_t r = f.record_count;
+  const int64_t w = static_cast<int64_t>(rel->block_size) - f.key_bytes / (r + 1) - 32;
+  if (w > 0) {
+    const int64_t g = std::min((f.key_bytes + 9 * r) / w + 1, r);
+    if (g > rel->modulo) {
+      ++overflow_count;
+      const int32_t n = reel_next_prime(static_cast<int32_t>((f.data_bytes + 10 * r + f.key_bytes) / w + 1));
+      char line[512];
+      std::snprintf(line, sizeof line, "\t%s \t\t%d  ------->  %d", f.name.c_str(), rel->modulo, n);
+      NT_cmd_echo_append(kResizeList, NT_echo_word(line));
+    }
+  }
+  M_closefile(rel);
+  if (f.rel.get() == rel) f.rel.reset();
+  if (reel_records_restored % kLineEvery >= kDotEvery) std::fputs("\n", stdout);
+  log_restored();
 }

@@ -4,7 +4,10 @@
 
 #include <cstdint>
 #include <cstdio>
+#include <memory>
 #include <string>
+
+#include "flib/fl_rel.h"
 
 enum FileKind : int32_t {
   FILE_KIND_DATA = 0,
@@ -29,7 +32,9 @@ struct CurrentFile {
   int32_t modulo = 0;
   std::string name;        // name on tape, after the name rules
   std::string short_name;  // name on disk
-  int32_t handle = -1;     // -1: no target file open
+  // The open target; null when none is open. Held by address by the file
+  // library while open, so it lives on the heap and is never copied.
+  std::unique_ptr<REL_TYPE> rel;
 };
 
 extern CurrentFile reel_current;

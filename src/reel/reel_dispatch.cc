@@ -87,9 +87,9 @@ void close_previous_file() {
     reel_write_plan_line();
     return;
   }
-  if (f.handle >= 0) {
+  if (f.rel != nullptr) {
     if (f.file_kind < FILE_KIND_DIR)
-      reel_finish_file(f.handle);
+      reel_finish_file(f.rel.get());
     else
       reel_close_target();
   }

@@ -218,11 +218,12 @@ int reel_in_recovery_list(const char* name) {
   return g_recovery_list.base != nullptr && list_find(g_recovery_list, name) != nullptr ? 1 : 0;
 }
 
-int32_t reel_block_list_modulo(const char* name, int32_t modulo) {
+int32_t reel_block_list_modulo(const char* name, int32_t modulo, int32_t* block) {
   int32_t factor = 1;
   int32_t listed = -1;
   if (!reel_find_block_entry(name, &factor, &listed) || factor < 0) factor = 1;
   if (listed < 1) listed = factor == 0 ? modulo * 2 : modulo / factor;
+  if (block != nullptr) *block = factor;
   return reel_next_prime(listed);
 }
 

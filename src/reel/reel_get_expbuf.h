@@ -26,8 +26,10 @@ int reel_load_recovery_list(const char* path);
 // did not give is -1.
 int reel_find_block_entry(const char* name, int32_t* factor, int32_t* modulo);
 int reel_in_recovery_list(const char* name);
-// The modulo that a DATA file of `modulo` gets under the -B list.
-int32_t reel_block_list_modulo(const char* name, int32_t modulo);
+// The modulo that a DATA file of `modulo` gets under the -B list, and in
+// *block (when given) its block code: the listed factor, 1 when none or
+// below 0.
+int32_t reel_block_list_modulo(const char* name, int32_t modulo, int32_t* block = nullptr);
 // Empties both lists (tests).
 void reel_clear_lists();
 

@@ -161,8 +161,5 @@ void reel_parse_options(int argc, char** argv) {
   }
   if (reel_optind < argc) usage_exit("Too many argument in command line!\n");
 
-  if (!s.analyse_mode && !s.create_mode && !reel_alloc_load_buffers(s.buffer_factor)) {
-    M_errmsg(0, "malloc failed, please check -K option \n");
-    MRV_EXIT(1);
-  }
+  if (!s.analyse_mode && !s.create_mode) reel_init_tuples(s.buffer_factor);
 }

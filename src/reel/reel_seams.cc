@@ -28,10 +28,6 @@ void pass_sub_objects(unsigned char* buffer, int32_t* length) {
 
 }  // namespace
 
-void reel_open_account() { reel_fatal("Setting up accounts is not available in this build.\n"); }
-
-void reel_close_account() {}
-
 void reel_apply_plan() {
   reel_fatal("Creating files from a plan is not available in this build.\n");
 }
@@ -40,21 +36,6 @@ void reel_apply_plan() {
 // passed over unread: the walk, and with it an analysis, stays right.
 void reel_dyn_file(unsigned char* buffer, int32_t* length) { pass_sub_objects(buffer, length); }
 
-// Record loading and the work files arrive with account set-up. No target
-// is ever open before then, so no record reaches the loader; a member keeps
-// its tape name, and its file can't be written for want of SAM, DAM or its
-// directory, which its writer reports.
-REL_TYPE reel_pgm_map;
-void reel_add_tuple(const char*, int32_t, const char*, int32_t) {
-  reel_fatal("Loading records is not available in this build.\n");
-}
-int reel_target_name(std::string&, std::string&, int) { return 0; }
-
-// Targets. Nothing can be made or opened yet, so every file is skipped by
-// its caller, no handle is ever open, and the two closes only mark the
-// slot closed.
-int reel_create_target(int) { return 0; }
-void reel_target_from_voc() { reel_current.short_name.clear(); }
-int reel_open_target() { return 0; }
-void reel_close_target() { reel_current.handle = -1; }
-void reel_finish_file(int32_t) { reel_current.handle = -1; }
+// Pages of a dynamic source's overflow part are held by its decoder; until
+// it exists none is held, and a large record reports as lost.
+int reel_overflow_get(unsigned char*, int32_t, int32_t*) { return 0; }

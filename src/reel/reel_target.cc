@@ -1,8 +1,111 @@
 #include "reel/reel_target.h"
 
+#include "flib/fl_mem.h"
+#include "flib/fl_mkfile.h"
+#include "flib/fl_open.h"
+#include "flib/fl_voc.h"
 #include "reel/reel_account.h"
+#include "reel/reel_app_tuple.h"
 #include "reel/reel_current.h"
+#include "reel/reel_device.h"
+#include "reel/reel_get_expbuf.h"
+#include "reel/reel_settings.h"
 
+namespace {
+
+constexpr int32_t kTypeDynamic0 = 0x40;
+constexpr int32_t kTypeDynamic1 = 0x41;
+constexpr int32_t kVocDataPath = 1;
+constexpr int32_t kVocDictPath = 3;
+
+}  // namespace
+
+int reel_create_under_name(const std::string& tape_name, const std::string& target, int32_t dict_modulo,
+                           int32_t modulo, int32_t dict_block, int32_t block, int32_t flags, int32_t type) {
+  const bool renamed = tape_name != target;
+  std::string record;
+  // The core completes the entry of the other half under the name it makes.
+  if (renamed && M_voc_read(tape_name, &record) == 1) M_voc_write(target, record);
+  if (M_create_file(target.c_str(), nullptr, dict_modulo, modulo, dict_block, block, flags, 0, type,
+                    nullptr) == 0)
+    return 0;
+  if (renamed && M_voc_read(target, &record) == 1) {
+    M_voc_write(tape_name, record);
+    M_voc_delete(target);
+  }
+  return 1;
+}
+
+int reel_create_target(int dynamic) {
+  const RunSettings& s = reel_settings;
+  CurrentFile& f = reel_current;
+  std::string key = f.name;
+  if (reel_target_name(key, f.short_name, REEL_NAME_FILE) == REEL_TARGET_EXISTS &&
+      reel_ask_overwrite(f.name, f.short_name) == 2)
+    return 0;
+
+  int32_t dict_modulo = 1, modulo = 1, block = 1, flags = CREATE_DATA, type = 0;
+  switch (f.file_kind) {
+    case FILE_KIND_DATA:
+      modulo = f.modulo;
+      if (s.block_list_on) modulo = reel_block_list_modulo(f.name.c_str(), f.modulo, &block);
+      if (dynamic == 1) type = s.dynamic_zero ? kTypeDynamic0 : kTypeDynamic1;
+      break;
+    case FILE_KIND_DICT:
+      dict_modulo = f.modulo;
+      flags = CREATE_DICT;
+      break;
+    default:
+      dict_modulo = 0;
+      flags = CREATE_DIR | CREATE_DIR_NO_DICT;
+      break;
+  }
+  if (f.file_kind == FILE_KIND_DATA && s.block_list_on) f.modulo = modulo;
+  if (reel_create_under_name(f.name, f.short_name, dict_modulo, modulo, 1, block, flags, type) == 0) {
+    reel_show('C', 0);
+    reel_log_error(REEL_ERR_CREATE, "Create file error");
+    return 0;
+  }
+  reel_show('C', 1);
+  return 1;
+}
+
+int reel_open_loader(const std::string& name) {
+  const RunSettings& s = reel_settings;
+  CurrentFile& f = reel_current;
+  reel_records_restored = 0;
+  if (f.file_kind != FILE_KIND_DATA && f.file_kind != FILE_KIND_DICT) return 0;
+  auto rel = std::make_unique<REL_TYPE>();
+  if (M_open_by_voc(rel.get(), name, f.file_kind == FILE_KIND_DICT ? kVocDictPath : kVocDataPath) < 1)
+    return 0;
+  f.rel = std::move(rel);
+  M_init_mem_buffers(f.rel.get());
+  if (!s.data_only && !s.overlay) reel_new_file = 1;
+  return 1;
+}
+
+int reel_open_target() {
+  CurrentFile& f = reel_current;
+  if (f.file_kind == FILE_KIND_DICT || f.file_kind == FILE_KIND_DATA) {
+    if (reel_open_loader(f.name) != 0) return 1;
+  } else {
+    auto rel = std::make_unique<REL_TYPE>();
+    if (M_open_by_voc(rel.get(), f.name, kVocDataPath) > 0) {
+      f.rel = std::move(rel);
+      return 1;
+    }
+  }
+  reel_show('O', 0);
+  reel_log_error(REEL_ERR_OPEN, "Open file error");
+  return 0;
+}
+
+void reel_close_target() {
+  CurrentFile& f = reel_current;
+  if (f.rel == nullptr) return;
+  M_closefile(f.rel.get());
+  f.rel.reset();
+}
 void reel_show(char letter, int ok) {
   const CurrentFile& f = reel_current;
   const char* kind = reel_file_kind_text(f.file_kind);

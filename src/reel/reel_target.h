@@ -1,5 +1,10 @@
 // The target of a tape file in the account: its name on disk, its
 // creation, its VOC entry, and opening it for the load.
+//
+// The tape name is always the VOC key; only the name on disk changes. A
+// name on disk is the tape name cut to max_name_len, with the characters of
+// name_bad_chars made "_", and, when that changed it or it is taken, made
+// unique by a letter in its last place (then the place before it).
 #pragma once
 
 #include <cstdint>
@@ -14,22 +19,41 @@ inline constexpr int REEL_TARGET_SAME = 0;     // the name on disk is the tape n
 inline constexpr int REEL_TARGET_OTHER = 1;    // the name on disk differs
 inline constexpr int REEL_TARGET_EXISTS = 2;   // the part being restored is there already
 
-// The name on disk of `key` into `target_out`. Mode 2: `key` is a member's
-// path and `target_out` its plain name; pgm_map gives a known mapping
-// (result 2), otherwise `key` becomes the plain name and the name is
-// worked out as for a file.
+// The name on disk of `key` into `target_out`. Mode 1: `key` is a tape
+// file name; a VOC item of the name that is no file ("V", "K", ...) is
+// deleted, and an existing file entry gives its name (result 2 when the
+// half of the slot's kind is there, else 0/1 so that the new half goes
+// beside the other). Mode 2: `key` is a member's path and `target_out` its
+// plain name; pgm_map gives a known mapping (result 2), otherwise `key`
+// becomes the plain name and the name is worked out as in mode 1.
 int reel_target_name(std::string& key, std::string& target_out, int mode);
+// 1 when `name` cut to `name_len` is taken (mode 1: a VOC item, a path or
+// "D_" + name; mode 2: "<slot's name on disk>/<name>"), else 0. Any other
+// mode: 1.
+int reel_name_exists(const std::string& name, int name_len, int mode);
+// What to do with an existing target: 1 go on and create (the old half is
+// gone from the VOC entry and from disk), 2 skip the file. Asks the
+// operator unless -R or the entry's type decides.
+int reel_ask_overwrite(const std::string& tape_name, const std::string& target_name);
 
 // Makes the target of the current-file slot; 1 made, 0 not made (the file
 // is to be skipped). `dynamic` asks for a dynamic hashed file.
 int reel_create_target(int dynamic);
+// Creates `target` with M_create_file while the VOC entry of `tape_name`
+// (when the names differ) stands under `target` for the time of the call,
+// and leaves the entry keyed by `tape_name`. 1 or 0.
+int reel_create_under_name(const std::string& tape_name, const std::string& target, int32_t dict_modulo,
+                           int32_t modulo, int32_t dict_block, int32_t block, int32_t flags, int32_t type);
 // For -D and -O: the slot's name on disk from the VOC entry of its tape
 // name, or empty when there is none.
 void reel_target_from_voc();
 // Opens the slot's target for the load; 1 or 0.
 int reel_open_target();
+// Opens the slot's hashed target `name` through the VOC (its data or its
+// dictionary by the slot's kind) and starts the buffered writer. 1 or 0.
+int reel_open_loader(const std::string& name);
 // Closes the slot's open target that is not loaded through the record
-// loader (a directory-type file) and marks the slot's handle closed.
+// loader (a directory-type file) and marks the slot closed.
 void reel_close_target();
 
 // Tells what happens to the file of the current-file slot, on the console

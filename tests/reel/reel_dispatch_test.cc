@@ -116,6 +116,10 @@ TEST(DispatchLengths, EndOfSaveInsideASkipEndsTheWalk) {
   EXPECT_EQ(walk(dir, {}), "[DATA|]\n[SAM |PROG]\n[end]\n");
 }
 
+// Without an account set up, a hashed file is made but can't be opened
+// through a VOC entry.
+const std::string kCustNotOpened = "Create DATA CUST --- 1 \nCUST open failure!\nBlkno = 4 \tOpen file error\n";
+
 TEST(DispatchLevels, LevelTwoShiftsAllLengthsAndLevelZeroHasNoAccount) {
   std::string dir = unit_dir("dispatch_level2");
   make_tape(save(dir,
@@ -124,14 +128,14 @@ TEST(DispatchLevels, LevelTwoShiftsAllLengthsAndLevelZeroHasNoAccount) {
                  "file PROG dam\n"));
   EXPECT_EQ(walk(dir, {"-L2"}), "[DATA|]\n[DATA|CUST]\n[DATA|CUST]\n[DAM |PROG]\n[end]\n");
   EXPECT_EQ(read_file(dir + "/dispmsg"),
-            "\t\t\tACCT_NAME  ---  ACCT2\n"
-            "Blkno = 5 \tGet file description error: block length error\n"
-            "Loading DAM  PROG ...\n");
+            "\t\t\tACCT_NAME  ---  ACCT2\n" + kCustNotOpened +
+                "Blkno = 5 \tGet file description error: block length error\n"
+                "Loading DAM  PROG ...\n");
 
   dir = unit_dir("dispatch_level0");
   make_tape(save(dir, "account\nfile CUST hashed\nsub '' sam\nblock data zeros:8\nfile PROG sam\n"));
   EXPECT_EQ(walk(dir, {"-L0"}), "[DATA|]\n[DATA|CUST]\n[SAM |PROG]\n[end]\n");
-  EXPECT_EQ(read_file(dir + "/dispmsg"), "Loading SAM  PROG ...\n");
+  EXPECT_EQ(read_file(dir + "/dispmsg"), kCustNotOpened + "Loading SAM  PROG ...\n");
 }
 
 // One account under each option: -D passes members and directories before
@@ -158,20 +162,26 @@ TEST(DispatchOptions, DataOnlyRecoveryListAndOverlay) {
       {{},
        "[DATA|DUMP_VOC]\n[DATA|XXvoc]\n[DICT|ORDERS]\n[DICT|CUST]\n[DIR |BP]\n[SAM |PROG]\n"
        "[DATA|CUST]\n",
-       account + "Loading SAM  PROG ...\n"},
+       account + "Create DICT ORDERS --- 1 \nORDERS open dict failure!\nBlkno = 6 \tOpen file error\n" +
+           "Create DIR  BP failure!\nBlkno = 8 \tCreate file error\nLoading SAM  PROG ...\n" +
+           "Create DATA CUST --- 1 \nCUST open failure!\nBlkno = 16 \tOpen file error\n"},
       {{"-D"},
        "[DATA|DUMP_VOC]\n[DATA|XXvoc]\n[DICT|ORDERS]\n[DICT|CUST]\n[DATA|]\n[DATA|]\n"
        "[DATA|CUST]\n",
-       account + "Loading DATA CUST ...\n"},
+       account + "Loading DATA CUST ...\nCUST open failure!\nBlkno = 16 \tOpen file error\n"},
       {{"-R", dir + "/picked"},
-       "[DATA|]\n[DATA|XXvoc]\n[DICT|ORDERS]\n[DICT|]\n[DATA|]\n[DATA|]\n[DATA|]\n", account},
+       "[DATA|]\n[DATA|XXvoc]\n[DICT|ORDERS]\n[DICT|]\n[DATA|]\n[DATA|]\n[DATA|]\n",
+       account + "Create DICT ORDERS --- 1  -----> ORDERSa\nORDERS open dict failure!\n" +
+           "Blkno = 6 \tOpen file error\n"},
       {{"-R", dir + "/voc"},
        "[DATA|DUMP_VOC]\n[DATA|]\n[DICT|]\n[DICT|]\n[DATA|]\n[DATA|]\n[DATA|]\n", account},
       {{"-O"},
        "[DATA|DUMP_VOC]\n[DATA|XXvoc]\n[DICT|ORDERS]\n[DICT|CUST]\n[DIR |BP]\n[SAM |PROG]\n"
        "[DATA|CUST]\n",
-       account + "Loading DICT ORDERS ...\nLoading DIR  BP ...\nLoading SAM  PROG ...\n"
-                 "Loading DATA CUST ...\n"},
+       account + "Loading DICT ORDERS ...\nORDERS open dict failure!\nBlkno = 6 \tOpen file error\n" +
+           "Loading DIR  BP ...\nBP open failure!\nBlkno = 8 \tOpen file error\n" +
+           "Loading SAM  PROG ...\nLoading DATA CUST ...\nCUST open failure!\n" +
+           "Blkno = 16 \tOpen file error\n"},
   };
   for (const Case& c : cases) {
     EXPECT_EQ(walk(dir, c.args), std::string("[DATA|]\n") + c.trace + "[end]\n")

@@ -1,0 +1,70 @@
+// REEL_INTAKE restoring a save written by mkreel: account set-up, the
+// targets of directories with hostile names, the account's name from the
+// tape. Nothing from the tape may reach a shell or leave the account.
+#include <filesystem>
+#include <string>
+
+#include <gtest/gtest.h>
+
+#include "support/files.h"
+#include "support/run_program.h"
+#include "support/temp_dir.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+
+const char kHostile[] =
+    "tape t.tap\n"
+    "label name=SAVE\n"
+    "account SALES\n"
+    "file \"x'; touch PWNED; '\" dir\n"
+    "file '../ESCAPE' dir\n"
+    "file '$(touch PWNED2)' dir\n"
+    "file 'a|b&c>d' dir\n"
+    "file `touch` dir\n"
+    "end\n";
+
+TEST(Restore, HostileNamesMakeCorrectTargetsAndRunNothing) {
+  TempDir dir;
+  const fs::path root = dir.path();
+  for (const char* d : {"home/include", "home/sys", "bin", "tmp", "run"}) fs::create_directories(root / d);
+  fs::create_symlink(fs::path(REEL_BIN_DIR) / "newacct", root / "bin/newacct");
+  // The unit is opened from inside the account, one below the run directory.
+  spill(root / "home/sys/tapeinfo", "0 ../t.tap ../rt.tap 8192\n");
+  const std::string run = (root / "run").string();
+  ProgramResult made = run_program({.program = "mkreel", .input = kHostile, .directory = run});
+  ASSERT_EQ(made.status, 0) << made.output;
+
+  ProgramResult r = run_program({.program = "REEL_INTAKE",
+                                 .args = {"ACC"},
+                                 .directory = run,
+                                 .env = {{"MRVHOME", (root / "home").string()},
+                                         {"MRVBIN", (root / "bin").string()},
+                                         {"TMP", (root / "tmp").string()},
+                                         {"MRV_REGISTRY", (root / "no-registry").string()}}});
+  EXPECT_EQ(r.status, 1);
+  const fs::path account = root / "run/SALES";
+  ASSERT_TRUE(fs::exists(account / "VOC")) << r.output;
+  EXPECT_FALSE(fs::exists(root / "run/ACC"));
+  const char* made_dirs[] = {"x';_touch_PWNED;_'a", ".._ESCAPEa", "$(touch_PWNED2)a", "a|b_c>da", "`touch`"};
+  for (const char* d : made_dirs) EXPECT_TRUE(fs::is_directory(account / d)) << d << "\n" << r.output;
+  for (const auto& entry : fs::recursive_directory_iterator(root)) {
+    const std::string name = entry.path().filename().string();
+    EXPECT_TRUE(name.find("PWNED") == std::string::npos || name.find('\'') != std::string::npos ||
+                name.find('(') != std::string::npos)
+        << entry.path();
+  }
+  EXPECT_FALSE(fs::exists(root / "run/ESCAPE"));
+  EXPECT_FALSE(fs::exists(root / "ESCAPE"));
+
+  // The VOC keys stay the tape names and point to the names on disk.
+  ProgramResult voc = run_program({.program = "mrvfile", .args = {"get", "VOC", "../ESCAPE"},
+                                   .directory = account.string()});
+  EXPECT_EQ(voc.output, "DIR\xFE.._ESCAPEa");
+  const std::string log = slurp(account / "dispmsg");
+  EXPECT_NE(log.find("Create DIR  x'; touch PWNED; ' --- 0  -----> x';_touch_PWNED;_'a\n"), std::string::npos)
+      << log;
+}
+
+}  // namespace
