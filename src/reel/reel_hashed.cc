@@ -70,11 +70,11 @@ void finish_record(int32_t key_len) {
                    reinterpret_cast<const char*>(g.data.data()), g.held);
   } else if (key_len <= STATIC_KEY_MAX) {
     g.key[kKeyShown] = '\0';
-    std::snprintf(line, sizeof line, "incompatible key length [%d  %.128s...]\n", key_len,
+    std::snprintf(line, sizeof line, "incompatible key length [%d  %.128s...]", key_len,
                   reinterpret_cast<const char*>(g.key));
     reel_log_error(REEL_ERR_RECORD, line);
   } else {
-    std::snprintf(line, sizeof line, "invalid key length [%d] \n", key_len);
+    std::snprintf(line, sizeof line, "invalid key length [%d] ", key_len);
     reel_log_error(REEL_ERR_RECORD, line);
   }
 }
@@ -181,7 +181,7 @@ int reel_group_block(unsigned char* buffer, int32_t* length, int first) {
       if (g.size == 0) return 0;
       if (g.size >= RECORD_SIZE_LIMIT) {
         char line[64];
-        std::snprintf(line, sizeof line, "invalid record size[%d] \n", g.size);
+        std::snprintf(line, sizeof line, "invalid record size[%d] ", g.size);
         reel_log_error(REEL_ERR_RECORD, line);
         break;
       }

@@ -1,8 +1,10 @@
 // A sandbox for runs of the built programs: a home with tapeinfo (unit 0 is
-// "t.tap" in the run directory), the program and temporary directories,
-// and a run directory that holds the tape.
+// "t.tap" in the run directory), the program directory with newacct, the
+// temporary directory, and a run directory that holds the tape. A restore
+// works inside the account, one below the run directory.
 #pragma once
 
+#include <algorithm>
 #include <filesystem>
 #include <string>
 #include <vector>
@@ -18,7 +20,8 @@ class Sandbox {
   Sandbox() {
     for (const char* d : {"home/include", "home/sys", "bin", "tmp", "run"})
       std::filesystem::create_directories(dir_.path() / d);
-    spill(dir_.path() / "home/sys/tapeinfo", "0 t.tap rt.tap 8192\n");
+    std::filesystem::create_symlink(std::filesystem::path(REEL_BIN_DIR) / "newacct",
+                                    dir_.path() / "bin/newacct");
   }
   // A sandbox with the tape that `save` describes in mkreel's text form.
   explicit Sandbox(const std::string& save) : Sandbox() {
@@ -27,8 +30,12 @@ class Sandbox {
   }
   std::string run() const { return (dir_.path() / "run").string(); }
   std::string tape() const { return run() + "/t.tap"; }
+  std::string account(const std::string& name) const { return run() + "/" + name; }
   ProgramResult reel(std::vector<std::string> args) const {
     const std::string root = dir_.str();
+    const bool analyse = std::find(args.begin(), args.end(), "-A") != args.end();
+    spill(dir_.path() / "home/sys/tapeinfo",
+          analyse ? "0 t.tap rt.tap 8192\n" : "0 ../t.tap ../rt.tap 8192\n");
     return run_program({.program = "REEL_INTAKE",
                         .args = std::move(args),
                         .directory = run(),
@@ -41,3 +48,34 @@ class Sandbox {
  private:
   TempDir dir_;
 };
+
+// The records of a hashed file as `mrvfile list --records` shows them, one
+// line each, sorted.
+inline std::vector<std::string> listed_records(const std::string& path) {
+  ProgramResult r = run_program({.program = "mrvfile", .args = {"list", "--records", path}});
+  EXPECT_EQ(r.status, 0) << r.output;
+  std::vector<std::string> lines;
+  size_t at = 0;
+  for (size_t nl; (nl = r.output.find('\n', at)) != std::string::npos; at = nl + 1)
+    lines.push_back(r.output.substr(at, nl - at));
+  std::sort(lines.begin(), lines.end());
+  return lines;
+}
+
+// A key and its record in that text form: backslash, TAB and newline
+// escaped, any other byte that can't stand as it is in \xHH.
+inline std::string listed_record(const std::string& key, const std::string& data) {
+  auto escape = [](const std::string& text) {
+    std::string out;
+    for (unsigned char c : text) {
+      char hex[8];
+      if (c == '\\') out += "\\\\";
+      else if (c == '\t') out += "\\t";
+      else if (c == '\n') out += "\\n";
+      else if (c < 0x20 || c >= 0x7F) out += (std::snprintf(hex, sizeof hex, "\\x%02X", c), hex);
+      else out += static_cast<char>(c);
+    }
+    return out;
+  };
+  return escape(key) + "\t" + escape(data);
+}
