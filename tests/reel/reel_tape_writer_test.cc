@@ -10,6 +10,7 @@
 #include "reel/reel_device.h"
 #include "reel/reel_settings.h"
 #include "reel/reel_tape_format.h"
+#include "reel/reel_util.h"
 #include "reel/tape_child.h"
 
 namespace {
@@ -163,6 +164,28 @@ TEST(Mkreel, NamesTheFaultyLine) {
   EXPECT_EQ(out,
             "mkreel: line 2: a.tap: the name 'ABCDEFGHIJKLMNOPQRSTUVWXYZ0123456' is longer than 32 "
             "characters\n");
+  out = run_mkreel(dir, "tape a.tap\nitem K data\n", &status);
+  EXPECT_EQ(out, "mkreel: line 2: 'item' stands below a 'subfile' line\n");
+  out = run_mkreel(dir, "tape a.tap\ntext 'a\\x11b'\n", &status);
+  EXPECT_EQ(out, "mkreel: line 2: a.tap: the text holds a byte the tape form cannot carry\n");
+}
+
+// Member text through its tape form and back: blank runs (also longer than
+// one run can say), newlines with their pads, and the decoder's own rule
+// for a newline at an odd offset.
+TEST(MemberText, EncodedTextDecodesToItself) {
+  const std::string texts[] = {"", "a\n", "\n\n\nx", "ab\nc\n", "   ", "x" + std::string(250, ' ') + "y\n",
+                               "  two blanks stay\n"};
+  for (const std::string& text : texts) {
+    std::vector<unsigned char> coded;
+    ASSERT_TRUE(tape_encode_text(coded, text));
+    std::vector<char> out(reel_text_worst_case(coded.size()));
+    int n = reel_text_from_tape(out.data(), coded.data(), static_cast<int>(coded.size()));
+    EXPECT_EQ(std::string(out.data(), static_cast<size_t>(n)), text);
+  }
+  std::vector<unsigned char> coded;
+  EXPECT_FALSE(tape_encode_text(coded, std::string("a\0b", 3)));
+  EXPECT_TRUE(coded.empty());
 }
 
 }  // namespace
