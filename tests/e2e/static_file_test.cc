@@ -1,8 +1,7 @@
-// Static hashed files restored by REEL_INTAKE from tapes of the project's
-// writer, read back through the file library byte for byte: records cut by
-// block ends at every awkward place, the modulo, keys that need the flip,
-// a record machine that carries over into the next sub-file, and damage.
-#include <functional>
+// Static hashed files restored by REEL_INTAKE from one tape of the
+// project's writer, read back through the file library byte for byte:
+// records cut by block ends at every awkward place, the modulo, the key
+// flip, a machine that carries over into the next sub-file, and damage.
 #include <string>
 #include <vector>
 
@@ -20,25 +19,25 @@ std::string bytes_of(size_t n, char first) {
   return s;
 }
 
-// Records of every shape: an odd key (with its pad) and odd chunks, marks
-// in the data, an empty record, a record of several chunks, an even key.
+// An odd key (with its pad) and odd chunks, marks in the data, an empty
+// record, a record of several chunks, an even key.
 const std::vector<TapeRecord> kRecords = {
-    {"ALPHA", bytes_of(300, 'a')},
-    {"BETA", "x\xFEy\xFDz\xFCw\xFB"},
-    {"C", ""},
-    {"DELTA1", bytes_of(600, 'A')},
-    {"EE", "last one"},
-};
+    {"ALPHA", bytes_of(300, 'a')}, {"BETA", "x\xFEy\xFDz\xFCw\xFB"}, {"C", ""},
+    {"DELTA1", bytes_of(600, 'A')}, {"EE", "last one"}};
+const std::string kLongKey = bytes_of(130, 'k');
+const std::vector<TapeRecord> kDamaged = {
+    {"GOOD1", "first"},       {"BIG", "claims too much", false, RECORD_SIZE_LIMIT / 2},
+    {"GOOD2", "second"},      {kLongKey, "refused"},
+    {bytes_of(200, 'z'), "x"}, {"GOOD3", "third"}};
 
-// Where each record starts in the sub-file's stream.
+// Where each record starts in a sub-file's stream, and where the last ends.
 std::vector<size_t> offsets(const std::vector<TapeRecord>& records) {
-  std::vector<size_t> at;
+  std::vector<size_t> at{0};
   std::vector<unsigned char> stream;
   for (const TapeRecord& r : records) {
-    at.push_back(stream.size());
     tape_encode_static_record(stream, r.key, r.data, CHUNK_MAX, r.open_end);
+    at.push_back(stream.size());
   }
-  at.push_back(stream.size());
   return at;
 }
 
@@ -49,179 +48,137 @@ std::vector<std::string> lines_of(const std::vector<TapeRecord>& records) {
   return lines;
 }
 
-// A file of one static sub-file whose stream is cut after `cuts` bytes,
-// then in blocks of `room` bytes.
 struct CutCase {
   const char* file;
   std::vector<TapeRecord> records;
-  std::vector<size_t> cuts;
-  size_t room;
+  std::vector<size_t> cuts;  // bytes of the stream in the first blocks
+  size_t room;               // then blocks of this many
 };
 
 std::vector<CutCase> cut_cases() {
   const std::vector<size_t> at = offsets(kRecords);
+  std::vector<TapeRecord> many;
+  for (int i = 0; i < 300; ++i) many.push_back({"R" + std::to_string(1000 + i).substr(1), bytes_of(100, 'd')});
   std::vector<TapeRecord> open = kRecords;
-  open[1].open_end = true;  // BETA ends where C's size bytes begin
-  const std::vector<size_t> open_at = offsets(open);
+  open[1].open_end = true;  // BETA is ended by C's size bytes
   return {
       {"HEADER2", kRecords, {at[1] + 2}, 1024},
       {"KEYCUT", kRecords, {at[3] + RECORD_HEADER_SIZE + 2}, 1024},
       {"KEYEND", kRecords, {at[3] + RECORD_HEADER_SIZE + 6}, 1024},
       {"CHUNKCUT", kRecords, {at[0] + RECORD_HEADER_SIZE + 6 + CHUNK_HEADER_SIZE + 100}, 1024},
       {"LASTCHUNK", kRecords, {at[2] - CHUNK_HEADER_SIZE}, 1024},
-      {"OPENEND", open, {open_at[2]}, 1024},
-      // Small blocks cut everything everywhere, each at another phase.
-      {"ROOM22", kRecords, {}, 22},
+      {"OPENEND", open, {offsets(open)[2]}, 1024},
+      {"ROOM22", kRecords, {}, 22},  // small blocks cut everything, each at another phase
       {"ROOM30", kRecords, {}, 30},
       {"ROOM46", kRecords, {}, 46},
+      {"MANY", many, {}, 1024},
   };
 }
 
-void check(int result, const TapeWriter& w) { ASSERT_EQ(result, 0) << w.error; }
-
-// Writes a tape of account SALES with the files `body` writes.
-void write_tape(const Sandbox& box, const std::function<void(TapeWriter&)>& body) {
-  TapeWriter w;
-  check(reel_writer_open(w, box.tape(), {}), w);
-  check(reel_writer_label(w, {}), w);
-  check(reel_writer_account(w, {{"SALES", TAPE_OBJECT_DIR}}), w);
-  body(w);
-  check(reel_writer_end_save(w), w);
-  check(reel_writer_close(w), w);
-}
-
-void hashed_file(TapeWriter& w, const char* name) {
-  check(reel_writer_file(w, {name, TAPE_OBJECT_HASHED}), w);
-}
-void subfile_stream(TapeWriter& w, uint16_t modulo, const std::vector<unsigned char>& stream,
-                    const std::vector<size_t>& cuts, size_t room) {
-  check(reel_writer_sub(w, {{"", TAPE_OBJECT_SAM}}), w);
-  check(reel_writer_stream(w, modulo, stream, cuts, room), w);
-}
-
-std::string modulo_of(const std::string& path) {
-  ProgramResult r = run_program({.program = "mrvfile", .args = {"info", path}});
-  size_t at = r.output.find("modulo: ");
-  return at == std::string::npos ? r.output : r.output.substr(at + 8, r.output.find('\n', at) - at - 8);
-}
-
-TEST(StaticRestore, RecordsCutAtEveryAwkwardPlaceArriveWhole) {
-  Sandbox box;
-  const std::vector<CutCase> cases = cut_cases();
-  write_tape(box, [&](TapeWriter& w) {
-    for (const CutCase& c : cases) {
-      hashed_file(w, c.file);
-      subfile_stream(w, 3, reel_static_stream(c.records), c.cuts, c.room);
+class StaticRestore : public testing::Test {
+ protected:
+  // One tape for the suite, restored once and analysed once.
+  static void SetUpTestSuite() {
+    box_ = new Sandbox;
+    TapeWriter w;
+    auto ok = [&w](int result) { ASSERT_EQ(result, 0) << w.error; };
+    auto subfile = [&](uint16_t modulo, const std::vector<unsigned char>& stream,
+                       const std::vector<size_t>& cuts, size_t room) {
+      ok(reel_writer_sub(w, {{"", TAPE_OBJECT_SAM}}));
+      ok(reel_writer_stream(w, modulo, stream, cuts, room));
+    };
+    auto file = [&](const char* name) { ok(reel_writer_file(w, {name, TAPE_OBJECT_HASHED})); };
+    ok(reel_writer_open(w, box_->tape(), {}));
+    ok(reel_writer_label(w, {}));
+    ok(reel_writer_account(w, {{"SALES", TAPE_OBJECT_DIR}}));
+    for (const CutCase& c : cut_cases()) {
+      file(c.file);
+      subfile(3, reel_static_stream(c.records), c.cuts, c.room);
     }
-  });
-  ProgramResult r = box.reel({"ACC"});
-  for (const CutCase& c : cases) {
-    const std::string path = box.account("SALES") + "/" + c.file;
-    EXPECT_EQ(listed_records(path), lines_of(c.records)) << c.file << "\n" << r.output;
-    ProgramResult checked = run_program({.program = "mrvfile", .args = {"check", path}});
+    file("EMPTY");
+    subfile(10, reel_static_stream({}), {}, 1024);  // modulo 11
+    file("NOMOD");  // offset 10 holds 0; the first block has 1036 bytes
+    subfile(0, reel_static_stream({{std::string("K\0Y", 3), "zero"}, {"PAD", std::string(1200, 'p')}}),
+            {}, 1024);
+    file("CARRY");  // the first sub-file ends inside ONE, whose last chunk ends its block
+    subfile(3, reel_static_stream({{"ONE", "first", true}}, CHUNK_MAX, false), {}, 1024);
+    subfile(3, reel_static_stream({{"TWO", "swallowed"}, {"THREE", "arrives"}}), {}, 1024);
+    file("DAMAGED");  // the bad size ends the first block; the second starts at GOOD2
+    damaged_block_ = w.next_block_no + 1;
+    subfile(3, reel_static_stream(kDamaged), {offsets(kDamaged)[2]}, 1024);
+    ok(reel_writer_end_save(w));
+    ok(reel_writer_close(w));
+    restore_ = new ProgramResult(box_->reel({"ACC"}));
+    analysis_ = new ProgramResult(box_->reel({"-A", "plan"}));
+  }
+  static void TearDownTestSuite() {
+    delete restore_;
+    delete analysis_;
+    delete box_;
+  }
+  static std::string path(const std::string& file) { return box_->account("SALES") + "/" + file; }
+
+  static Sandbox* box_;
+  static ProgramResult* restore_;
+  static ProgramResult* analysis_;
+  static int damaged_block_;
+};
+Sandbox* StaticRestore::box_ = nullptr;
+ProgramResult* StaticRestore::restore_ = nullptr;
+ProgramResult* StaticRestore::analysis_ = nullptr;
+int StaticRestore::damaged_block_ = 0;
+
+TEST_F(StaticRestore, RecordsCutAtEveryAwkwardPlaceArriveWhole) {
+  for (const CutCase& c : cut_cases()) {
+    EXPECT_EQ(listed_records(path(c.file)), lines_of(c.records)) << c.file << restore_->output;
+    ProgramResult checked = run_program({.program = "mrvfile", .args = {"check", path(c.file)}});
     EXPECT_EQ(checked.status, 0) << c.file << checked.output;
   }
-  EXPECT_EQ(slurp(box.account("SALES") + "/dispmsg").find("Blkno"), std::string::npos);
 }
 
-// The modulo of an empty file comes from offset 10, of a file whose
-// offset 10 holds 0 from its first block's length; a key byte 0x80 on
-// tape is a zero byte in the key.
-TEST(StaticRestore, ModuloFromTheFirstSubfileAndTheFlipOfKeys) {
-  Sandbox box;
-  const std::vector<TapeRecord> zero_key = {{std::string("K\0Y", 3), "zero in key"},
-                                            {"PAD", std::string(1200, 'p')}};
-  write_tape(box, [&](TapeWriter& w) {
-    hashed_file(w, "EMPTY");
-    subfile_stream(w, 10, reel_static_stream({}), {}, 1024);  // becomes 11
-    hashed_file(w, "NOMOD");
-    subfile_stream(w, 0, reel_static_stream(zero_key), {}, 1024);  // a block of 1036 bytes
-  });
-  ProgramResult r = box.reel({"ACC"});
-  const std::string account = box.account("SALES");
-  EXPECT_EQ(listed_records(account + "/EMPTY"), std::vector<std::string>{}) << r.output;
-  EXPECT_EQ(modulo_of(account + "/EMPTY"), "11");
-  EXPECT_EQ(modulo_of(account + "/NOMOD"), "2");
-  EXPECT_EQ(listed_records(account + "/NOMOD"), lines_of(zero_key));
-  EXPECT_NE(slurp(account + "/dispmsg").find("0 records restored\n"), std::string::npos);
-}
-
-// A sub-file that ends inside a record leaves the machine in that phase:
-// the next sub-file's first record finishes it (same key length) and is
-// passed over by its size; the rest of that sub-file arrives.
-TEST(StaticRestore, ThePhaseOfTheMachineCarriesIntoTheNextSubfile) {
-  Sandbox box;
-  TapeRecord open_first{"ONE", bytes_of(40, 'a'), true};
-  const std::vector<TapeRecord> second = {{"TWO", "swallowed"}, {"THREE", "arrives"}};
-  write_tape(box, [&](TapeWriter& w) {
-    hashed_file(w, "CARRY");
-    subfile_stream(w, 3, reel_static_stream({open_first}, CHUNK_MAX, false), {}, 1024);
-    subfile_stream(w, 3, reel_static_stream(second), {}, 1024);
-  });
-  ProgramResult r = box.reel({"ACC"});
-  EXPECT_EQ(listed_records(box.account("SALES") + "/CARRY"),
-            lines_of({{"ONE", open_first.data}, {"THREE", "arrives"}}))
-      << r.output;
-}
-
-// Damage: a size at or over 0x80000 drops the rest of its block; keys of
-// 127 to 188 and above are refused; everything else of the file arrives.
-TEST(StaticRestore, DamagedRecordsAreLoggedAndTheRestArrives) {
-  Sandbox box;
-  const std::string long_key = bytes_of(130, 'k');
-  const std::vector<TapeRecord> records = {
-      {"GOOD1", "first"},
-      {"BIG", "claims too much", false, RECORD_SIZE_LIMIT / 2},
-      {"GOOD2", "second"},
-      {long_key, "refused"},
-      {bytes_of(200, 'z'), "refused too"},
-      {"GOOD3", "third"},
+TEST_F(StaticRestore, ModuloFromTheFirstSubfileAndAZeroByteInAKey) {
+  auto modulo = [](const std::string& file) {
+    ProgramResult r = run_program({.program = "mrvfile", .args = {"info", path(file)}});
+    return r.output.find("\nmodulo: " + std::string(file == "EMPTY" ? "11" : "2") + "\n");
   };
-  const std::vector<size_t> at = offsets(records);
-  uint16_t first_block = 0;
-  write_tape(box, [&](TapeWriter& w) {
-    hashed_file(w, "DAMAGED");
-    check(reel_writer_sub(w, {{"", TAPE_OBJECT_SAM}}), w);
-    first_block = w.next_block_no;
-    // The bad size ends the first block; the second starts at GOOD2.
-    check(reel_writer_stream(w, 3, reel_static_stream(records), {at[2]}, 1024), w);
-  });
-  ProgramResult r = box.reel({"ACC"});
-  EXPECT_EQ(listed_records(box.account("SALES") + "/DAMAGED"),
-            lines_of({records[0], records[2], records[5]}))
-      << r.output;
-  const std::string b1 = "Blkno = " + std::to_string(first_block) + " \t";
-  const std::string b2 = "Blkno = " + std::to_string(first_block + 1) + " \t";
-  EXPECT_NE(slurp(box.account("SALES") + "/dispmsg")
-                .find(b1 + "Record error: invalid record size[524288] \n" + b2 +
-                      "Record error: incompatible key length [130  " + long_key.substr(0, 128) +
-                      "...]\n" + b2 + "Record error: invalid key length [200] \n"),
-            std::string::npos)
-      << slurp(box.account("SALES") + "/dispmsg");
+  EXPECT_EQ(listed_records(path("EMPTY")), std::vector<std::string>{});
+  EXPECT_NE(modulo("EMPTY"), std::string::npos);
+  EXPECT_NE(modulo("NOMOD"), std::string::npos);
+  EXPECT_EQ(listed_records(path("NOMOD")),
+            lines_of({{std::string("K\0Y", 3), "zero"}, {"PAD", std::string(1200, 'p')}}));
 }
 
-// An analysis counts every record, refused ones too, and suggests a modulo
-// from the counts: 300 records of 4-byte keys and 100 bytes of data fill
-// 34 blocks of 989 usable bytes; 1 + 1.1 * 34 is 38, whose next prime is 41.
-TEST(StaticRestore, AnAnalysisPlansTheRealCounts) {
-  Sandbox box;
-  std::vector<TapeRecord> many;
-  for (int i = 0; i < 300; ++i) {
-    char key[8];
-    std::snprintf(key, sizeof key, "R%03d", i);
-    many.push_back({key, std::string(100, 'd')});
-  }
-  write_tape(box, [&](TapeWriter& w) {
-    hashed_file(w, "BIG");
-    subfile_stream(w, 3, reel_static_stream(many), {}, 1024);
-    hashed_file(w, "D_BIG");
-    subfile_stream(w, 1, reel_static_stream({{"@ID", "D"}, {bytes_of(130, 'k'), "x"}}), {}, 1024);
-  });
-  ProgramResult r = box.reel({"-A", "plan"});
-  EXPECT_EQ(slurp(box.run() + "/plan"),
-            "DATA, BIG, 41, 3, 1200, 30000, 300\n"
-            "DICT, BIG, 1, 1, 133, 2, 2\n")
-      << r.output;
+// The open record is finished by the next sub-file's first record (of the
+// same key length), which its size then passes over.
+TEST_F(StaticRestore, ThePhaseOfTheMachineCarriesIntoTheNextSubfile) {
+  EXPECT_EQ(listed_records(path("CARRY")), lines_of({{"ONE", "first"}, {"THREE", "arrives"}}));
+}
+
+TEST_F(StaticRestore, DamagedRecordsAreLoggedAndTheRestArrives) {
+  EXPECT_EQ(listed_records(path("DAMAGED")), lines_of({kDamaged[0], kDamaged[2], kDamaged[5]}));
+  const std::string b1 = "Blkno = " + std::to_string(damaged_block_) + " \tRecord error: ";
+  const std::string b2 = "Blkno = " + std::to_string(damaged_block_ + 1) + " \tRecord error: ";
+  const std::string log = slurp(path("dispmsg"));
+  EXPECT_NE(log.find(b1 + "invalid record size[524288] \n" + b2 + "incompatible key length [130  " +
+                     kLongKey.substr(0, 128) + "...]\n" + b2 + "invalid key length [200] \n3 records"),
+            std::string::npos)
+      << log;
+  size_t lines = 0;
+  for (size_t at = log.find("Blkno"); at != std::string::npos; at = log.find("Blkno", at + 1)) ++lines;
+  EXPECT_EQ(lines, 3u) << "no other damage reported";
+}
+
+// An analysis counts refused records too, and suggests a modulo from the
+// counts, never below the tape's: MANY's 300 records of 4-byte keys and
+// 100 bytes of data fill 34 blocks of 989 usable bytes; 1 + 1.1 * 34 is
+// 38, whose next prime is 41.
+TEST_F(StaticRestore, AnAnalysisPlansTheRealCounts) {
+  const std::string plan = slurp(box_->run() + "/plan");
+  EXPECT_NE(plan.find("DATA, ROOM46, 3, 3, 18, 916, 5\nDATA, MANY, 41, 3, 1200, 30000, 300\n"
+                      "DATA, EMPTY, 11, 11, 0, 0, 0\nDATA, NOMOD, 2, 2, 6, 1204, 2\n"
+                      "DATA, CARRY, 3, 3, 8, 12, 2\nDATA, DAMAGED, 3, 3, 345, 24, 5\n"),
+            std::string::npos)
+      << plan << analysis_->output;
 }
 
 }  // namespace
