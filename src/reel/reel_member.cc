@@ -127,6 +127,12 @@ void reel_member_file(unsigned char* buffer, int32_t* length) {
 void reel_dir_members(unsigned char* buffer, int32_t* length) {
   const RunSettings& s = reel_settings;
   const CurrentFile& f = reel_current;
+  // Members are written inside the directory's target; without its name
+  // on disk there is nowhere inside the account to put them.
+  if (f.short_name.empty()) {
+    if (*length == s.level_sub) reel_skip_blocks(buffer, length, 1);
+    return;
+  }
   std::vector<char> text(REEL_MEMBER_BUFFER);
   while (*length >= s.level_sub && tape_block_type(buffer) == TAPE_BLOCK_DESCRIPTION) {
     // Deeper paths (sub-directories' contents) and objects that are no

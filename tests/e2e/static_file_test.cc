@@ -95,6 +95,9 @@ class StaticRestore : public testing::Test {
       file(c.file);
       subfile(3, reel_static_stream(c.records), c.cuts, c.room);
     }
+    // A direct sub-file after the first is passed with its data.
+    ok(reel_writer_sub(w, {{"", TAPE_OBJECT_DAM}}));
+    ok(reel_writer_stream(w, 3, reel_static_stream({{"GHOST", "never read"}}), {}, 1024));
     file("EMPTY");
     subfile(10, reel_static_stream({}), {}, 1024);  // modulo 11
     file("NOMOD");  // offset 10 holds 0; the first block has 1036 bytes
