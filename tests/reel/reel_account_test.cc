@@ -98,8 +98,9 @@ TEST(Account, CloseDownMovesAndRenames) {
     for (const char* p : c.present) EXPECT_TRUE(fs::exists(dir + "/" + p)) << c.target << c.tape << " " << p;
     for (const char* p : c.absent) EXPECT_FALSE(fs::exists(dir + "/" + p)) << c.target << c.tape << " " << p;
     EXPECT_EQ(r.output.find("overflowed"), std::string::npos);
-    if (*c.target != '\0')
+    if (*c.target != '\0') {
       EXPECT_NE(r.output.find("\nLoading files from tape complete, now copying to T...\n"), std::string::npos);
+    }
   }
 }
 
