@@ -36,8 +36,8 @@ struct GroupMachine {
   int32_t header_held = 0;  // bytes of a header cut by a block end
   int32_t size = 0;         // of the record whose header was read last
   int32_t key_len = 0;
-  int32_t left = 0;     // bytes of the record still to pass in the block stream
-  bool done = true;     // the last record was finished
+  int32_t left = 0;  // bytes of the record still to pass in the block stream
+  bool done = true;  // the last record was finished
   int phase = kFresh;
   int32_t held = 0;        // key bytes so far (kInKey), data bytes so far (kInData)
   int32_t chunk_left = 0;  // bytes left of the current chunk
@@ -142,7 +142,8 @@ int reel_group_record(const unsigned char* pos, const unsigned char* end, int32_
     }
     const int32_t m = std::min(g.chunk_left, avail - cur);
     reserve_data(g.held + m);
-    for (int32_t i = 0; i < m; ++i) g.data[static_cast<size_t>(g.held + i)] = pos[cur + i] ^ TAPE_FLIP;
+    for (int32_t i = 0; i < m; ++i)
+      g.data[static_cast<size_t>(g.held + i)] = pos[cur + i] ^ TAPE_FLIP;
     g.chunk_left -= m;
     g.held += m;
     g.consumed += m + m % 2;

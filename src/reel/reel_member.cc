@@ -59,7 +59,8 @@ void load_member(unsigned char* buffer, int32_t* length, const std::string& dire
     const int32_t count = *length - TAPE_HEADER_SIZE;
     const size_t need = used + reel_text_worst_case(static_cast<size_t>(count));
     if (text.size() < need) text.resize(need);
-    used += static_cast<size_t>(reel_text_from_tape(text.data() + used, buffer + TAPE_HEADER_SIZE, count));
+    used += static_cast<size_t>(
+        reel_text_from_tape(text.data() + used, buffer + TAPE_HEADER_SIZE, count));
     *length = reel_next_block(buffer);
   }
   text[used] = '\0';

@@ -1,9 +1,9 @@
 // Members restored by REEL_INTAKE: text decoded into files of SAM and of
 // directories, written in chunks, and renames kept in pgm_map and pgm_list.
+#include <gtest/gtest.h>
+
 #include <filesystem>
 #include <string>
-
-#include <gtest/gtest.h>
 
 #include "e2e/sandbox.h"
 
@@ -16,16 +16,18 @@ const std::string kLine = "line of member text, with   blanks and more\n";
 // 3000 lines of 45 bytes: 135,000 bytes, more than one transfer buffer.
 const std::string kMembers =
     "tape t.tap\nlabel\naccount SALES\n"
-    "file BIGTEXT sam\ntext repeat=3000 '" + kLine.substr(0, kLine.size() - 1) + "\\n'\n"
-    "file EVEN sam\nblock data hex:8AA0C1C2\n"   // newline at offset 0, its pad, "AB"
-    "file ODD sam\nblock data hex:C18AA0C2\n"    // "A", newline at offset 1, a blank, "B"
+    "file BIGTEXT sam\ntext repeat=3000 '" +
+    kLine.substr(0, kLine.size() - 1) +
+    "\\n'\n"
+    "file EVEN sam\nblock data hex:8AA0C1C2\n"  // newline at offset 0, its pad, "AB"
+    "file ODD sam\nblock data hex:C18AA0C2\n"   // "A", newline at offset 1, a blank, "B"
     "file $TOP sam\ntext 'top level\\n'\n"
     "file 'MY NOTE' sam\ntext 'note\\n'\n"
     "file BP dir\n"
     "sub MAIN sam\ntext 'PRINT 1\\n'\n"
     "sub $HIDDEN sam\ntext 'hidden\\n'\n"
     "sub 'MY PROG' sam\ntext 'renamed\\n'\n"
-    "sub LIB dir\n"                              // not a member: passed
+    "sub LIB dir\n"  // not a member: passed
     "end\n";
 
 size_t count_of(const std::string& text, const std::string& part) {
@@ -62,9 +64,9 @@ TEST(Members, TextChunksPadsDollarNamesAndRenamesOverTwoRestores) {
   EXPECT_EQ(count_of(list, "'BP/MY PROG' 'MY_PROGa'\n"), 1u) << list;
   EXPECT_EQ(count_of(list, "'MY NOTE' 'MY_NOTEa'\n"), 2u) << list;
   EXPECT_EQ(count_of(list, "HIDDEN"), 0u);
-  EXPECT_EQ(listed_records(account + "/pgm_map"),
-            (std::vector<std::string>{"BP/MAIN\tMAINa", "BP/MY PROG\tMY_PROGa",
-                                      "MY NOTE\tMY_NOTEa"}));
+  EXPECT_EQ(
+      listed_records(account + "/pgm_map"),
+      (std::vector<std::string>{"BP/MAIN\tMAINa", "BP/MY PROG\tMY_PROGa", "MY NOTE\tMY_NOTEa"}));
 }
 
 }  // namespace

@@ -4,12 +4,12 @@
 // works inside the account, one below the run directory.
 #pragma once
 
+#include <gtest/gtest.h>
+
 #include <algorithm>
 #include <filesystem>
 #include <string>
 #include <vector>
-
-#include <gtest/gtest.h>
 
 #include "support/files.h"
 #include "support/run_program.h"
@@ -69,11 +69,16 @@ inline std::string listed_record(const std::string& key, const std::string& data
     std::string out;
     for (unsigned char c : text) {
       char hex[8];
-      if (c == '\\') out += "\\\\";
-      else if (c == '\t') out += "\\t";
-      else if (c == '\n') out += "\\n";
-      else if (c < 0x20 || c >= 0x7F) out += (std::snprintf(hex, sizeof hex, "\\x%02X", c), hex);
-      else out += static_cast<char>(c);
+      if (c == '\\')
+        out += "\\\\";
+      else if (c == '\t')
+        out += "\\t";
+      else if (c == '\n')
+        out += "\\n";
+      else if (c < 0x20 || c >= 0x7F)
+        out += (std::snprintf(hex, sizeof hex, "\\x%02X", c), hex);
+      else
+        out += static_cast<char>(c);
     }
     return out;
   };

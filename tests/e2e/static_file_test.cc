@@ -2,10 +2,10 @@
 // project's writer, read back through the file library byte for byte:
 // records cut by block ends at every awkward place, the modulo, the key
 // flip, a machine that carries over into the next sub-file, and damage.
+#include <gtest/gtest.h>
+
 #include <string>
 #include <vector>
-
-#include <gtest/gtest.h>
 
 #include "e2e/sandbox.h"
 #include "reel/reel_tape_format.h"
@@ -21,13 +21,15 @@ std::string bytes_of(size_t n, char first) {
 
 // An odd key (with its pad) and odd chunks, marks in the data, an empty
 // record, a record of several chunks, an even key.
-const std::vector<TapeRecord> kRecords = {
-    {"ALPHA", bytes_of(300, 'a')}, {"BETA", "x\xFEy\xFDz\xFCw\xFB"}, {"C", ""},
-    {"DELTA1", bytes_of(600, 'A')}, {"EE", "last one"}};
+const std::vector<TapeRecord> kRecords = {{"ALPHA", bytes_of(300, 'a')},
+                                          {"BETA", "x\xFEy\xFDz\xFCw\xFB"},
+                                          {"C", ""},
+                                          {"DELTA1", bytes_of(600, 'A')},
+                                          {"EE", "last one"}};
 const std::string kLongKey = bytes_of(130, 'k');
 const std::vector<TapeRecord> kDamaged = {
-    {"GOOD1", "first"},       {"BIG", "claims too much", false, RECORD_SIZE_LIMIT / 2},
-    {"GOOD2", "second"},      {kLongKey, "refused"},
+    {"GOOD1", "first"},        {"BIG", "claims too much", false, RECORD_SIZE_LIMIT / 2},
+    {"GOOD2", "second"},       {kLongKey, "refused"},
     {bytes_of(200, 'z'), "x"}, {"GOOD3", "third"}};
 
 // Where each record starts in a sub-file's stream, and where the last ends.
@@ -58,7 +60,8 @@ struct CutCase {
 std::vector<CutCase> cut_cases() {
   const std::vector<size_t> at = offsets(kRecords);
   std::vector<TapeRecord> many;
-  for (int i = 0; i < 300; ++i) many.push_back({"R" + std::to_string(1000 + i).substr(1), bytes_of(100, 'd')});
+  for (int i = 0; i < 300; ++i)
+    many.push_back({"R" + std::to_string(1000 + i).substr(1), bytes_of(100, 'd')});
   std::vector<TapeRecord> open = kRecords;
   open[1].open_end = true;  // BETA is ended by C's size bytes
   return {
@@ -101,7 +104,8 @@ class StaticRestore : public testing::Test {
     file("EMPTY");
     subfile(10, reel_static_stream({}), {}, 1024);  // modulo 11
     file("NOMOD");  // offset 10 holds 0; the first block has 1036 bytes
-    subfile(0, reel_static_stream({{std::string("K\0Y", 3), "zero"}, {"PAD", std::string(1200, 'p')}}),
+    subfile(0,
+            reel_static_stream({{std::string("K\0Y", 3), "zero"}, {"PAD", std::string(1200, 'p')}}),
             {}, 1024);
     file("CARRY");  // the first sub-file ends inside ONE, whose last chunk ends its block
     subfile(3, reel_static_stream({{"ONE", "first", true}}, CHUNK_MAX, false), {}, 1024);
@@ -162,12 +166,14 @@ TEST_F(StaticRestore, DamagedRecordsAreLoggedAndTheRestArrives) {
   const std::string b1 = "Blkno = " + std::to_string(damaged_block_) + " \tRecord error: ";
   const std::string b2 = "Blkno = " + std::to_string(damaged_block_ + 1) + " \tRecord error: ";
   const std::string log = slurp(path("dispmsg"));
-  EXPECT_NE(log.find(b1 + "invalid record size[524288] \n" + b2 + "incompatible key length [130  " +
-                     kLongKey.substr(0, 128) + "...]\n" + b2 + "invalid key length [200] \n3 records"),
-            std::string::npos)
+  EXPECT_NE(
+      log.find(b1 + "invalid record size[524288] \n" + b2 + "incompatible key length [130  " +
+               kLongKey.substr(0, 128) + "...]\n" + b2 + "invalid key length [200] \n3 records"),
+      std::string::npos)
       << log;
   size_t lines = 0;
-  for (size_t at = log.find("Blkno"); at != std::string::npos; at = log.find("Blkno", at + 1)) ++lines;
+  for (size_t at = log.find("Blkno"); at != std::string::npos; at = log.find("Blkno", at + 1))
+    ++lines;
   EXPECT_EQ(lines, 3u) << "no other damage reported";
 }
 

@@ -1,13 +1,14 @@
 // The record machine over blocks cut where no tape of even blocks can cut:
 // a record header split after 1, 2 or 3 bytes. Records are observed where
 // they are handed to the loader, in its small buffer.
+#include "reel/reel_hashed.h"
+
 #include <gtest/gtest.h>
 
 #include <string>
 #include <vector>
 
 #include "reel/reel_app_tuple.h"
-#include "reel/reel_hashed.h"
 #include "reel/reel_tape_format.h"
 #include "reel/reel_tape_writer.h"
 
