@@ -6,7 +6,6 @@
 #include <gtest/gtest.h>
 
 #include <sys/resource.h>
-#include <sys/wait.h>
 
 #include <csignal>
 
@@ -27,6 +26,7 @@
 #include "flib/fl_read.h"
 #include "flib/fl_rel.h"
 #include "flib/fl_write.h"
+#include "support/run_program.h"
 
 namespace {
 
@@ -213,8 +213,7 @@ TEST_F(FlFree, AWriteTooLargeForItsPartJumpsBackAndTheAddGivesUpCleanly) {
   ASSERT_EQ(put_blocks("A", 3), 1);  // over001: header and three blocks
   M_closefile(&rel);
   rel.block_size = 0;
-  pid_t pid = fork();
-  if (pid == 0) {
+  ProgramResult run = run_in_child([&] {
     REL_TYPE child;
     if (M_openfile(&child, path.c_str(), 2) != 1) _exit(10);
     // No file may grow beyond six blocks: the fifth block of "B" fails.
@@ -231,12 +230,8 @@ TEST_F(FlFree, AWriteTooLargeForItsPartJumpsBackAndTheAddGivesUpCleanly) {
       _exit(14);
     if (M_read_key(&child, bytes(std::string("B")), 1) != 0) _exit(15);
     M_closefile(&child);
-    _exit(0);
-  }
-  int status = 0;
-  waitpid(pid, &status, 0);
-  ASSERT_TRUE(WIFEXITED(status));
-  ASSERT_EQ(WEXITSTATUS(status), 0);
+  });
+  ASSERT_EQ(run.status, 0) << run.output;
   // The two blocks that reached the disk are free; nothing else changed.
   ASSERT_EQ(M_openfile(&rel, path.c_str(), 2), 1);
   EXPECT_EQ(header().free_count, 2u);
