@@ -22,12 +22,10 @@ namespace {
 using tape_test::count_of;
 using tape_test::make_tape;
 using tape_test::open_unit_in;
-using tape_test::read_file;
 using tape_test::ReadRun;
 using tape_test::scratch;
 using tape_test::TapeChild;
 using tape_test::unit_dir;
-using tape_test::write_file;
 
 // The child's body: opens the unit in `dir` and prints every block that
 // reel_next_block hands out, up to the end-of-save block.
@@ -75,7 +73,7 @@ TEST_P(BlockChecks, HandOutAndLog) {
   TapeChild child(reader(dir));
   EXPECT_EQ(child.finish(), 0) << child.output();
   EXPECT_EQ(numbers(child.output()), c.handed_out);
-  EXPECT_EQ(read_file(dir + "/dispmsg"), c.logged);
+  EXPECT_EQ(slurp(dir + "/dispmsg"), c.logged);
 }
 
 INSTANTIATE_TEST_SUITE_P(
@@ -140,7 +138,7 @@ TEST_P(TwoReels, NextReelIsAskedForAndTheStreamContinues) {
   EXPECT_EQ(child.finish(), 0) << child.output();
   EXPECT_EQ(numbers(child.output()), (std::vector<int>{1, 2, 3, 1, 2}));
   EXPECT_NE(child.output().find("[block 2 len 608 type 1]"), std::string::npos);
-  EXPECT_EQ(read_file(dir + "/dispmsg"), "");
+  EXPECT_EQ(slurp(dir + "/dispmsg"), "");
 }
 
 INSTANTIATE_TEST_SUITE_P(Framings, TwoReels, testing::Values("plain", "buffered", "cartridge"));
@@ -238,35 +236,13 @@ TEST(ReelTransports, CartridgePayloadLimits) {
   child.send("E\n");
   EXPECT_EQ(child.finish(), 1);
   EXPECT_NE(child.output().find("[block 1 len 1016 type 1]"), std::string::npos);
-  EXPECT_EQ(read_file(dir + "/dispmsg"), "Blkno = 2 \tphysical read tape error block length < len\n");
+  EXPECT_EQ(slurp(dir + "/dispmsg"), "Blkno = 2 \tphysical read tape error block length < len\n");
 
   write_frames(dir + "/c.dat", {frame(5, 1, 6)});
   TapeChild first(reader(dir, run));
   ASSERT_TRUE(first.wait_for("logical read tape error len = 5\n\nGet EOF mark."));
   first.send("E\n");
   EXPECT_EQ(first.finish(), 1);
-}
-
-// Each -M mode reads back what the writer wrote with its inverse, the
-// label block included.
-TEST(ReelTransports, ConversionsApplyToLabelAndBlocks) {
-  for (char mode : {'1', '2', '3'}) {
-    SCOPED_TRACE(mode);
-    std::string dir = unit_dir(std::string("convert") + mode);
-    make_tape(std::string("convert ") + mode + "\ntape " + dir +
-              "/t.tap\nlabel no=7 name=ACCT\nblock data 'plain text'\nend\n");
-    ReadRun run;
-    run.convert = mode;
-    TapeChild child(reader(dir, run));
-    EXPECT_EQ(child.finish(), 0) << child.output();
-    EXPECT_NE(child.output().find("LOGICAL TAPE NUMBER: 7\n"), std::string::npos);
-    // The name's high bits cannot pass through EBCDIC.
-    if (mode != '1') {
-      EXPECT_NE(child.output().find("TAPE NAME:           ACCT\n"), std::string::npos);
-    }
-    EXPECT_EQ(numbers(child.output()), (std::vector<int>{1, 2}));
-    EXPECT_EQ(read_file(dir + "/dispmsg"), "");
-  }
 }
 
 // The label file is passed with plain reads whatever the transport and
@@ -358,16 +334,16 @@ TEST(ReelLogs, CodedLinesAndBadBlocks) {
     reel_log_error(REEL_ERR_ACCOUNT, "ignored");
     reel_log_error(REEL_ERR_DATA, "short record");
     reel_log_error(42, "ignored");
-    write_file("BAD_BLOCKS", "from an earlier run");
+    spill("BAD_BLOCKS", "from an earlier run");
     reel_log_bad_block("FILE1", reinterpret_cast<const unsigned char*>("ab\0c"), 4);
     reel_log_bad_block("FILE2", reinterpret_cast<const unsigned char*>("z"), 1);
   });
   EXPECT_EQ(child.finish(), 0) << child.output();
-  EXPECT_EQ(read_file(dir + "/dispmsg"),
+  EXPECT_EQ(slurp(dir + "/dispmsg"),
             "Blkno = 12 \tGet acct_name error\n"
             "Blkno = 12 \tGet data block error: short record\n"
             "Blkno = 12 \tUnknown error\n");
-  EXPECT_EQ(read_file(dir + "/BAD_BLOCKS"), std::string("\nFILE1\nab\0c\nFILE2\nz", 19));
+  EXPECT_EQ(slurp(dir + "/BAD_BLOCKS"), std::string("\nFILE1\nab\0c\nFILE2\nz", 19));
   EXPECT_EQ(child.output(), "");
 }
 

@@ -14,7 +14,6 @@ namespace {
 
 using tape_test::scratch;
 using tape_test::TapeChild;
-using tape_test::write_file;
 
 // Console messages are collected in the message buffer while a test runs.
 class Tapeinfo : public testing::Test {
@@ -29,7 +28,7 @@ class Tapeinfo : public testing::Test {
   std::string home(const std::string& name, const std::string& table) {
     std::string dir = scratch("tapeinfo_" + name);
     std::filesystem::create_directories(dir + "/sys");
-    write_file(dir + "/sys/tapeinfo", table);
+    spill(dir + "/sys/tapeinfo", table);
     setenv("MRVHOME", dir.c_str(), 1);
     return dir;
   }
@@ -85,10 +84,10 @@ TEST_F(Tapeinfo, MissingTableAndMissingHome) {
   // Without MRVHOME the home comes from the first word of include/path.
   std::string other = home("path", "0 found rfound 6000\n");
   std::filesystem::create_directories(dir + "/include");
-  write_file(dir + "/include/path", other + " trailing words\n");
+  spill(dir + "/include/path", other + " trailing words\n");
   unsetenv("MRVHOME");
   setenv("MRV_REGISTRY", (dir + "/registry").c_str(), 1);
-  write_file(dir + "/registry", "MRVHOME=" + dir + "\n");
+  spill(dir + "/registry", "MRVHOME=" + dir + "\n");
   EXPECT_EQ(reel_read_tapeinfo('0'), 1);
   EXPECT_EQ(non_rewind_device, "found");
 

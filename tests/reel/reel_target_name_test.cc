@@ -178,7 +178,7 @@ TEST(TargetName, OverwriteOfOneHalfKeepsTheOther) {
 // -H DYNAMIC1 applies to dynamic sources only.
 TEST(TargetName, BlockListAndHashType) {
   std::string dir = tape_test::scratch("target_block");
-  tape_test::write_file(dir + "/blocks", "CUST 4\n");
+  spill(dir + "/blocks", "CUST 4\n");
   ProgramResult r = in_account(
       dir,
       [&](RunSettings& s) {

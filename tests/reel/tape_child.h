@@ -13,7 +13,6 @@
 #include <csignal>
 #include <cstdio>
 #include <filesystem>
-#include <fstream>
 #include <functional>
 #include <sstream>
 #include <string>
@@ -26,6 +25,7 @@
 #include "reel/reel_device.h"
 #include "reel/reel_settings.h"
 #include "reel/reel_tape_script.h"
+#include "support/files.h"
 
 namespace tape_test {
 
@@ -37,17 +37,6 @@ inline std::string scratch(const std::string& name) {
   fs::remove_all(dir);
   fs::create_directories(dir);
   return dir.string();
-}
-
-inline void write_file(const std::string& path, const std::string& text) {
-  std::ofstream(path, std::ios::binary) << text;
-}
-
-inline std::string read_file(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  std::stringstream s;
-  s << in.rdbuf();
-  return s.str();
 }
 
 inline size_t count_of(const std::string& text, const std::string& part) {
@@ -62,7 +51,7 @@ inline std::string unit_dir(const std::string& name,
                             const std::string& line = "0 t.tap rt.tap 8192") {
   std::string dir = scratch(name);
   fs::create_directories(dir + "/sys");
-  write_file(dir + "/sys/tapeinfo", line + "\n");
+  spill(dir + "/sys/tapeinfo", line + "\n");
   return dir;
 }
 
