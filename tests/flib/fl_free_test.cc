@@ -9,7 +9,6 @@
 
 #include <csignal>
 
-#include <map>
 #include <string>
 #include <vector>
 

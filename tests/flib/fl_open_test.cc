@@ -5,7 +5,6 @@
 #include <filesystem>
 #include <functional>
 #include <string>
-#include <vector>
 
 #include "fl_test_util.h"
 #include "flib/fl_block.h"
