@@ -92,16 +92,6 @@ TEST_F(FlWrite, AKeyWithoutRoomEvictsTheFirstInBlockRecordToADataBlock) {
   EXPECT_EQ(findings(), "");
 }
 
-TEST_F(FlWrite, KeyRoomInABlockWithoutKeysOnlyMovesDatapos) {
-  open_new(false, 0);
-  uint8_t block[512];
-  init_group_block(&rel, block, 0, FLAG_HEAD);
-  ASSERT_EQ(make_keyspace(&rel, block, 512, 120, 0), 512);
-  EXPECT_EQ(gb_datapos(block), 124 + 120);
-  EXPECT_EQ(gb_byteleft(block), 512 - 124 - 120);
-  EXPECT_EQ(gb_key_count(block), 0);
-}
-
 TEST_F(FlWrite, AddModesRefuseWithoutTouchingTheDisk) {
   open_new(true, 1);
   ASSERT_EQ(put("A", "one"), 1);
