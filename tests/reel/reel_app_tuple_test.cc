@@ -7,7 +7,7 @@
 #include <string>
 
 #include "common/mrv_marks.h"
-#include "flib/fl_check.h"
+#include "flib/fl_test_util.h"
 #include "flib/fl_open.h"
 #include "flib/fl_read.h"
 #include "reel/account_child.h"
@@ -81,8 +81,7 @@ TEST(Loader, FlushesResizesAndEnds) {
     const std::string list = slurp(dir + "/ACC/resize_list");
     EXPECT_EQ(list.starts_with("'\tCUST \t\t"), c.resize_list) << trace << list;
     EXPECT_EQ(r.output.find("files overflowed, Check resize_list") != std::string::npos, c.resize_list);
-    std::vector<std::string> findings;
-    EXPECT_EQ(M_check_file((dir + "/ACC/CUST").c_str(), &findings), 0) << trace;
+    EXPECT_EQ(check_findings(dir + "/ACC/CUST"), "") << trace;
     REL_TYPE rel;
     ASSERT_EQ(M_openfile(&rel, (dir + "/ACC/CUST").c_str(), 0), 1);
     int found = 0;
@@ -136,8 +135,7 @@ TEST(Loader, HostileNameInResizeList) {
         reel_close_account();
       });
   EXPECT_TRUE(slurp(dir + "/ACC/resize_list").starts_with("'\tx'; touch PWNED; ' \t\t")) << r.output;
-  std::vector<std::string> findings;
-  EXPECT_EQ(M_check_file((dir + "/ACC/x';_touch_PWNED;_'a").c_str(), &findings), 0) << r.output;
+  EXPECT_EQ(check_findings(dir + "/ACC/x';_touch_PWNED;_'a"), "") << r.output;
   EXPECT_FALSE(std::filesystem::exists(dir + "/ACC/PWNED"));
   EXPECT_FALSE(std::filesystem::exists(dir + "/PWNED"));
 }
