@@ -45,9 +45,6 @@ Records make_records(uint32_t seed, int count, uint32_t b) {
   return out;
 }
 
-const uint8_t* bytes(const std::string& s) { return reinterpret_cast<const uint8_t*>(s.data()); }
-int32_t length(const std::string& s) { return static_cast<int32_t>(s.size()); }
-
 void expect_all_readable(const std::string& path, const Records& records) {
   REL_TYPE rel;
   ASSERT_EQ(M_openfile(&rel, path.c_str(), 0), 1);
