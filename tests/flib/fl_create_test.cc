@@ -178,6 +178,7 @@ TEST_F(FlCreate, MoreGroupsThanOnePartHoldsStartDat002AtItsFirstGroup) {
   for (uint32_t g = 0; g < 7; ++g) expect_head(dat1, (g + 1) * 1024, 1024, g, 65, 0);
   for (uint32_t g = 7; g < 10; ++g) expect_head(dat2, (g - 6) * 1024, 1024, g, 65, 0);
   expect_overflow_header(read_bytes(path + "/over001"), 1024, 1024, 10, 60, 40, 2, 1);
+  EXPECT_EQ(check_findings(path), "");
 
   REL_TYPE rel;
   ASSERT_EQ(M_openfile(&rel, path.c_str(), 2), 1);
