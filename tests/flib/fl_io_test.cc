@@ -65,17 +65,10 @@ TEST(FlIo, GroupBlockValidationInOrder) {
   EXPECT_STREQ(group_block_fault(block.data(), B, true, text, sizeof text), "key table");
 }
 
-class FlIoFile : public testing::Test {
+// A static file of 3 groups of 1 KiB blocks.
+class FlIoFile : public RecordFile {
  protected:
-  TempDir tmp;
-  std::string path;
-  REL_TYPE rel;
-  void SetUp() override {
-    path = tmp.str() + "/S";
-    ASSERT_EQ(M_create_hashed(path.c_str(), 3, 1, 0, 0, nullptr), 1);
-    ASSERT_EQ(M_openfile(&rel, path.c_str(), 2), 1);
-  }
-  void TearDown() override { M_closefile(&rel); }
+  void SetUp() override { create(3, 1, 0); }
   std::string failing(const std::function<int()>& call) {
     testing::internal::CaptureStdout();
     EXPECT_EQ(call(), -1);
@@ -261,12 +254,10 @@ TEST_F(FlIoFile, ArrangeDropsTheLongTailMarkAndFreesEmptyBlocks) {
   EXPECT_NE(out.find("movlen error in M_arrange_block"), std::string::npos);
 }
 
-TEST(FlIoDynamic, EmptiedBlocksGoBackToTheOverflowPart) {
-  TempDir tmp;
-  std::string path = tmp.str() + "/D";
-  ASSERT_EQ(M_create_hashed(path.c_str(), 3, 1, 64, 0, nullptr), 1);
-  REL_TYPE rel;
-  ASSERT_EQ(M_openfile(&rel, path.c_str(), 2), 1);
+class FlIoOverflow : public RecordFile {};
+
+TEST_F(FlIoOverflow, EmptiedBlocksGoBackToTheOverflowPart) {
+  create(3, 1, 64);
   M_groupno = 0;
   // A full group free list sends the emptied block to the file.
   auto a = records_in_block(ADDR_OVERFLOW | B, 0, {"rec"});
@@ -295,7 +286,6 @@ TEST(FlIoDynamic, EmptiedBlocksGoBackToTheOverflowPart) {
   EXPECT_EQ(fl_get_u32(list, FL_NEXT), 0u);
   EXPECT_EQ(fl_get_u32(list, FL_ENTRIES), ADDR_OVERFLOW | 2 * B);
   EXPECT_EQ(fl_get_u32(list, FL_ENTRIES + 4), ADDR_OVERFLOW | 3 * B);
-  M_closefile(&rel);
 }
 
 }  // namespace
