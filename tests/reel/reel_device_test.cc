@@ -122,11 +122,8 @@ TEST_P(TwoReels, NextReelIsAskedForAndTheStreamContinues) {
             "block description \"FILE\"\nblock data zeros:600 'x'\nblock data 'y'\n"
             "tape " + dir + "/two.tap\nlabel\nblock data 'z'\nend\n");
   std::filesystem::create_symlink("one.tap", dir + "/t.tap");
-  ReadRun run;
-  run.convert = '2';
-  run.buffered = framing == "buffered";
-  run.cartridge = framing == "cartridge";
-  TapeChild child(reader(dir, run));
+  TapeChild child(reader(dir, {.convert = '2', .buffered = framing == "buffered",
+                               .cartridge = framing == "cartridge"}));
   ASSERT_TRUE(child.wait_for("TAPE NAME:           ACCT\nDATE(MM-DD-YY):      03-17-92\n"
                              "REV NO:              2\n\n"));
   ASSERT_TRUE(child.wait_for("Input C to continue next reel . or E to end\n"));
@@ -194,10 +191,7 @@ TEST(ReelTransports, ZeroLengthHeaderIsAFilemark) {
                                stream ? "9 s.dat rs.dat 8192" : "0 s.dat rs.dat 8192");
     make_tape(std::string("framing ") + kind + "\ntape " + dir +
               "/s.dat\nblock data 'a'\nblock data 'b'\nraw hex:000300000001\nblock data 'd'\n");
-    ReadRun run;
-    run.unit = stream ? '9' : '0';
-    run.buffered = !stream;
-    TapeChild child(reader(dir, run));
+    TapeChild child(reader(dir, {.unit = stream ? '9' : '0', .buffered = !stream}));
     ASSERT_TRUE(child.wait_for("\nGet EOF mark."));
     child.send("E\n");
     EXPECT_EQ(child.finish(), 1);
@@ -227,8 +221,7 @@ TEST(ReelTransports, CartridgePayloadLimits) {
   // Block 1 fills two frames of 508; block 2's second frame claims 509.
   write_frames(dir + "/c.dat", {frame(508, 1, 1016), frame(508, 0, 0), frame(508, 2, 1016),
                                 frame(509, 0, 0)});
-  ReadRun run;
-  run.cartridge = true;
+  const ReadRun run{.cartridge = true};
   TapeChild child(reader(dir, run));
   ASSERT_TRUE(child.wait_for("logical read tape error len = 509\n"));
   ASSERT_TRUE(child.wait_for("Input C to continue next reel"));
@@ -265,10 +258,7 @@ TEST(ReelReadLabel, LabelFileIsPassedWithoutParsing) {
   ASSERT_EQ(reel_writer_block(w, TAPE_BLOCK_DATA, text.data(), text.size()), 0);
   ASSERT_EQ(reel_writer_end_save(w), 0);
   ASSERT_EQ(reel_writer_close(w), 0);
-  ReadRun run;
-  run.buffered = true;
-  run.convert = '2';
-  TapeChild child(reader(dir, run));
+  TapeChild child(reader(dir, {.convert = '2', .buffered = true}));
   EXPECT_EQ(child.finish(), 0) << child.output();
   EXPECT_EQ(count_of(child.output(), "LOGICAL TAPE NUMBER"), 1u);
   EXPECT_EQ(numbers(child.output()), (std::vector<int>{1, 2}));
@@ -281,9 +271,7 @@ TEST(ReelReadLabel, PassedLabelFileIsNotReadAgain) {
   std::string dir = unit_dir("label_zero", "0 s.dat rs.dat 8192");
   make_tape("framing buffered\ntape " + dir + "/s.dat\n"
             "raw hex:0000000c00048000b0b1b0b1b9b200000000a0a0a0a0a0a0\nblock data 'a'\n");
-  ReadRun run;
-  run.buffered = true;
-  TapeChild child(reader(dir, run));
+  TapeChild child(reader(dir, {.buffered = true}));
   ASSERT_TRUE(child.wait_for("\nGet EOF mark."));
   child.send("E\n");
   EXPECT_EQ(child.finish(), 1);
