@@ -13,7 +13,6 @@
 namespace {
 
 using tape_test::scratch;
-using tape_test::write_file;
 
 // Writes an image of records (an empty string is a tape mark).
 void write_image(const std::string& path, const std::vector<std::string>& records) {
@@ -37,7 +36,7 @@ std::string read_one(int slot, int count = 100) {
 
 TEST(MNTTapeTable, EleventhOpenFailsAndFreeSlotsCloseHarmlessly) {
   std::string file = scratch("table") + "/f";
-  write_file(file, "x");
+  spill(file, "x");
   std::vector<int> slots;
   for (int i = 0; i < MNT_TAPE_SLOTS; ++i) slots.push_back(MNT_TapeOpen(file.c_str(), MNT_TAPE_READ));
   for (int i = 0; i < MNT_TAPE_SLOTS; ++i) EXPECT_EQ(slots[static_cast<size_t>(i)], i);
@@ -128,7 +127,7 @@ TEST(MNTTapeImage, DamagedImageIsAFaultThenTheEnd) {
 
 TEST(MNTTapeFile, RNameIsThePlainFileAndEndOfFileReadsAsZero) {
   std::string dir = scratch("plain");
-  write_file(dir + "/TAPEFILE", "0123456789");
+  spill(dir + "/TAPEFILE", "0123456789");
   std::string name = "r" + dir + "/TAPEFILE";
   int slot = MNT_TapeOpen(name.c_str(), MNT_TAPE_READ);
   ASSERT_GE(slot, 0);

@@ -1,9 +1,7 @@
 // Report files: the mrv.errlog stanza and failed platform calls.
 #include <cerrno>
 #include <cstdlib>
-#include <fstream>
 #include <regex>
-#include <sstream>
 #include <string>
 
 #include <gtest/gtest.h>

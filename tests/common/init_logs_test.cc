@@ -36,34 +36,29 @@ TEST(LogRule, LaterDigitsOfALevelStopAtEight) {
   EXPECT_FALSE(log_parse_single_rule("2 ?"));
 }
 
-TEST(LogRule, AProcessNumberBeatsAnEarlierNameMatch) {
-  const char* file =
-      "# rules of this machine\n"
-      "\n"
-      "  morvane = 4 /PID,\n"
-      "rfs = 6,\n"
-      "4242 = 1 /DT,\n"
-      "morvane = 7,\n"
-      "0\n"
-      "4243 = 9,\n";
-  auto rule = log_select_rule(file, 4242, "morvane");
-  ASSERT_TRUE(rule);
-  EXPECT_EQ(rule->level, 1);
-  rule = log_select_rule(file, 1, "morvane");  // the first name match
-  ASSERT_TRUE(rule);
-  EXPECT_EQ(rule->level, 4);
-  EXPECT_FALSE(log_select_rule(file, 4243, "other"));  // "0" ended the rules
-}
-
-TEST(LogRule, ABrokenRuleEndsTheReading) {
-  const char* file = "other = 2,\n1000 = 19,\n1000 = 3,\n";
-  EXPECT_FALSE(log_select_rule(file, 1000, "morvane"));
-  const char* earlier = "morvane = 5,\n1000 = 19,\n1000 = 3,\n";
-  auto rule = log_select_rule(earlier, 1000, "morvane");
-  ASSERT_TRUE(rule);
-  EXPECT_EQ(rule->level, 5);
-  EXPECT_FALSE(log_select_rule("# only\n#comments\n", 1, "morvane"));
-  EXPECT_FALSE(log_select_rule("x = 2 #no\n", 1, "x"));  // "#" inside a line is ordinary
+// Which rule of a file a process takes: a process number beats an earlier
+// name match, "0" ends the rules, a broken rule ends the reading.
+TEST(LogRule, SelectionFromAFile) {
+  const std::string machine =
+      "# rules of this machine\n\n  morvane = 4 /PID,\nrfs = 6,\n4242 = 1 /DT,\nmorvane = 7,\n0\n4243 = 9,\n";
+  struct Case {
+    std::string file;
+    int pid;
+    const char* name;
+    int level;  // -1: no rule
+  } cases[] = {
+      {machine, 4242, "morvane", 1},
+      {machine, 1, "morvane", 4},  // the first name match
+      {machine, 4243, "other", -1},
+      {"other = 2,\n1000 = 19,\n1000 = 3,\n", 1000, "morvane", -1},
+      {"morvane = 5,\n1000 = 19,\n1000 = 3,\n", 1000, "morvane", 5},
+      {"# only\n#comments\n", 1, "morvane", -1},
+      {"x = 2 #no\n", 1, "x", -1},  // "#" inside a line is ordinary
+  };
+  for (const Case& c : cases) {
+    auto rule = log_select_rule(c.file, c.pid, c.name);
+    EXPECT_EQ(rule ? rule->level : -1, c.level) << c.file << c.pid;
+  }
 }
 
 TEST(LogRule, FiltersCompareTheLastPathPartWithCaseFolded) {

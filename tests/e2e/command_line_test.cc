@@ -1,11 +1,10 @@
 // The command line of REEL_INTAKE, run as the real program.
-#include <filesystem>
-#include <fstream>
 #include <string>
 
 #include <gtest/gtest.h>
 
 #include "reel/reel_init.h"
+#include "support/files.h"
 #include "support/run_program.h"
 #include "support/temp_dir.h"
 
@@ -75,9 +74,7 @@ TEST(CommandLine, BannerComesFirstThenTheFailureOfStartUp) {
 TEST(CommandLine, AdministratorStopEndsTheRunBeforeHomeIsLookedAt) {
   TempDir dir;
   std::string registry = dir.str() + "/registry";
-  FILE* f = std::fopen(registry.c_str(), "w");
-  std::fputs("STOPPED=1\n", f);
-  std::fclose(f);
+  spill(registry, "STOPPED=1\n");
   ProgramResult r = run_program({.program = "REEL_INTAKE",
                                  .args = {"-A", "plan"},
                                  .env = {{"MRV_REGISTRY", registry}},
@@ -91,7 +88,7 @@ TEST(CommandLine, AdministratorStopEndsTheRunBeforeHomeIsLookedAt) {
 TEST(CommandLine, ListsThatHoldNothingAreRefused) {
   TempDir dir;
   std::string blank = dir.str() + "/blank";
-  std::ofstream(blank) << "\n   \n";
+  spill(blank, "\n   \n");
   ProgramResult r = reel({"-B", blank, "acct"});
   EXPECT_EQ(r.status, 1);
   EXPECT_EQ(r.output, "Illegal blocksize filelist\n" + kUsage);

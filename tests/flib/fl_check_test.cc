@@ -61,13 +61,6 @@ class FlCheck : public testing::Test {
   }
 };
 
-TEST_F(FlCheck, FreshAndFilledFilesAreSound) {
-  EXPECT_EQ(joined(check(path)), "");
-  std::string dyn = dir + "/D";
-  ASSERT_EQ(M_create_hashed(dyn.c_str(), 9, 1, 65, 0, nullptr), 1);
-  EXPECT_EQ(joined(check(dyn)), "");
-}
-
 TEST_F(FlCheck, KeyInTheWrongGroup) {
   auto head = make_group_block(B, B * 3, 2, FLAG_HEAD, {"A"});
   put_block(path, 3, head);

@@ -92,6 +92,8 @@ void expect_overflow_header(const std::vector<uint8_t>& f, uint32_t b, uint32_t 
 
 class FlCreate : public testing::Test {
  protected:
+  TempDir tmp;
+  std::string dir = tmp.str();
   void SetUp() override {
     M_file_time_stamp = kStamp;
     M_spread = 0;
@@ -100,8 +102,6 @@ class FlCreate : public testing::Test {
 };
 
 TEST_F(FlCreate, StaticFilesAreByteExactForEveryBlockSize) {
-  TempDir tmp;
-  std::string dir = tmp.str();
   struct Case {
     int32_t create_code;
     int32_t header_code;
@@ -128,8 +128,6 @@ TEST_F(FlCreate, StaticFilesAreByteExactForEveryBlockSize) {
 }
 
 TEST_F(FlCreate, StaticFileTooLargeIsRefusedAndRemoved) {
-  TempDir tmp;
-  std::string dir = tmp.str();
   std::string path = dir + "/BIG";
   testing::internal::CaptureStdout();
   EXPECT_EQ(M_create_hashed(path.c_str(), 131072, 16, 0, 0, nullptr), 0);
@@ -138,8 +136,6 @@ TEST_F(FlCreate, StaticFileTooLargeIsRefusedAndRemoved) {
 }
 
 TEST_F(FlCreate, DynamicFileInOnePart) {
-  TempDir tmp;
-  std::string dir = tmp.str();
   std::string path = dir + "/D";
   ASSERT_EQ(M_create_hashed(path.c_str(), 5, 1, 64, 0, nullptr), 1);
   auto dat = read_bytes(path + "/dat001");
@@ -171,8 +167,6 @@ TEST_F(FlCreate, DynamicFileInOnePart) {
 
 TEST_F(FlCreate, MoreGroupsThanOnePartHoldsStartDat002AtItsFirstGroup) {
   ScopedEnv length("MAX_FLENGTH", "8192");  // 7 groups of 1024 bytes per part
-  TempDir tmp;
-  std::string dir = tmp.str();
   std::string path = dir + "/D";
   ASSERT_EQ(M_create_hashed(path.c_str(), 10, 1, 65, 0, nullptr), 1);
   auto dat1 = read_bytes(path + "/dat001");
@@ -184,6 +178,7 @@ TEST_F(FlCreate, MoreGroupsThanOnePartHoldsStartDat002AtItsFirstGroup) {
   for (uint32_t g = 0; g < 7; ++g) expect_head(dat1, (g + 1) * 1024, 1024, g, 65, 0);
   for (uint32_t g = 7; g < 10; ++g) expect_head(dat2, (g - 6) * 1024, 1024, g, 65, 0);
   expect_overflow_header(read_bytes(path + "/over001"), 1024, 1024, 10, 60, 40, 2, 1);
+  EXPECT_EQ(check_findings(path), "");
 
   REL_TYPE rel;
   ASSERT_EQ(M_openfile(&rel, path.c_str(), 2), 1);
@@ -201,8 +196,6 @@ TEST_F(FlCreate, MoreGroupsThanOnePartHoldsStartDat002AtItsFirstGroup) {
 }
 
 TEST_F(FlCreate, SpreadLayoutsAssignOverflowParts) {
-  TempDir tmp;
-  std::string dir = tmp.str();
   {
     ScopedEnv length("MAX_FLENGTH", "8192");
     M_spread = 1;
@@ -244,8 +237,6 @@ TEST_F(FlCreate, SpreadLayoutsAssignOverflowParts) {
 }
 
 TEST_F(FlCreate, LoadsComeFromTheSettingsByAccounting) {
-  TempDir tmp;
-  std::string dir = tmp.str();
   {
     ScopedEnv split("SPLIT_LOAD", "100");
     ScopedEnv merge("MERGE_LOAD", "95");
@@ -269,8 +260,6 @@ TEST_F(FlCreate, LoadsComeFromTheSettingsByAccounting) {
 }
 
 TEST_F(FlCreate, InitfileTakesLoadsAndTriggersFromTheHandle) {
-  TempDir tmp;
-  std::string dir = tmp.str();
   std::string path = dir + "/H";
   ASSERT_EQ(mkdir(path.c_str(), 0777), 0);
   int fd = open((path + "/dat001").c_str(), O_RDWR | O_CREAT, 0666);
@@ -297,8 +286,6 @@ TEST_F(FlCreate, InitfileTakesLoadsAndTriggersFromTheHandle) {
 }
 
 TEST_F(FlCreate, LaterPartsGrowAnOpenFile) {
-  TempDir tmp;
-  std::string dir = tmp.str();
   std::string path = dir + "/G";
   ASSERT_EQ(M_create_hashed(path.c_str(), 4, 1, 64, 0, nullptr), 1);
   REL_TYPE rel;

@@ -6,11 +6,9 @@
 #include <gtest/gtest.h>
 
 #include <sys/resource.h>
-#include <sys/wait.h>
 
 #include <csignal>
 
-#include <map>
 #include <string>
 #include <vector>
 
@@ -27,45 +25,26 @@
 #include "flib/fl_read.h"
 #include "flib/fl_rel.h"
 #include "flib/fl_write.h"
+#include "support/run_program.h"
 
 namespace {
 
 constexpr uint32_t B = 1024;
 constexpr uint32_t kUsable = B - 12;
 
-const uint8_t* bytes(const std::string& s) { return reinterpret_cast<const uint8_t*>(s.data()); }
-
-class FlFree : public testing::Test {
+class FlFree : public RecordFile {
  protected:
-  TempDir tmp;
-  std::string path;
-  REL_TYPE rel;
-
   // A dynamic file of 1 KiB blocks; `max_flength` sets MAX_FLENGTH.
   void open_new(int32_t modulo, int32_t spread = 0, const char* max_flength = nullptr) {
-    path = tmp.str() + "/D";
     M_spread = spread;
     if (max_flength != nullptr) setenv("MAX_FLENGTH", max_flength, 1);
-    ASSERT_EQ(M_create_hashed(path.c_str(), modulo, 1, 64, 0, nullptr), 1);
+    create(modulo, 1, 64);
     unsetenv("MAX_FLENGTH");
     M_spread = 0;
-    ASSERT_EQ(M_openfile(&rel, path.c_str(), 2), 1);
-  }
-  void TearDown() override {
-    if (rel.block_size != 0) M_closefile(&rel);
   }
   // A record of exactly `blocks` blocks.
   int put_blocks(const std::string& key, uint32_t blocks) {
     return put(key, std::string(blocks * kUsable - 1, key[0]));
-  }
-  int put(const std::string& key, const std::string& record) {
-    return M_append_strtuple(&rel, bytes(key), static_cast<int32_t>(key.size()), bytes(record),
-                             static_cast<int32_t>(record.size()), 0, nullptr);
-  }
-  std::string get(const std::string& key) {
-    std::string record;
-    EXPECT_EQ(M_read_tuple(&rel, bytes(key), static_cast<int32_t>(key.size()), &record), 1) << key;
-    return record;
   }
   OverflowHeader header(uint32_t part = 1) {
     uint8_t block[B];
@@ -73,7 +52,6 @@ class FlFree : public testing::Test {
     return decode_overflow_header(block);
   }
   size_t part_size(const char* name) { return read_bytes(path + "/" + name).size(); }
-  std::string findings() { return check_findings(path); }
 };
 
 TEST_F(FlFree, AFullStackSpillsIntoAListBlockThatIsItselfTakenLater) {
@@ -213,8 +191,7 @@ TEST_F(FlFree, AWriteTooLargeForItsPartJumpsBackAndTheAddGivesUpCleanly) {
   ASSERT_EQ(put_blocks("A", 3), 1);  // over001: header and three blocks
   M_closefile(&rel);
   rel.block_size = 0;
-  pid_t pid = fork();
-  if (pid == 0) {
+  ProgramResult run = run_in_child([&] {
     REL_TYPE child;
     if (M_openfile(&child, path.c_str(), 2) != 1) _exit(10);
     // No file may grow beyond six blocks: the fifth block of "B" fails.
@@ -231,12 +208,8 @@ TEST_F(FlFree, AWriteTooLargeForItsPartJumpsBackAndTheAddGivesUpCleanly) {
       _exit(14);
     if (M_read_key(&child, bytes(std::string("B")), 1) != 0) _exit(15);
     M_closefile(&child);
-    _exit(0);
-  }
-  int status = 0;
-  waitpid(pid, &status, 0);
-  ASSERT_TRUE(WIFEXITED(status));
-  ASSERT_EQ(WEXITSTATUS(status), 0);
+  });
+  ASSERT_EQ(run.status, 0) << run.output;
   // The two blocks that reached the disk are free; nothing else changed.
   ASSERT_EQ(M_openfile(&rel, path.c_str(), 2), 1);
   EXPECT_EQ(header().free_count, 2u);

@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 
 #include <sys/resource.h>
-#include <sys/wait.h>
 
 #include <csignal>
 #include <cstring>
@@ -20,6 +19,7 @@
 #include "flib/fl_coding.h"
 #include "flib/fl_free.h"
 #include "flib/fl_ovhdr.h"
+#include "support/run_program.h"
 
 namespace {
 
@@ -65,17 +65,10 @@ TEST(FlIo, GroupBlockValidationInOrder) {
   EXPECT_STREQ(group_block_fault(block.data(), B, true, text, sizeof text), "key table");
 }
 
-class FlIoFile : public testing::Test {
+// A static file of 3 groups of 1 KiB blocks.
+class FlIoFile : public RecordFile {
  protected:
-  TempDir tmp;
-  std::string path;
-  REL_TYPE rel;
-  void SetUp() override {
-    path = tmp.str() + "/S";
-    ASSERT_EQ(M_create_hashed(path.c_str(), 3, 1, 0, 0, nullptr), 1);
-    ASSERT_EQ(M_openfile(&rel, path.c_str(), 2), 1);
-  }
-  void TearDown() override { M_closefile(&rel); }
+  void SetUp() override { create(3, 1, 0); }
   std::string failing(const std::function<int()>& call) {
     testing::internal::CaptureStdout();
     EXPECT_EQ(call(), -1);
@@ -169,9 +162,6 @@ TEST_F(FlIoFile, GroupScanFollowsTheChain) {
             "1:blksize=1024, datapos=50  error in M_read_grpblk for file '" + path + "', key 'A', number=0\n");
 }
 
-}  // namespace
-
-namespace {
 
 // A head block written past the size limit of its primary part opens a new
 // part at offset B, with the positions of its in-block records rebased.
@@ -179,8 +169,7 @@ TEST(FlIoDynamic, FullPrimaryPartMovesTheHeadToANewPart) {
   TempDir tmp;
   std::string path = tmp.str() + "/D";
   ASSERT_EQ(M_create_hashed(path.c_str(), 3, 1, 64, 0, nullptr), 1);
-  pid_t pid = fork();
-  if (pid == 0) {
+  ProgramResult child = run_in_child([&] {
     REL_TYPE rel;
     if (M_openfile(&rel, path.c_str(), 2) != 1) _exit(10);
     // dat001 may not grow beyond its 4 blocks.
@@ -193,12 +182,8 @@ TEST(FlIoDynamic, FullPrimaryPartMovesTheHeadToANewPart) {
     if (M_blkwrite(&rel, 4 * B, head.data()) != 1) _exit(12);
     if (rel.primary.size() != 2 || rel.primary[1].first_group != 3) _exit(13);
     M_closefile(&rel);
-    _exit(0);
-  }
-  int status = 0;
-  waitpid(pid, &status, 0);
-  ASSERT_TRUE(WIFEXITED(status));
-  ASSERT_EQ(WEXITSTATUS(status), 0);
+  });
+  ASSERT_EQ(child.status, 0);
   EXPECT_EQ(read_bytes(path + "/dat001").size(), 4 * B);
   auto dat2 = read_bytes(path + "/dat002");
   ASSERT_EQ(dat2.size(), 2 * B);
@@ -210,9 +195,6 @@ TEST(FlIoDynamic, FullPrimaryPartMovesTheHeadToANewPart) {
   EXPECT_EQ(fl_get_u16(read_bytes(path + "/over001").data(), 52), 2);
 }
 
-}  // namespace
-
-namespace {
 
 // A data block (whose positions start at `base`) holding the records one
 // after another from offset 12, and a head block whose rows point to them.
@@ -272,12 +254,10 @@ TEST_F(FlIoFile, ArrangeDropsTheLongTailMarkAndFreesEmptyBlocks) {
   EXPECT_NE(out.find("movlen error in M_arrange_block"), std::string::npos);
 }
 
-TEST(FlIoDynamic, EmptiedBlocksGoBackToTheOverflowPart) {
-  TempDir tmp;
-  std::string path = tmp.str() + "/D";
-  ASSERT_EQ(M_create_hashed(path.c_str(), 3, 1, 64, 0, nullptr), 1);
-  REL_TYPE rel;
-  ASSERT_EQ(M_openfile(&rel, path.c_str(), 2), 1);
+class FlIoOverflow : public RecordFile {};
+
+TEST_F(FlIoOverflow, EmptiedBlocksGoBackToTheOverflowPart) {
+  create(3, 1, 64);
   M_groupno = 0;
   // A full group free list sends the emptied block to the file.
   auto a = records_in_block(ADDR_OVERFLOW | B, 0, {"rec"});
@@ -306,7 +286,6 @@ TEST(FlIoDynamic, EmptiedBlocksGoBackToTheOverflowPart) {
   EXPECT_EQ(fl_get_u32(list, FL_NEXT), 0u);
   EXPECT_EQ(fl_get_u32(list, FL_ENTRIES), ADDR_OVERFLOW | 2 * B);
   EXPECT_EQ(fl_get_u32(list, FL_ENTRIES + 4), ADDR_OVERFLOW | 3 * B);
-  M_closefile(&rel);
 }
 
 }  // namespace

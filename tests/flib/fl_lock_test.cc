@@ -31,20 +31,10 @@ TEST(FlLock, NamedLocksAreGrantedAtOnceAndCutAt127) {
 }
 
 TEST(FlLock, LockFifoOnlyForExactlyOne) {
-  {
-    ScopedEnv fifo("LOCKFIFO", "0");
+  for (const char* value : {"0", "1", "2"}) {
+    ScopedEnv fifo("LOCKFIFO", value);
     M_check_lock_config();
-    EXPECT_EQ(M_lock_fifo, 0);
-  }
-  {
-    ScopedEnv fifo("LOCKFIFO", "1");
-    M_check_lock_config();
-    EXPECT_EQ(M_lock_fifo, 1);
-  }
-  {
-    ScopedEnv fifo("LOCKFIFO", "2");
-    M_check_lock_config();
-    EXPECT_EQ(M_lock_fifo, 0);
+    EXPECT_EQ(M_lock_fifo, std::string(value) == "1" ? 1 : 0) << value;
   }
 }
 

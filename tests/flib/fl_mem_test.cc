@@ -45,9 +45,6 @@ Records make_records(uint32_t seed, int count, uint32_t b) {
   return out;
 }
 
-const uint8_t* bytes(const std::string& s) { return reinterpret_cast<const uint8_t*>(s.data()); }
-int32_t length(const std::string& s) { return static_cast<int32_t>(s.size()); }
-
 void expect_all_readable(const std::string& path, const Records& records) {
   REL_TYPE rel;
   ASSERT_EQ(M_openfile(&rel, path.c_str(), 0), 1);
@@ -168,19 +165,15 @@ TEST(FlMem, ABufferedLoadIntoAFileWrittenRecordByRecordKeepsItsBlocks) {
 }
 
 // A static file of 400 groups of 1 KiB blocks under the buffered writer.
-class FlMemPools : public testing::Test {
+class FlMemPools : public RecordFile {
  protected:
-  TempDir tmp;
-  std::string path = tmp.str() + "/S";
-  REL_TYPE rel;
   void SetUp() override {
-    ASSERT_EQ(M_create_hashed(path.c_str(), 400, 1, 0, 0, nullptr), 1);
-    ASSERT_EQ(M_openfile(&rel, path.c_str(), 2), 1);
+    create(400, 1, 0);
     ASSERT_EQ(M_init_mem_buffers(&rel), 1);
   }
   void TearDown() override {
     M_mem_force_flush(&rel, 1);
-    M_closefile(&rel);
+    RecordFile::TearDown();
   }
 };
 

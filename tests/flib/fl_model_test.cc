@@ -117,7 +117,7 @@ TEST(FlModel, DynamicFilesAgreeWithTheMap) {
 
 // Replays one seed with the check after every operation; not part of the
 // suite, run by hand:
-//   MODEL_SEED=2001 MODEL_CODE=1 [MODEL_DYNAMIC=1] flib_tests \
+//   MODEL_SEED=2001 MODEL_CODE=1 [MODEL_DYNAMIC=1] flib_tests
 //     --gtest_also_run_disabled_tests --gtest_filter=FlModel.DISABLED_Replay
 TEST(FlModel, DISABLED_Replay) {
   const char* seed = std::getenv("MODEL_SEED");

@@ -1,11 +1,10 @@
 #include "flib/fl_open.h"
 
-#include <sys/wait.h>
-
 #include <gtest/gtest.h>
 
+#include <filesystem>
+#include <functional>
 #include <string>
-#include <vector>
 
 #include "fl_test_util.h"
 #include "flib/fl_block.h"
@@ -17,6 +16,7 @@
 #include "flib/fl_lock.h"
 #include "flib/fl_rel.h"
 #include "flib/lrgfillib.h"
+#include "support/run_program.h"
 
 namespace {
 
@@ -48,37 +48,35 @@ class FlOpen : public testing::Test {
   }
 };
 
-TEST_F(FlOpen, SizeNotAMultipleOfTheBlockSize) {
-  auto bytes = read_bytes(path);
-  bytes.resize(bytes.size() + 100);
-  write_bytes(path, bytes);
-  int result = 0;
-  EXPECT_EQ(open_output(path, &result),
-            "File size (4196) is not a multiple of block size(1024).\nError msgno = 75. \n");
-  EXPECT_EQ(result, -1);
-}
-
-TEST_F(FlOpen, SizeBelowModuloPlusOneBlocks) {
-  auto bytes = read_bytes(path);
-  bytes.resize(3 * 1024);
-  write_bytes(path, bytes);
-  int result = 0;
-  EXPECT_EQ(open_output(path, &result),
-            "File size(3072) is < minimum hash file size, blocksize(1024) * (modulo(3) + 1).\n"
-            "Error msgno = 75. \n");
-  EXPECT_EQ(result, -1);
-}
-
-TEST_F(FlOpen, RfsWordMustBeZeroOrOne) {
-  patch_i32(path, 24, 2);
-  int result = 0;
-  EXPECT_EQ(open_output(path, &result),
-            "The 7th integer location in file header(RFS flag) should be 0 or 1, it is (2).\n"
-            "Error msgno = 75. \n");
-  EXPECT_EQ(result, -1);
-  patch_i32(path, 24, 1);
-  open_output(path, &result);
-  EXPECT_EQ(result, 1);
+TEST_F(FlOpen, DamagedStaticFilesAreRefusedWithTheirMessages) {
+  auto resize = [&](size_t size) {
+    auto bytes = read_bytes(path);
+    bytes.resize(size);
+    write_bytes(path, bytes);
+  };
+  struct Case {
+    std::function<void()> damage;
+    std::string message;
+    int result;
+  } cases[] = {
+      {[&] { resize(4 * 1024 + 100); },
+       "File size (4196) is not a multiple of block size(1024).\nError msgno = 75. \n", -1},
+      {[&] { resize(3 * 1024); },
+       "File size(3072) is < minimum hash file size, blocksize(1024) * (modulo(3) + 1).\nError msgno = 75. \n", -1},
+      {[&] { patch_i32(path, 24, 2); },
+       "The 7th integer location in file header(RFS flag) should be 0 or 1, it is (2).\nError msgno = 75. \n", -1},
+      {[&] { patch_i32(path, 24, 1); }, "", 1},
+      {[&] { patch_i32(path, 4, 3); }, "Error msgno = 117. \n", -1},
+      {[&] { patch_i32(path, 4, 0x8000); }, "Error msgno = 117. \n", -1},  // negative as a 16-bit word
+  };
+  for (const auto& c : cases) {
+    std::filesystem::remove(path);
+    ASSERT_EQ(M_create_hashed(path.c_str(), 3, 1, 0, 0, nullptr), 1);
+    c.damage();
+    int result = 0;
+    EXPECT_EQ(open_output(path, &result), c.message);
+    EXPECT_EQ(result, c.result) << c.message;
+  }
 }
 
 TEST_F(FlOpen, ForeignFormatWordsAreReported) {
@@ -109,19 +107,8 @@ TEST_F(FlOpen, ForeignFormatWordsAreReported) {
   int result = 0;
   EXPECT_EQ(open_output(dyn, &result), machine + "Recoverable " + dyn + " is low byte machine 2.0 static version.\n");
   EXPECT_EQ(result, -1);
-}
-
-TEST_F(FlOpen, BadHashTypesAndStaticWordInADirectory) {
-  int result = 0;
-  patch_i32(path, 4, 3);
-  EXPECT_EQ(open_output(path, &result), "Error msgno = 117. \n");
-  EXPECT_EQ(result, -1);
-  patch_i32(path, 4, 0x8000);  // negative as a 16-bit word
-  EXPECT_EQ(open_output(path, &result), "Error msgno = 117. \n");
-  EXPECT_EQ(result, -1);
-
-  std::string dyn = dir + "/D";
-  ASSERT_EQ(M_create_hashed(dyn.c_str(), 3, 1, 64, 0, nullptr), 1);
+  // The right word, but a static hash type in a directory.
+  patch_i32(dyn + "/dat001", 12, 3);
   patch_i32(dyn + "/dat001", 4, 0);
   EXPECT_EQ(open_output(dyn, &result), "Error msgno = 30372. \n");
   EXPECT_EQ(result, -1);
@@ -229,14 +216,11 @@ TEST_F(FlOpen, DynHashReturnsTheLockedHeadOfTheKeysGroup) {
   int64_t head = M_dyn_hash(&rel, key_bytes("ABC"), 3, LOCK_EXCLUSIVE);
   uint32_t group = M_hash(key_bytes("ABC"), 3, &rel);
   ASSERT_EQ(head, static_cast<int64_t>(M_get_head_off(&rel, group)));
-  pid_t pid = fork();
-  if (pid == 0) {
+  ProgramResult other = run_in_child([&] {
     int fd = open((dyn + "/dat001").c_str(), O_RDWR);
     _exit(M_mrvlockf(fd, LOCK_SHARED | LOCK_NOWAIT, static_cast<uint32_t>(head), 1) == 0 ? 0 : 11);
-  }
-  int status = 0;
-  waitpid(pid, &status, 0);
-  EXPECT_EQ(WEXITSTATUS(status), 11);
+  });
+  EXPECT_EQ(other.status, 11);
   EXPECT_EQ(M_unlock_block(&rel, static_cast<uint32_t>(head)), 0);
   M_closefile(&rel);
 }

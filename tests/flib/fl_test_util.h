@@ -1,4 +1,5 @@
-// Byte helpers and group-block builders of the file library's tests.
+// Byte helpers, group-block builders and the record-file fixture of the
+// file library's tests.
 #pragma once
 
 #include <fcntl.h>
@@ -11,11 +12,18 @@
 #include <string>
 #include <vector>
 
+#include <gtest/gtest.h>
+
 #include "NT/NT_utils.h"
 #include "support/files.h"
 #include "support/temp_dir.h"
 #include "flib/fl_block.h"
 #include "flib/fl_check.h"
+#include "flib/fl_create.h"
+#include "flib/fl_open.h"
+#include "flib/fl_read.h"
+#include "flib/fl_rel.h"
+#include "flib/fl_write.h"
 
 inline std::vector<uint8_t> read_bytes(const std::string& path) {
   std::string text = slurp(path);
@@ -27,6 +35,8 @@ inline void write_bytes(const std::string& path, const std::vector<uint8_t>& byt
 }
 
 inline const uint8_t* key_bytes(const char* text) { return reinterpret_cast<const uint8_t*>(text); }
+inline const uint8_t* bytes(const std::string& s) { return reinterpret_cast<const uint8_t*>(s.data()); }
+inline int32_t length(const std::string& s) { return static_cast<int32_t>(s.size()); }
 
 // Sets an environment variable for the life of the object.
 struct ScopedEnv {
@@ -73,3 +83,30 @@ inline std::string check_findings(const std::string& path) {
   for (const auto& f : found) all += f + "\n";
   return all;
 }
+
+// A hashed file made afresh in a scratch directory and open for update,
+// with records put and got by key.
+class RecordFile : public testing::Test {
+ protected:
+  TempDir tmp;
+  std::string path;
+  REL_TYPE rel;
+
+  void create(int32_t modulo, int32_t block_code, int32_t hashtype) {
+    path = tmp.str() + "/F";
+    ASSERT_EQ(M_create_hashed(path.c_str(), modulo, block_code, hashtype, 0, nullptr), 1);
+    ASSERT_EQ(M_openfile(&rel, path.c_str(), 2), 1);
+  }
+  void TearDown() override {
+    if (rel.block_size != 0) M_closefile(&rel);
+  }
+  int put(const std::string& key, const std::string& record) {
+    return M_append_strtuple(&rel, bytes(key), length(key), bytes(record), length(record), 0, nullptr);
+  }
+  std::string get(const std::string& key) {
+    std::string record;
+    EXPECT_EQ(M_read_tuple(&rel, bytes(key), length(key), &record), 1) << key;
+    return record;
+  }
+  std::string findings() { return check_findings(path); }
+};

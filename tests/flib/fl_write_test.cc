@@ -6,7 +6,6 @@
 #include <sys/stat.h>
 
 #include <algorithm>
-#include <cstring>
 #include <string>
 #include <vector>
 
@@ -26,32 +25,10 @@
 
 namespace {
 
-const uint8_t* bytes(const std::string& s) { return reinterpret_cast<const uint8_t*>(s.data()); }
-int32_t length(const std::string& s) { return static_cast<int32_t>(s.size()); }
-
-class FlWrite : public testing::Test {
+class FlWrite : public RecordFile {
  protected:
-  TempDir tmp;
-  std::string path;
-  REL_TYPE rel;
-
   // A file of one group, so that every key meets every other.
-  void open_new(bool dynamic, int32_t block_code) {
-    path = tmp.str() + "/F";
-    ASSERT_EQ(M_create_hashed(path.c_str(), 1, block_code, dynamic ? 64 : 0, 0, nullptr), 1);
-    ASSERT_EQ(M_openfile(&rel, path.c_str(), 2), 1);
-  }
-  void TearDown() override {
-    if (rel.block_size != 0) M_closefile(&rel);
-  }
-  int put(const std::string& key, const std::string& record) {
-    return M_append_strtuple(&rel, bytes(key), length(key), bytes(record), length(record), 0, nullptr);
-  }
-  std::string get(const std::string& key) {
-    std::string record;
-    EXPECT_EQ(M_read_tuple(&rel, bytes(key), length(key), &record), 1) << key;
-    return record;
-  }
+  void open_new(bool dynamic, int32_t block_code) { create(1, block_code, dynamic ? 64 : 0); }
   std::vector<uint8_t> block_at(uint32_t address) {
     std::vector<uint8_t> block(rel.block_size);
     M_groupno = 0;
@@ -60,7 +37,6 @@ class FlWrite : public testing::Test {
   }
   std::vector<uint8_t> head() { return block_at(rel.block_size); }
   OverflowHeader over_header() { return decode_overflow_header(block_at(ADDR_OVERFLOW).data()); }
-  std::string findings() { return check_findings(path); }
 };
 
 TEST_F(FlWrite, ARecordOfExactlyByteleftStaysInTheBlock) {
@@ -91,16 +67,6 @@ TEST_F(FlWrite, AKeyWithoutRoomEvictsTheFirstInBlockRecordToADataBlock) {
   EXPECT_EQ(get("A"), std::string(static_cast<size_t>(byteleft - 1), 'a'));
   EXPECT_EQ(get(long_key), "b");
   EXPECT_EQ(findings(), "");
-}
-
-TEST_F(FlWrite, KeyRoomInABlockWithoutKeysOnlyMovesDatapos) {
-  open_new(false, 0);
-  uint8_t block[512];
-  init_group_block(&rel, block, 0, FLAG_HEAD);
-  ASSERT_EQ(make_keyspace(&rel, block, 512, 120, 0), 512);
-  EXPECT_EQ(gb_datapos(block), 124 + 120);
-  EXPECT_EQ(gb_byteleft(block), 512 - 124 - 120);
-  EXPECT_EQ(gb_key_count(block), 0);
 }
 
 TEST_F(FlWrite, AddModesRefuseWithoutTouchingTheDisk) {

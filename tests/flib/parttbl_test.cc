@@ -6,7 +6,6 @@
 #include <gtest/gtest.h>
 
 #include <fstream>
-#include <sstream>
 #include <string>
 
 #include "common/readroot.h"
@@ -45,10 +44,7 @@ TEST(PartTable, PrefixTableGivesEachFileNameItsOwnPrefix) {
   EXPECT_EQ(std::string(target), partition + "/ABORDERS");
   ASSERT_EQ(form_relative_dirname(target, sizeof target, partition.c_str(), "/acct/CUSTOMERS"), 0);
   EXPECT_EQ(std::string(target), partition + "/AACUSTOMERS");
-  std::ifstream in(partition + "/.fil_prefix_tbl");
-  std::stringstream text;
-  text << in.rdbuf();
-  EXPECT_EQ(text.str(), "AA:CUSTOMERS\nAB:ORDERS\n");
+  EXPECT_EQ(slurp(partition + "/.fil_prefix_tbl"), "AA:CUSTOMERS\nAB:ORDERS\n");
   // The walk goes on from the last line.
   std::ofstream(partition + "/.fil_prefix_tbl", std::ios::app) << "AZ:X\n";
   ASSERT_EQ(form_relative_dirname(target, sizeof target, partition.c_str(), "/a/NEXT"), 0);

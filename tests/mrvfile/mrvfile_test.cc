@@ -1,8 +1,7 @@
 // The mrvfile program, run as users run it.
-#include <sys/stat.h>
-
 #include <gtest/gtest.h>
 
+#include <filesystem>
 #include <fstream>
 #include <sstream>
 #include <string>
@@ -22,16 +21,11 @@ ProgramResult mrvfile(const std::string& arguments, const std::string& input = "
   return run_program(run);
 }
 
-off_t size_of(const std::string& path) {
-  struct stat st;
-  return stat(path.c_str(), &st) == 0 ? st.st_size : -1;
-}
-
 TEST(Mrvfile, CreateInfoAndCheckOfBothKinds) {
   TempDir tmp;
   std::string dir = tmp.str();
   ASSERT_EQ(mrvfile("create --modulo 7 --block 2 --hash 1 " + dir + "/S").status, 0);
-  EXPECT_EQ(size_of(dir + "/S"), 8 * 2048);
+  EXPECT_EQ(std::filesystem::file_size(dir + "/S"), 8u * 2048);
   ProgramResult info = mrvfile("info " + dir + "/S");
   EXPECT_EQ(info.status, 0);
   EXPECT_NE(info.output.find("kind: static\n"), std::string::npos) << info.output;
@@ -43,8 +37,8 @@ TEST(Mrvfile, CreateInfoAndCheckOfBothKinds) {
   EXPECT_EQ(check.output, dir + "/S: sound\n");
 
   ASSERT_EQ(mrvfile("create --dynamic --modulo 10 --spread 3 " + dir + "/D").status, 0);
-  EXPECT_EQ(size_of(dir + "/D/dat001"), 11 * 1024);
-  EXPECT_EQ(size_of(dir + "/D/over002"), 1024);
+  EXPECT_EQ(std::filesystem::file_size(dir + "/D/dat001"), 11u * 1024);
+  EXPECT_EQ(std::filesystem::file_size(dir + "/D/over002"), 1024u);
   info = mrvfile("info " + dir + "/D");
   EXPECT_NE(info.output.find("kind: dynamic\n"), std::string::npos) << info.output;
   EXPECT_NE(info.output.find("overflow parts: 2\n"), std::string::npos);

@@ -16,7 +16,6 @@ namespace {
 
 namespace fs = std::filesystem;
 using account_test::in_account;
-using tape_test::read_file;
 
 TEST(Account, LoadingIntoWhatExistsNeedsTheAccount) {
   struct Case {
@@ -62,9 +61,9 @@ TEST(Account, ASecondRunKeepsFilesAndAppends) {
   };
   EXPECT_EQ(run("one").output, "pgm_map has X: 0\n");
   EXPECT_EQ(run("two").output, "pgm_map has X: 1\n");
-  EXPECT_EQ(read_file(dir + "/ACC/pgm_list"), "'one'\n'two'\n");
-  EXPECT_EQ(read_file(dir + "/ACC/dispmsg"), "one\ntwo\n");
-  for (const char* side : {"idx_list", "resize_list"}) EXPECT_EQ(read_file(dir + "/ACC/" + side), "");
+  EXPECT_EQ(slurp(dir + "/ACC/pgm_list"), "'one'\n'two'\n");
+  EXPECT_EQ(slurp(dir + "/ACC/dispmsg"), "one\ntwo\n");
+  for (const char* side : {"idx_list", "resize_list"}) EXPECT_EQ(slurp(dir + "/ACC/" + side), "");
   for (const char* work : {"SAM", "DAM", "D_SAM", "D_DAM", "pgm_map", "D_pgm_map"})
     EXPECT_TRUE(fs::exists(dir + "/ACC/" + work)) << work;
 }

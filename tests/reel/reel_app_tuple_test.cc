@@ -7,7 +7,7 @@
 #include <string>
 
 #include "common/mrv_marks.h"
-#include "flib/fl_check.h"
+#include "flib/fl_test_util.h"
 #include "flib/fl_open.h"
 #include "flib/fl_read.h"
 #include "reel/account_child.h"
@@ -19,7 +19,6 @@ namespace {
 
 using account_test::in_account;
 using tape_test::count_of;
-using tape_test::read_file;
 
 std::string key_of(int i) { return "K" + std::to_string(i); }
 
@@ -75,15 +74,14 @@ TEST(Loader, FlushesResizesAndEnds) {
         });
     const std::string trace = std::to_string(c.k) + "/" + std::to_string(c.modulo) + "/" +
                               std::to_string(c.records) + "\n" + r.output;
-    const std::string log = read_file(dir + "/ACC/dispmsg");
+    const std::string log = slurp(dir + "/ACC/dispmsg");
     EXPECT_NE(log.find(std::to_string(c.records) + " records restored\n"), std::string::npos) << trace;
     EXPECT_EQ(count_of(log, "Resize CUST to new modulo ----- "), static_cast<size_t>(c.resizes)) << trace;
     EXPECT_EQ(r.output.find("before finish: 0\n") != std::string::npos, c.fits) << trace;
-    const std::string list = read_file(dir + "/ACC/resize_list");
+    const std::string list = slurp(dir + "/ACC/resize_list");
     EXPECT_EQ(list.starts_with("'\tCUST \t\t"), c.resize_list) << trace << list;
     EXPECT_EQ(r.output.find("files overflowed, Check resize_list") != std::string::npos, c.resize_list);
-    std::vector<std::string> findings;
-    EXPECT_EQ(M_check_file((dir + "/ACC/CUST").c_str(), &findings), 0) << trace;
+    EXPECT_EQ(check_findings(dir + "/ACC/CUST"), "") << trace;
     REL_TYPE rel;
     ASSERT_EQ(M_openfile(&rel, (dir + "/ACC/CUST").c_str(), 0), 1);
     int found = 0;
@@ -136,9 +134,8 @@ TEST(Loader, HostileNameInResizeList) {
         load(1, 3000, 10, name);
         reel_close_account();
       });
-  EXPECT_TRUE(read_file(dir + "/ACC/resize_list").starts_with("'\tx'; touch PWNED; ' \t\t")) << r.output;
-  std::vector<std::string> findings;
-  EXPECT_EQ(M_check_file((dir + "/ACC/x';_touch_PWNED;_'a").c_str(), &findings), 0) << r.output;
+  EXPECT_TRUE(slurp(dir + "/ACC/resize_list").starts_with("'\tx'; touch PWNED; ' \t\t")) << r.output;
+  EXPECT_EQ(check_findings(dir + "/ACC/x';_touch_PWNED;_'a"), "") << r.output;
   EXPECT_FALSE(std::filesystem::exists(dir + "/ACC/PWNED"));
   EXPECT_FALSE(std::filesystem::exists(dir + "/PWNED"));
 }
@@ -165,7 +162,7 @@ TEST(Loader, SpillKeepsEveryLargeRecordOnce) {
         reel_close_account();
       });
   EXPECT_NE(r.output.find("restored 100\n"), std::string::npos) << r.output;
-  const std::string log = read_file(dir + "/ACC/dispmsg");
+  const std::string log = slurp(dir + "/ACC/dispmsg");
   for (int i = 0; i < kRecords; ++i)
     EXPECT_EQ(count_of(log, "Record error: " + key_of(i) + "\n"), 1u) << key_of(i);
   EXPECT_GT(std::filesystem::file_size(dir + "/ACC/large__file"), 4u * 256 * 2);

@@ -5,7 +5,6 @@
 
 #include <cstdio>
 #include <cstdlib>
-#include <sstream>
 #include <vector>
 
 #include "reel/reel_current.h"
@@ -22,12 +21,10 @@ namespace {
 using tape_test::count_of;
 using tape_test::make_tape;
 using tape_test::open_unit_in;
-using tape_test::read_file;
 using tape_test::ReadRun;
 using tape_test::scratch;
 using tape_test::TapeChild;
 using tape_test::unit_dir;
-using tape_test::write_file;
 
 // The child's body: opens the unit in `dir` and prints every block that
 // reel_next_block hands out, up to the end-of-save block.
@@ -75,7 +72,7 @@ TEST_P(BlockChecks, HandOutAndLog) {
   TapeChild child(reader(dir));
   EXPECT_EQ(child.finish(), 0) << child.output();
   EXPECT_EQ(numbers(child.output()), c.handed_out);
-  EXPECT_EQ(read_file(dir + "/dispmsg"), c.logged);
+  EXPECT_EQ(slurp(dir + "/dispmsg"), c.logged);
 }
 
 INSTANTIATE_TEST_SUITE_P(
@@ -125,11 +122,8 @@ TEST_P(TwoReels, NextReelIsAskedForAndTheStreamContinues) {
             "block description \"FILE\"\nblock data zeros:600 'x'\nblock data 'y'\n"
             "tape " + dir + "/two.tap\nlabel\nblock data 'z'\nend\n");
   std::filesystem::create_symlink("one.tap", dir + "/t.tap");
-  ReadRun run;
-  run.convert = '2';
-  run.buffered = framing == "buffered";
-  run.cartridge = framing == "cartridge";
-  TapeChild child(reader(dir, run));
+  TapeChild child(reader(dir, {.convert = '2', .buffered = framing == "buffered",
+                               .cartridge = framing == "cartridge"}));
   ASSERT_TRUE(child.wait_for("TAPE NAME:           ACCT\nDATE(MM-DD-YY):      03-17-92\n"
                              "REV NO:              2\n\n"));
   ASSERT_TRUE(child.wait_for("Input C to continue next reel . or E to end\n"));
@@ -140,7 +134,7 @@ TEST_P(TwoReels, NextReelIsAskedForAndTheStreamContinues) {
   EXPECT_EQ(child.finish(), 0) << child.output();
   EXPECT_EQ(numbers(child.output()), (std::vector<int>{1, 2, 3, 1, 2}));
   EXPECT_NE(child.output().find("[block 2 len 608 type 1]"), std::string::npos);
-  EXPECT_EQ(read_file(dir + "/dispmsg"), "");
+  EXPECT_EQ(slurp(dir + "/dispmsg"), "");
 }
 
 INSTANTIATE_TEST_SUITE_P(Framings, TwoReels, testing::Values("plain", "buffered", "cartridge"));
@@ -197,10 +191,7 @@ TEST(ReelTransports, ZeroLengthHeaderIsAFilemark) {
                                stream ? "9 s.dat rs.dat 8192" : "0 s.dat rs.dat 8192");
     make_tape(std::string("framing ") + kind + "\ntape " + dir +
               "/s.dat\nblock data 'a'\nblock data 'b'\nraw hex:000300000001\nblock data 'd'\n");
-    ReadRun run;
-    run.unit = stream ? '9' : '0';
-    run.buffered = !stream;
-    TapeChild child(reader(dir, run));
+    TapeChild child(reader(dir, {.unit = stream ? '9' : '0', .buffered = !stream}));
     ASSERT_TRUE(child.wait_for("\nGet EOF mark."));
     child.send("E\n");
     EXPECT_EQ(child.finish(), 1);
@@ -230,43 +221,20 @@ TEST(ReelTransports, CartridgePayloadLimits) {
   // Block 1 fills two frames of 508; block 2's second frame claims 509.
   write_frames(dir + "/c.dat", {frame(508, 1, 1016), frame(508, 0, 0), frame(508, 2, 1016),
                                 frame(509, 0, 0)});
-  ReadRun run;
-  run.cartridge = true;
+  const ReadRun run{.cartridge = true};
   TapeChild child(reader(dir, run));
   ASSERT_TRUE(child.wait_for("logical read tape error len = 509\n"));
   ASSERT_TRUE(child.wait_for("Input C to continue next reel"));
   child.send("E\n");
   EXPECT_EQ(child.finish(), 1);
   EXPECT_NE(child.output().find("[block 1 len 1016 type 1]"), std::string::npos);
-  EXPECT_EQ(read_file(dir + "/dispmsg"), "Blkno = 2 \tphysical read tape error block length < len\n");
+  EXPECT_EQ(slurp(dir + "/dispmsg"), "Blkno = 2 \tphysical read tape error block length < len\n");
 
   write_frames(dir + "/c.dat", {frame(5, 1, 6)});
   TapeChild first(reader(dir, run));
   ASSERT_TRUE(first.wait_for("logical read tape error len = 5\n\nGet EOF mark."));
   first.send("E\n");
   EXPECT_EQ(first.finish(), 1);
-}
-
-// Each -M mode reads back what the writer wrote with its inverse, the
-// label block included.
-TEST(ReelTransports, ConversionsApplyToLabelAndBlocks) {
-  for (char mode : {'1', '2', '3'}) {
-    SCOPED_TRACE(mode);
-    std::string dir = unit_dir(std::string("convert") + mode);
-    make_tape(std::string("convert ") + mode + "\ntape " + dir +
-              "/t.tap\nlabel no=7 name=ACCT\nblock data 'plain text'\nend\n");
-    ReadRun run;
-    run.convert = mode;
-    TapeChild child(reader(dir, run));
-    EXPECT_EQ(child.finish(), 0) << child.output();
-    EXPECT_NE(child.output().find("LOGICAL TAPE NUMBER: 7\n"), std::string::npos);
-    // The name's high bits cannot pass through EBCDIC.
-    if (mode != '1') {
-      EXPECT_NE(child.output().find("TAPE NAME:           ACCT\n"), std::string::npos);
-    }
-    EXPECT_EQ(numbers(child.output()), (std::vector<int>{1, 2}));
-    EXPECT_EQ(read_file(dir + "/dispmsg"), "");
-  }
 }
 
 // The label file is passed with plain reads whatever the transport and
@@ -290,10 +258,7 @@ TEST(ReelReadLabel, LabelFileIsPassedWithoutParsing) {
   ASSERT_EQ(reel_writer_block(w, TAPE_BLOCK_DATA, text.data(), text.size()), 0);
   ASSERT_EQ(reel_writer_end_save(w), 0);
   ASSERT_EQ(reel_writer_close(w), 0);
-  ReadRun run;
-  run.buffered = true;
-  run.convert = '2';
-  TapeChild child(reader(dir, run));
+  TapeChild child(reader(dir, {.convert = '2', .buffered = true}));
   EXPECT_EQ(child.finish(), 0) << child.output();
   EXPECT_EQ(count_of(child.output(), "LOGICAL TAPE NUMBER"), 1u);
   EXPECT_EQ(numbers(child.output()), (std::vector<int>{1, 2}));
@@ -306,9 +271,7 @@ TEST(ReelReadLabel, PassedLabelFileIsNotReadAgain) {
   std::string dir = unit_dir("label_zero", "0 s.dat rs.dat 8192");
   make_tape("framing buffered\ntape " + dir + "/s.dat\n"
             "raw hex:0000000c00048000b0b1b0b1b9b200000000a0a0a0a0a0a0\nblock data 'a'\n");
-  ReadRun run;
-  run.buffered = true;
-  TapeChild child(reader(dir, run));
+  TapeChild child(reader(dir, {.buffered = true}));
   ASSERT_TRUE(child.wait_for("\nGet EOF mark."));
   child.send("E\n");
   EXPECT_EQ(child.finish(), 1);
@@ -358,16 +321,16 @@ TEST(ReelLogs, CodedLinesAndBadBlocks) {
     reel_log_error(REEL_ERR_ACCOUNT, "ignored");
     reel_log_error(REEL_ERR_DATA, "short record");
     reel_log_error(42, "ignored");
-    write_file("BAD_BLOCKS", "from an earlier run");
+    spill("BAD_BLOCKS", "from an earlier run");
     reel_log_bad_block("FILE1", reinterpret_cast<const unsigned char*>("ab\0c"), 4);
     reel_log_bad_block("FILE2", reinterpret_cast<const unsigned char*>("z"), 1);
   });
   EXPECT_EQ(child.finish(), 0) << child.output();
-  EXPECT_EQ(read_file(dir + "/dispmsg"),
+  EXPECT_EQ(slurp(dir + "/dispmsg"),
             "Blkno = 12 \tGet acct_name error\n"
             "Blkno = 12 \tGet data block error: short record\n"
             "Blkno = 12 \tUnknown error\n");
-  EXPECT_EQ(read_file(dir + "/BAD_BLOCKS"), std::string("\nFILE1\nab\0c\nFILE2\nz", 19));
+  EXPECT_EQ(slurp(dir + "/BAD_BLOCKS"), std::string("\nFILE1\nab\0c\nFILE2\nz", 19));
   EXPECT_EQ(child.output(), "");
 }
 

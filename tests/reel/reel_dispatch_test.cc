@@ -21,10 +21,8 @@ namespace {
 
 using tape_test::make_tape;
 using tape_test::open_unit_in;
-using tape_test::read_file;
 using tape_test::TapeChild;
 using tape_test::unit_dir;
-using tape_test::write_file;
 
 // In the child: the run's settings from a command line, as the tool takes
 // them.
@@ -102,7 +100,7 @@ TEST(DispatchLengths, BlocksOfNoKnownLengthAreLoggedAndPassed) {
                  "account ACCT type=2\n"            // account length, not a directory
                  "file B hashed\n"));
   EXPECT_EQ(walk(dir, {}), "[DATA|]\n[DATA|A]\n[DATA|A]\n[DATA|A]\n[DATA|B]\n[end]\n");
-  EXPECT_EQ(read_file(dir + "/dispmsg"),
+  EXPECT_EQ(slurp(dir + "/dispmsg"),
             "\t\t\tACCT_NAME  ---  ACCT\n"
             "Blkno = 3 \tGet file description error: block length error\n");
 }
@@ -127,7 +125,7 @@ TEST(DispatchLevels, LevelTwoShiftsAllLengthsAndLevelZeroHasNoAccount) {
                  "file CUST hashed\nsub '' sam\nblock data zeros:8\nsub DEEP sam ER sam\n"
                  "file PROG dam\n"));
   EXPECT_EQ(walk(dir, {"-L2"}), "[DATA|]\n[DATA|CUST]\n[DATA|CUST]\n[DAM |PROG]\n[end]\n");
-  EXPECT_EQ(read_file(dir + "/dispmsg"),
+  EXPECT_EQ(slurp(dir + "/dispmsg"),
             "\t\t\tACCT_NAME  ---  ACCT2\n" + kCustNotOpened +
                 "Blkno = 5 \tGet file description error: block length error\n"
                 "Loading DAM  PROG ...\n");
@@ -135,7 +133,7 @@ TEST(DispatchLevels, LevelTwoShiftsAllLengthsAndLevelZeroHasNoAccount) {
   dir = unit_dir("dispatch_level0");
   make_tape(save(dir, "account\nfile CUST hashed\nsub '' sam\nblock data zeros:8\nfile PROG sam\n"));
   EXPECT_EQ(walk(dir, {"-L0"}), "[DATA|]\n[DATA|CUST]\n[SAM |PROG]\n[end]\n");
-  EXPECT_EQ(read_file(dir + "/dispmsg"), kCustNotOpened + "Loading SAM  PROG ...\n");
+  EXPECT_EQ(slurp(dir + "/dispmsg"), kCustNotOpened + "Loading SAM  PROG ...\n");
 }
 
 // One account under each option: -D passes members and directories before
@@ -151,8 +149,8 @@ TEST(DispatchOptions, DataOnlyRecoveryListAndOverlay) {
                  "file BP dir\nblock data 'x'\nsub M1 sam\nblock data 'x'\n"
                  "file PROG sam\nblock data 'x'\n"
                  "file CUST 3\nsub '' sam\nblock data zeros:8\n"));
-  write_file(dir + "/picked", "VOC\nvoc\nXXvoc\nORDERS\nD_CUST\n");
-  write_file(dir + "/voc", "DUMP_VOC\n");
+  spill(dir + "/picked", "VOC\nvoc\nXXvoc\nORDERS\nD_CUST\n");
+  spill(dir + "/voc", "DUMP_VOC\n");
   const std::string account = "\t\t\tACCT_NAME  ---  ACCT\n";
   struct Case {
     std::vector<std::string> args;
@@ -186,7 +184,7 @@ TEST(DispatchOptions, DataOnlyRecoveryListAndOverlay) {
   for (const Case& c : cases) {
     EXPECT_EQ(walk(dir, c.args), std::string("[DATA|]\n") + c.trace + "[end]\n")
         << testing::PrintToString(c.args);
-    EXPECT_EQ(read_file(dir + "/dispmsg"), c.logged);
+    EXPECT_EQ(slurp(dir + "/dispmsg"), c.logged);
   }
 }
 
@@ -226,7 +224,7 @@ TEST(DispatchTarget, FinishedFilesMoveToTheTargetDirectory) {
     std::string dir = unit_dir("dispatch_move");
     std::filesystem::create_directories(dir + "/T");
     std::filesystem::create_directories(std::filesystem::path(dir + "/acct/" + c.made).parent_path());
-    write_file(dir + "/acct/" + c.made, "loaded");
+    spill(dir + "/acct/" + c.made, "loaded");
     end_file_under_target(dir, c.kind, c.name);
     EXPECT_TRUE(std::filesystem::exists(dir + "/" + c.found)) << c.made;
     if (*c.gone != '\0') {

@@ -79,12 +79,6 @@ TEST(ParseOptions, SettingsOfEachOptionInEitherCase) {
   EXPECT_EQ(s.account_name, "acct");
 }
 
-TEST(ParseOptions, LevelsShiftAllThreeLengths) {
-  EXPECT_EQ(parse({"-L0", "a"}).level_base, 6);
-  EXPECT_EQ(parse({"-L2", "a"}).level_sub, 6 + 48 * 2 + 96);
-  EXPECT_EQ(parse({"-L", "9", "a"}).level_file, 6 + 48 * 9 + 48);
-}
-
 TEST(ParseOptions, OverlayBeatsDataOnlyInEitherOrder) {
   EXPECT_EQ(parse({"-D", "-O", "a"}).data_only, 0);
   EXPECT_EQ(parse({"-O", "-D", "a"}).data_only, 0);

@@ -1,8 +1,6 @@
 // Analysis plans: the proposed modulo and the plan lines.
 #include "reel/reel_plan.h"
 
-#include <fstream>
-#include <sstream>
 #include <string>
 
 #include <gtest/gtest.h>

@@ -12,12 +12,11 @@
 #include "reel/reel_tape_format.h"
 #include "reel/reel_util.h"
 #include "reel/tape_child.h"
+#include "support/run_program.h"
 
 namespace {
 
-using tape_test::read_file;
 using tape_test::scratch;
-using tape_test::write_file;
 
 std::vector<unsigned char> bytes(std::initializer_list<int> values) {
   std::vector<unsigned char> out;
@@ -60,10 +59,10 @@ TEST(ReelConvert, SwapOfAnOddCountStaysInsideTheBuffer) {
 }
 
 std::string run_mkreel(const std::string& dir, const std::string& script, int* status) {
-  write_file(dir + "/script", script);
-  std::string command = "cd " + dir + " && " + REEL_BIN_DIR + "/mkreel script > out 2>&1";
-  *status = std::system(command.c_str());
-  return read_file(dir + "/out");
+  spill(dir + "/script", script);
+  ProgramResult r = run_program({.program = "mkreel", .args = {"script"}, .directory = dir});
+  *status = r.status;
+  return r.output;
 }
 
 TEST(Mkreel, WritesTheImageByteForByte) {
@@ -86,7 +85,7 @@ TEST(Mkreel, WritesTheImageByteForByte) {
       6, 0, 0, 0, 0, 2, 0, 3, 0, 5, 6, 0, 0, 0,
       0, 0, 0, 0,  // mark at close
   });
-  std::string image = read_file(dir + "/a.tap");
+  std::string image = slurp(dir + "/a.tap");
   EXPECT_EQ(std::vector<unsigned char>(image.begin(), image.end()), expect);
 }
 
@@ -116,7 +115,7 @@ TEST(Mkreel, DescriptionsArePathsOfEntriesBelowTheAccount) {
                                "file Z 3\n",
                                &status);
   ASSERT_EQ(status, 0) << out;
-  std::vector<std::string> r = image_records(read_file(dir + "/a.tap"));
+  std::vector<std::string> r = image_records(slurp(dir + "/a.tap"));
   ASSERT_EQ(r.size(), 5u);  // label, account, file, deeper path, file
   const auto* account = reinterpret_cast<const unsigned char*>(r[1].data());
   EXPECT_EQ(r[1].size(), 102u);

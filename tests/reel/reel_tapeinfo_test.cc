@@ -14,7 +14,6 @@ namespace {
 
 using tape_test::scratch;
 using tape_test::TapeChild;
-using tape_test::write_file;
 
 // Console messages are collected in the message buffer while a test runs.
 class Tapeinfo : public testing::Test {
@@ -29,25 +28,36 @@ class Tapeinfo : public testing::Test {
   std::string home(const std::string& name, const std::string& table) {
     std::string dir = scratch("tapeinfo_" + name);
     std::filesystem::create_directories(dir + "/sys");
-    write_file(dir + "/sys/tapeinfo", table);
+    spill(dir + "/sys/tapeinfo", table);
     setenv("MRVHOME", dir.c_str(), 1);
     return dir;
   }
   std::string messages() const { return std::string(msg_buffer, msg_buffer_fill); }
 };
 
-TEST_F(Tapeinfo, BlockSizeLimit) {
-  home("5120", "0 nst0 st0 5120\n");
-  EXPECT_EQ(reel_read_tapeinfo('0'), 1);
-  EXPECT_EQ(messages(), "non rewind device name = nst0\nrewind device name = st0\nBlock size = 5120\n");
-  EXPECT_EQ(tape_block_size, 5120);
-
-  msg_buffer_fill = 0;
-  home("5119", "0 nst0 st0 5119\n");
-  EXPECT_EQ(reel_read_tapeinfo('0'), 0);
-  EXPECT_EQ(messages(),
-            "non rewind device name = nst0\nrewind device name = st0\nBlock size = 5119\n"
-            "Block size is too small (less than 5120)\n");
+TEST_F(Tapeinfo, BlockSizeLimitAndTenLinesSearched) {
+  std::string ten, long_line = std::string(100, 'x') + "\n";
+  for (int i = 0; i < 10; ++i) ten += "1 a ra 8192\n";
+  for (int i = 0; i < 8; ++i) long_line += "1 a ra 8192\n";
+  const std::string shown = "non rewind device name = nst0\nrewind device name = st0\nBlock size = ";
+  const std::string not_found = "Unit is not mounted, check your tapeinfo file\n";
+  struct Case {
+    const char* name;
+    std::string table;
+    int result;
+    std::string messages;
+  } cases[] = {
+      {"5120", "0 nst0 st0 5120\n", 1, shown + "5120\n"},
+      {"5119", "0 nst0 st0 5119\n", 0, shown + "5119\nBlock size is too small (less than 5120)\n"},
+      {"eleventh", ten + "0 b rb 8192\n", 0, not_found},
+      {"long", long_line + "0 b rb 8192\n", 0, not_found},  // 100 characters read as two lines
+  };
+  for (const Case& c : cases) {
+    msg_buffer_fill = 0;
+    home(c.name, c.table);
+    EXPECT_EQ(reel_read_tapeinfo('0'), c.result) << c.name;
+    EXPECT_EQ(messages(), c.messages) << c.name;
+  }
 }
 
 TEST_F(Tapeinfo, OnlyTheFirstCharacterAndTheFirstLineCount) {
@@ -60,22 +70,6 @@ TEST_F(Tapeinfo, OnlyTheFirstCharacterAndTheFirstLineCount) {
   EXPECT_EQ(non_rewind_device, "seven");
 }
 
-TEST_F(Tapeinfo, OnlyTenLinesAreSearched) {
-  std::string filler;
-  for (int i = 0; i < 10; ++i) filler += "1 a ra 8192\n";
-  home("eleventh", filler + "0 b rb 8192\n");
-  EXPECT_EQ(reel_read_tapeinfo('0'), 0);
-  EXPECT_EQ(messages(), "Unit is not mounted, check your tapeinfo file\n");
-
-  // A line of 100 characters is read as two lines of the ten.
-  msg_buffer_fill = 0;
-  filler = std::string(100, 'x') + "\n";
-  for (int i = 0; i < 8; ++i) filler += "1 a ra 8192\n";
-  home("long", filler + "0 b rb 8192\n");
-  EXPECT_EQ(reel_read_tapeinfo('0'), 0);
-  EXPECT_EQ(messages(), "Unit is not mounted, check your tapeinfo file\n");
-}
-
 TEST_F(Tapeinfo, MissingTableAndMissingHome) {
   std::string dir = home("missing", "");
   std::filesystem::remove(dir + "/sys/tapeinfo");
@@ -85,10 +79,10 @@ TEST_F(Tapeinfo, MissingTableAndMissingHome) {
   // Without MRVHOME the home comes from the first word of include/path.
   std::string other = home("path", "0 found rfound 6000\n");
   std::filesystem::create_directories(dir + "/include");
-  write_file(dir + "/include/path", other + " trailing words\n");
+  spill(dir + "/include/path", other + " trailing words\n");
   unsetenv("MRVHOME");
   setenv("MRV_REGISTRY", (dir + "/registry").c_str(), 1);
-  write_file(dir + "/registry", "MRVHOME=" + dir + "\n");
+  spill(dir + "/registry", "MRVHOME=" + dir + "\n");
   EXPECT_EQ(reel_read_tapeinfo('0'), 1);
   EXPECT_EQ(non_rewind_device, "found");
 

@@ -6,7 +6,7 @@
 #include <string>
 
 #include "NT/NT_access.h"
-#include "flib/fl_check.h"
+#include "flib/fl_test_util.h"
 #include "flib/fl_open.h"
 #include "reel/account_child.h"
 #include "reel/reel_get_expbuf.h"
@@ -108,8 +108,7 @@ TEST(TargetName, TheVocDecidesForPairsAndGivesWayForOtherItems) {
             "pgm_map: F|pgm_map|D_pgm_map\n"
             "temporary names left: <none>\n");
   for (const char* file : {"ACC/LONG_NAMEa", "ACC/D_LONG_NAMEa", "ACC/ORDERS", "ACC/D_SAM", "ACC/VOC"}) {
-    std::vector<std::string> findings;
-    EXPECT_EQ(M_check_file((dir + "/" + file).c_str(), &findings), 0) << file;
+    EXPECT_EQ(check_findings(dir + "/" + file), "") << file;
   }
   EXPECT_TRUE(std::filesystem::is_directory(dir + "/ACC/BP"));
   EXPECT_FALSE(std::filesystem::exists(dir + "/ACC/D_BP"));
@@ -170,15 +169,14 @@ TEST(TargetName, OverwriteOfOneHalfKeepsTheOther) {
   EXPECT_NE(r.output.find("Create DICT CUST --- 3 \nF|CUST|D_CUST\nCreate DATA CUST --- 11 \nF|CUST|D_CUST\n"),
             std::string::npos)
       << r.output;
-  std::vector<std::string> findings;
-  EXPECT_EQ(M_check_file((dir + "/ACC/CUST").c_str(), &findings), 0);
+  EXPECT_EQ(check_findings(dir + "/ACC/CUST"), "");
 }
 
 // A -B entry gives the block size and shrinks the modulo in proportion;
 // -H DYNAMIC1 applies to dynamic sources only.
 TEST(TargetName, BlockListAndHashType) {
   std::string dir = tape_test::scratch("target_block");
-  tape_test::write_file(dir + "/blocks", "CUST 4\n");
+  spill(dir + "/blocks", "CUST 4\n");
   ProgramResult r = in_account(
       dir,
       [&](RunSettings& s) {

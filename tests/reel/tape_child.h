@@ -1,20 +1,12 @@
-// Runs a piece of the tool in a forked child that talks to the test as an
-// operator would: the child's standard input and output are pipes, so the
-// test can wait for a prompt, change the mounted tape, and answer.
+// Tapes and unit directories for tests of the tape layers, and the child
+// (support/run_program.h) that reads them as the tool does: the test can
+// wait for a prompt, change the mounted tape, and answer.
 #pragma once
 
-#include <fcntl.h>
-#include <poll.h>
-#include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
-#include <chrono>
-#include <csignal>
 #include <cstdio>
 #include <filesystem>
-#include <fstream>
-#include <functional>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -26,6 +18,8 @@
 #include "reel/reel_device.h"
 #include "reel/reel_settings.h"
 #include "reel/reel_tape_script.h"
+#include "support/files.h"
+#include "support/run_program.h"
 
 namespace tape_test {
 
@@ -37,17 +31,6 @@ inline std::string scratch(const std::string& name) {
   fs::remove_all(dir);
   fs::create_directories(dir);
   return dir.string();
-}
-
-inline void write_file(const std::string& path, const std::string& text) {
-  std::ofstream(path, std::ios::binary) << text;
-}
-
-inline std::string read_file(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  std::stringstream s;
-  s << in.rdbuf();
-  return s.str();
 }
 
 inline size_t count_of(const std::string& text, const std::string& part) {
@@ -62,7 +45,7 @@ inline std::string unit_dir(const std::string& name,
                             const std::string& line = "0 t.tap rt.tap 8192") {
   std::string dir = scratch(name);
   fs::create_directories(dir + "/sys");
-  write_file(dir + "/sys/tapeinfo", line + "\n");
+  spill(dir + "/sys/tapeinfo", line + "\n");
   return dir;
 }
 
@@ -93,88 +76,6 @@ inline std::vector<unsigned char> open_unit_in(const std::string& dir, const Rea
   return std::vector<unsigned char>(static_cast<size_t>(reel_open_unit(run.unit)));
 }
 
-class TapeChild {
- public:
-  // Starts `body` in a child; it ends with status 0 when body returns.
-  explicit TapeChild(const std::function<void()>& body) {
-    std::signal(SIGPIPE, SIG_IGN);
-    std::fflush(nullptr);
-    int in[2];
-    int out[2];
-    if (pipe(in) != 0 || pipe(out) != 0) return;
-    pid_ = fork();
-    if (pid_ == 0) {
-      dup2(in[0], STDIN_FILENO);
-      dup2(out[1], STDOUT_FILENO);
-      dup2(out[1], STDERR_FILENO);
-      close(in[1]);
-      close(out[0]);
-      alarm(30);  // a hung read must not hang the suite
-      body();
-      std::fflush(nullptr);
-      _exit(0);
-    }
-    close(in[0]);
-    close(out[1]);
-    to_child_ = in[1];
-    from_child_ = out[0];
-  }
-  ~TapeChild() {
-    if (pid_ > 0 && status_ < 0) {
-      kill(pid_, SIGKILL);
-      waitpid(pid_, nullptr, 0);
-    }
-    if (to_child_ >= 0) close(to_child_);
-    if (from_child_ >= 0) close(from_child_);
-  }
-
-  // Reads until `text` appears beyond what earlier waits consumed; false
-  // when the child ends or 10 s pass first.
-  bool wait_for(const std::string& text) {
-    auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-    for (;;) {
-      if (size_t at = output_.find(text, consumed_); at != std::string::npos) {
-        consumed_ = at + text.size();
-        return true;
-      }
-      auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
-          deadline - std::chrono::steady_clock::now());
-      if (left.count() <= 0 || !read_some(static_cast<int>(left.count()))) return false;
-    }
-  }
-  void send(const std::string& text) {
-    if (write(to_child_, text.data(), text.size()) < 0) return;
-  }
-  // Closes the child's input, collects all output and the exit status.
-  int finish() {
-    close(to_child_);
-    to_child_ = -1;
-    while (read_some(10000)) {
-    }
-    int status = 0;
-    waitpid(pid_, &status, 0);
-    status_ = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-    return status_;
-  }
-  const std::string& output() const { return output_; }
-
- private:
-  bool read_some(int timeout_ms) {
-    pollfd p{from_child_, POLLIN, 0};
-    if (poll(&p, 1, timeout_ms) <= 0) return false;
-    char chunk[4096];
-    ssize_t n = read(from_child_, chunk, sizeof chunk);
-    if (n <= 0) return false;
-    output_.append(chunk, static_cast<size_t>(n));
-    return true;
-  }
-
-  pid_t pid_ = -1;
-  int to_child_ = -1;
-  int from_child_ = -1;
-  int status_ = -1;
-  std::string output_;
-  size_t consumed_ = 0;
-};
+using TapeChild = ::Child;
 
 }  // namespace tape_test
