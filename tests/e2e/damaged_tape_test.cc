@@ -1,0 +1,80 @@
+// Damaged tapes that once crashed REEL_INTAKE or made it write outside the
+// account, each cut down to the few blocks that did it. A restore and an
+// analysis of each must end as every run does (status 1), keep what can be
+// read, log the damage, and leave nothing outside the run directory's
+// accounts.
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <set>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "e2e/sandbox.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+
+struct DamagedTape {
+  const char* name;
+  std::string save;  // mkreel's text form
+  // Hashed files (path from the run directory) and their records as
+  // listed_records shows them.
+  std::vector<std::pair<std::string, std::vector<std::string>>> files;
+  std::vector<std::pair<std::string, std::string>> members;  // path, text
+  std::string logged;  // a line of SALES/dispmsg
+};
+
+const std::string kHead = "tape t.tap\nlabel\naccount SALES\n";
+
+std::vector<DamagedTape> damaged_tapes() {
+  return {
+      {"member block shorter than its header",
+       kHead + "file BP dir\nsub MAIN sam\nblock data words=2 'PRINT'\nsub NEXT sam\ntext 'END\\n'\n"
+               "file NOTES sam\nblock data words=1 'x'\ntext 'kept\\n'\nend\n",
+       {},
+       {{"SALES/BP/NEXT", "END\n"}, {"SALES/SAM/NOTES", "kept\n"}},
+       ""},
+  };
+}
+
+// What stands in the sandbox besides the run directory's accounts and tape.
+std::set<std::string> strays(const Sandbox& box) {
+  std::set<std::string> found;
+  const fs::path run = box.run();
+  for (const auto& e : fs::directory_iterator(run.parent_path()))
+    if (e.path() != run) found.insert(e.path().filename().string());
+  for (const char* own : {"home", "bin", "tmp"}) found.erase(own);
+  for (const auto& e : fs::directory_iterator(run))
+    if (!e.is_directory() && e.path().filename() != "t.tap") found.insert(e.path().string());
+  return found;
+}
+
+TEST(DamagedTapes, RunToTheEndKeepWhatCanBeReadAndStayInTheAccount) {
+  for (const DamagedTape& t : damaged_tapes()) {
+    SCOPED_TRACE(t.name);
+    Sandbox box(t.save);
+    ProgramResult restore = box.reel({"ACC"});
+    EXPECT_EQ(restore.status, 1) << restore.output;
+    EXPECT_EQ(strays(box), std::set<std::string>{});
+    for (const auto& [file, records] : t.files) {
+      EXPECT_EQ(listed_records(box.run() + "/" + file), records) << file << restore.output;
+      ProgramResult checked = run_program({.program = "mrvfile", .args = {"check", box.run() + "/" + file}});
+      EXPECT_EQ(checked.status, 0) << file << checked.output;
+    }
+    for (const auto& [member, text] : t.members)
+      EXPECT_EQ(slurp(box.run() + "/" + member), text) << member << restore.output;
+    if (!t.logged.empty()) {
+      const std::string log = slurp(box.account("SALES") + "/dispmsg");
+      EXPECT_NE(log.find(t.logged), std::string::npos) << log;
+    }
+
+    ProgramResult analysis = box.reel({"-A", "plan"});
+    EXPECT_EQ(analysis.status, 1) << analysis.output;
+    EXPECT_NE(analysis.output.find("REEL_INTAKE is finished"), std::string::npos) << analysis.output;
+  }
+}
+
+}  // namespace
