@@ -37,6 +37,19 @@ std::vector<DamagedTape> damaged_tapes() {
        {},
        {{"SALES/BP/NEXT", "END\n"}, {"SALES/SAM/NOTES", "kept\n"}},
        ""},
+      {"account names that lead out of the run directory or onto a file",
+       kHead + "file F hashed\nsubfile modulo=1\nitem A 'one'\n"
+               "account '../ESC'\nfile G hashed\nsubfile modulo=1\nitem B 'two'\n"
+               "account 't.tap'\nfile H hashed\nsubfile modulo=1\nitem C 'three'\n"
+               "account '..'\nfile I hashed\nsubfile modulo=1\nitem D 'four'\n"
+               "account ''\nfile J hashed\nsubfile modulo=1\nitem E 'five'\nend\n",
+       {{"SALES/F", {"A\tone"}},
+        {"SALES/G", {"B\ttwo"}},
+        {"SALES/H", {"C\tthree"}},
+        {"SALES/I", {"D\tfour"}},
+        {"SALES/J", {"E\tfive"}}},
+       {},
+       "Blkno = 5 \tGet acct_name error\n"},
   };
 }
 
