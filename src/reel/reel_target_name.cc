@@ -49,12 +49,18 @@ bool read_voc_item(const std::string& key, VocItem* item, std::string* record) {
   return true;
 }
 
-// Replaces every character of name_bad_chars by its fill character.
+// Replaces every character of name_bad_chars by its fill character. The
+// name becomes fields of a VOC entry, so a field or record mark in it
+// (which would cut the entry into other paths, ".." among them) is made
+// "_" as well.
 void clean_name(std::string& name) {
   const RunSettings& s = reel_settings;
   for (char& c : name) {
     size_t at = s.name_bad_chars.find(c);
-    if (at != std::string::npos && at < s.name_fill_chars.size()) c = s.name_fill_chars[at];
+    if (at != std::string::npos && at < s.name_fill_chars.size())
+      c = s.name_fill_chars[at];
+    else if (static_cast<unsigned char>(c) == M_FM || static_cast<unsigned char>(c) == M_RM)
+      c = '_';
   }
 }
 

@@ -50,6 +50,13 @@ std::vector<DamagedTape> damaged_tapes() {
         {"SALES/J", {"E\tfive"}}},
        {},
        "Blkno = 5 \tGet acct_name error\n"},
+      {"file names holding field and record marks",
+       kHead + "file '..\\xFEX' hashed\nsubfile modulo=1\nitem A 'one'\n"
+               "file 'P\\xFFQ' hashed\nsubfile modulo=1\nitem B 'two'\n"
+               "file '..\\xFEY' dir\nsub M sam\ntext 'mm\\n'\nend\n",
+       {{"SALES/.._Xa", {"A\tone"}}, {"SALES/P_Qa", {"B\ttwo"}}},
+       {{"SALES/.._Ya/M", "mm\n"}},
+       ""},
   };
 }
 
