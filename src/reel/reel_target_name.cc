@@ -136,7 +136,9 @@ int reel_target_name(std::string& key, std::string& target_out, int mode) {
   if (work.size() > static_cast<size_t>(reel_settings.max_name_len))
     work.resize(static_cast<size_t>(reel_settings.max_name_len));
   clean_name(work);
-  if (work != key || reel_name_exists(work, static_cast<int>(work.size()), mode) != 0) {
+  // An empty name names no file on disk: it takes a letter like a taken one.
+  if (work != key || work.empty() ||
+      reel_name_exists(work, static_cast<int>(work.size()), mode) != 0) {
     target_out = unique_name(work, mode);
     return REEL_TARGET_OTHER;
   }

@@ -57,6 +57,11 @@ std::vector<DamagedTape> damaged_tapes() {
        {{"SALES/.._Xa", {"A\tone"}}, {"SALES/P_Qa", {"B\ttwo"}}},
        {{"SALES/.._Ya/M", "mm\n"}},
        ""},
+      {"an empty file name",
+       kHead + "file '' hashed\nsubfile modulo=1\nitem A 'one'\nend\n",
+       {{"SALES/a", {"A\tone"}}},
+       {},
+       ""},
   };
 }
 
