@@ -1,8 +1,8 @@
-// Damaged tapes that once crashed REEL_INTAKE or made it write outside the
-// account, each cut down to the few blocks that did it. A restore and an
-// analysis of each must end as every run does (status 1), keep what can be
-// read, log the damage, and leave nothing outside the run directory's
-// accounts.
+// Damaged tapes that once crashed REEL_INTAKE, made it write outside the
+// account or lose records it had read, each cut down to the few blocks
+// that did it. A restore and an analysis of each must end as every run
+// does (status 1), keep what can be read, log the damage, and leave
+// nothing outside the run directory's accounts.
 #include <gtest/gtest.h>
 
 #include <filesystem>
