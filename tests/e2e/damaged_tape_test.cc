@@ -5,6 +5,7 @@
 // nothing outside the run directory's accounts.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <set>
 #include <string>
@@ -29,8 +30,34 @@ struct DamagedTape {
 
 const std::string kHead = "tape t.tap\nlabel\naccount SALES\n";
 
+// A group whose key room is made by moving the record of an empty key (a
+// key of only a field mark, which the library cuts off), its sizes as
+// found; the key of 255 bytes is refused but shapes the stream.
+DamagedTape moved_empty_key() {
+  const std::vector<std::pair<std::string, size_t>> items = {
+      {"AAAAAAA", 52}, {"B", 0},      {"CCCCCCC", 1630}, {std::string(255, 'D'), 937},
+      {"EEEEEEE", 7},  {"FFFFF", 58}, {"\\xFE", 412},    {"HHHHHHH", 2288}};
+  DamagedTape t{"a record of an empty key moved for key room",
+                kHead + "file F hashed\nsubfile room=46 chunk=100\n",
+                {{"SALES/F", {}}},
+                {},
+                "Record error: invalid key length [255]"};
+  for (const auto& [key, size] : items) {
+    const bool mark = key == "\\xFE";
+    std::string data;
+    for (size_t i = 0; i < size; ++i) data += mark ? "\\xFE" : "d";
+    t.save += "item '" + key + "' '" + data + "'\n";
+    if (key.size() < 255)
+      t.files[0].second.push_back(listed_record(mark ? "" : key, std::string(size, mark ? '\xFE' : 'd')));
+  }
+  t.save += "end\n";
+  std::sort(t.files[0].second.begin(), t.files[0].second.end());
+  return t;
+}
+
 std::vector<DamagedTape> damaged_tapes() {
   return {
+      moved_empty_key(),
       {"member block shorter than its header",
        kHead + "file BP dir\nsub MAIN sam\nblock data words=2 'PRINT'\nsub NEXT sam\ntext 'END\\n'\n"
                "file NOTES sam\nblock data words=1 'x'\ntext 'kept\\n'\nend\n",
@@ -70,6 +97,12 @@ std::vector<DamagedTape> damaged_tapes() {
   };
 }
 
+// No report of a sanitizer build (undefined behaviour, a bad access).
+bool unflagged(const std::string& output) {
+  return output.find("runtime error:") == std::string::npos &&
+         output.find("Sanitizer") == std::string::npos;
+}
+
 // What stands in the sandbox besides the run directory's accounts and tape.
 std::set<std::string> strays(const Sandbox& box) {
   std::set<std::string> found;
@@ -88,6 +121,7 @@ TEST(DamagedTapes, RunToTheEndKeepWhatCanBeReadAndStayInTheAccount) {
     Sandbox box(t.save);
     ProgramResult restore = box.reel({"ACC"});
     EXPECT_EQ(restore.status, 1) << restore.output;
+    EXPECT_TRUE(unflagged(restore.output)) << restore.output;
     EXPECT_EQ(strays(box), std::set<std::string>{});
     for (const auto& [file, records] : t.files) {
       EXPECT_EQ(listed_records(box.run() + "/" + file), records) << file << restore.output;
@@ -103,6 +137,7 @@ TEST(DamagedTapes, RunToTheEndKeepWhatCanBeReadAndStayInTheAccount) {
 
     ProgramResult analysis = box.reel({"-A", "plan"});
     EXPECT_EQ(analysis.status, 1) << analysis.output;
+    EXPECT_TRUE(unflagged(analysis.output)) << analysis.output;
     EXPECT_NE(analysis.output.find("REEL_INTAKE is finished"), std::string::npos) << analysis.output;
   }
 }
