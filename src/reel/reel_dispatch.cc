@@ -151,7 +151,8 @@ bool is_account_name(const char* name) {
     return false;
   if (reel_settings.analyse_mode) return true;
   std::error_code ec;
-  const std::filesystem::file_status beside = std::filesystem::status(std::string("../") + name, ec);
+  const std::filesystem::file_status beside =
+      std::filesystem::status(std::string("../") + name, ec);
   return !std::filesystem::exists(beside) || std::filesystem::is_directory(beside);
 }
 

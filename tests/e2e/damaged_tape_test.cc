@@ -25,7 +25,8 @@ struct DamagedTape {
   // listed_records shows them.
   std::vector<std::pair<std::string, std::vector<std::string>>> files;
   std::vector<std::pair<std::string, std::string>> members;  // path, text
-  std::string logged;  // a line of SALES/dispmsg
+  // A line of SALES/dispmsg.
+  std::string logged;
 };
 
 const std::string kHead = "tape t.tap\nlabel\naccount SALES\n";
@@ -48,7 +49,8 @@ DamagedTape moved_empty_key() {
     for (size_t i = 0; i < size; ++i) data += mark ? "\\xFE" : "d";
     t.save += "item '" + key + "' '" + data + "'\n";
     if (key.size() < 255)
-      t.files[0].second.push_back(listed_record(mark ? "" : key, std::string(size, mark ? '\xFE' : 'd')));
+      t.files[0].second.push_back(
+          listed_record(mark ? "" : key, std::string(size, mark ? '\xFE' : 'd')));
   }
   t.save += "end\n";
   std::sort(t.files[0].second.begin(), t.files[0].second.end());
@@ -59,8 +61,9 @@ std::vector<DamagedTape> damaged_tapes() {
   return {
       moved_empty_key(),
       {"member block shorter than its header",
-       kHead + "file BP dir\nsub MAIN sam\nblock data words=2 'PRINT'\nsub NEXT sam\ntext 'END\\n'\n"
-               "file NOTES sam\nblock data words=1 'x'\ntext 'kept\\n'\nend\n",
+       kHead +
+           "file BP dir\nsub MAIN sam\nblock data words=2 'PRINT'\nsub NEXT sam\ntext 'END\\n'\n"
+           "file NOTES sam\nblock data words=1 'x'\ntext 'kept\\n'\nend\n",
        {},
        {{"SALES/BP/NEXT", "END\n"}, {"SALES/SAM/NOTES", "kept\n"}},
        ""},
@@ -125,7 +128,8 @@ TEST(DamagedTapes, RunToTheEndKeepWhatCanBeReadAndStayInTheAccount) {
     EXPECT_EQ(strays(box), std::set<std::string>{});
     for (const auto& [file, records] : t.files) {
       EXPECT_EQ(listed_records(box.run() + "/" + file), records) << file << restore.output;
-      ProgramResult checked = run_program({.program = "mrvfile", .args = {"check", box.run() + "/" + file}});
+      ProgramResult checked =
+          run_program({.program = "mrvfile", .args = {"check", box.run() + "/" + file}});
       EXPECT_EQ(checked.status, 0) << file << checked.output;
     }
     for (const auto& [member, text] : t.members)
@@ -138,7 +142,8 @@ TEST(DamagedTapes, RunToTheEndKeepWhatCanBeReadAndStayInTheAccount) {
     ProgramResult analysis = box.reel({"-A", "plan"});
     EXPECT_EQ(analysis.status, 1) << analysis.output;
     EXPECT_TRUE(unflagged(analysis.output)) << analysis.output;
-    EXPECT_NE(analysis.output.find("REEL_INTAKE is finished"), std::string::npos) << analysis.output;
+    EXPECT_NE(analysis.output.find("REEL_INTAKE is finished"), std::string::npos)
+        << analysis.output;
   }
 }
 
