@@ -153,7 +153,8 @@ void insert_key(uint8_t* block, uint32_t b, const uint8_t* key, int32_t key_leng
   std::memmove(block + low - key_length - 1, block + low, static_cast<size_t>(moving));
   int32_t slot = datapos - above;  // the new key's length byte is at slot-1
   block[slot - 1] = static_cast<uint8_t>(key_length);
-  std::memcpy(block + slot - 1 - key_length, key, static_cast<size_t>(key_length));
+  // An empty key (one that was only a field mark) may come without bytes.
+  if (key_length > 0) std::memcpy(block + slot - 1 - key_length, key, static_cast<size_t>(key_length));
   std::memmove(block + ke_offset(row + 1), block + ke_offset(row), KEY_ENTRY_SIZE * static_cast<size_t>(count - row));
   ke_set_position(block, row, position);
   ke_set_length(block, row, stored_length);

@@ -2,6 +2,8 @@
 
 #include <cstdio>
 #include <cstring>
+#include <filesystem>
+#include <system_error>
 
 #include "NT/NT_command.h"
 #include "NT/NT_utils.h"
@@ -140,6 +142,20 @@ void hashed_file(unsigned char* buffer, int32_t* length) {
     reel_hashed_subfiles(buffer, length);
 }
 
+// The account's name from tape becomes a directory beside the account
+// directory (a restore works inside it): a name that would lead anywhere
+// else, or that a file beside it already has, is no name.
+bool is_account_name(const char* name) {
+  if (name[0] == '\0' || std::strcmp(name, ".") == 0 || std::strcmp(name, "..") == 0 ||
+      std::strchr(name, '/') != nullptr)
+    return false;
+  if (reel_settings.analyse_mode) return true;
+  std::error_code ec;
+  const std::filesystem::file_status beside =
+      std::filesystem::status(std::string("../") + name, ec);
+  return !std::filesystem::exists(beside) || std::filesystem::is_directory(beside);
+}
+
 }  // namespace
 
 int reel_is_reserved_name(const char* name) {
@@ -164,6 +180,12 @@ void reel_account_block(unsigned char* buffer, int32_t* length) {
   RunSettings& s = reel_settings;
   char name[PATH_NAME_SIZE + 1];
   tape_path_name(name, buffer, s.level_base - PATH_ENTRY_SIZE);
+  if (!is_account_name(name)) {
+    // Logged, and what follows is restored into the account at hand.
+    reel_log_error(REEL_ERR_ACCOUNT, "");
+    reel_skip_blocks(buffer, length, kSkipObject);
+    return;
+  }
   if (!tape_account.empty()) {
     // An analysis covers the first account only.
     if (s.analyse_mode) reel_finish_analysis();

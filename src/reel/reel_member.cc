@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <string>
 #include <vector>
@@ -48,7 +49,8 @@ void load_member(unsigned char* buffer, int32_t* length, const std::string& dire
   int first = 1;
   size_t used = 0;
   while (tape_block_type(buffer) == TAPE_BLOCK_DATA) {
-    if (REEL_MEMBER_BUFFER - used < REEL_MEMBER_FLUSH_ROOM) {
+    // `used` may have passed the buffer's size after a grown block.
+    if (used + REEL_MEMBER_FLUSH_ROOM > REEL_MEMBER_BUFFER) {
       reel_write_member(directory.c_str(), item.c_str(), item_len, text.data(),
                         static_cast<int32_t>(used), first);
       first = 0;
@@ -56,7 +58,8 @@ void load_member(unsigned char* buffer, int32_t* length, const std::string& dire
     }
     // Blank runs may grow a block far beyond the room kept free; the buffer
     // grows to the worst case of the block rather than be overrun.
-    const int32_t count = *length - TAPE_HEADER_SIZE;
+    // A header may claim less than itself: such a block holds no text.
+    const int32_t count = std::max(0, *length - TAPE_HEADER_SIZE);
     const size_t need = used + reel_text_worst_case(static_cast<size_t>(count));
     if (text.size() < need) text.resize(need);
     used += static_cast<size_t>(

@@ -49,12 +49,19 @@ bool read_voc_item(const std::string& key, VocItem* item, std::string* record) {
   return true;
 }
 
-// Replaces every character of name_bad_chars by its fill character.
-void clean_name(std::string& name) {
+// Replaces every character of name_bad_chars by its fill character. A
+// file's name becomes fields of its VOC entry, so a field or record mark
+// in it (which would cut the entry into other paths, ".." among them) is
+// made "_" as well.
+void clean_name(std::string& name, int mode) {
   const RunSettings& s = reel_settings;
   for (char& c : name) {
     size_t at = s.name_bad_chars.find(c);
-    if (at != std::string::npos && at < s.name_fill_chars.size()) c = s.name_fill_chars[at];
+    if (at != std::string::npos && at < s.name_fill_chars.size())
+      c = s.name_fill_chars[at];
+    else if (mode == REEL_NAME_FILE &&
+             (static_cast<unsigned char>(c) == M_FM || static_cast<unsigned char>(c) == M_RM))
+      c = '_';
   }
 }
 
@@ -129,8 +136,10 @@ int reel_target_name(std::string& key, std::string& target_out, int mode) {
   std::string work = key;
   if (work.size() > static_cast<size_t>(reel_settings.max_name_len))
     work.resize(static_cast<size_t>(reel_settings.max_name_len));
-  clean_name(work);
-  if (work != key || reel_name_exists(work, static_cast<int>(work.size()), mode) != 0) {
+  clean_name(work, mode);
+  // An empty name names no file on disk: it takes a letter like a taken one.
+  if (work != key || work.empty() ||
+      reel_name_exists(work, static_cast<int>(work.size()), mode) != 0) {
     target_out = unique_name(work, mode);
     return REEL_TARGET_OTHER;
   }
