@@ -28,20 +28,10 @@ namespace {
 
 constexpr int32_t kLastBlockNo = 0xFFFF;
 
-// An answer at a tape prompt, which stands between blocks. The end of
-// input ends the run as E does there, so that the file being loaded is
-// finished and the account closed rather than left half written.
-int tape_answer() {
-  int answer = reel_try_answer();
-  if (answer >= 0) return answer;
-  M_errmsg(0, "%s", REEL_END_OF_INPUT);
-  reel_end_run();
-}
-
 // Asks until the operator types a capital C or E; E ends the run.
 void wait_for_continue() {
   for (;;) {
-    int answer = tape_answer();
+    int answer = reel_get_answer();
     if (answer == 'C') return;
     if (answer == 'E') reel_end_run();
   }
@@ -76,7 +66,7 @@ void reel_open_device(const char* name) {
   while ((tape_handle = MNT_TapeOpen(name, MNT_TAPE_READ)) < 0) {
     M_errmsg(0, "Tape %s open error\n", name);
     M_errmsg(0, "Please check tape drive and input C to continue");
-    while (tape_answer() != 'C') {
+    while (reel_get_answer() != 'C') {
     }
   }
 }

@@ -92,7 +92,7 @@ void reel_startup() {
   reel_finish();
 }
 
-int reel_try_answer() {
+int reel_get_answer() {
   std::fflush(stdout);
   bool terminal = isatty(STDIN_FILENO) != 0;
   if (terminal) tcflush(STDIN_FILENO, TCIFLUSH);
@@ -104,14 +104,8 @@ int reel_try_answer() {
       return c;
     }
     if (n < 0 && errno == EINTR) continue;
-    return -1;
+    reel_fatal("End of input while waiting for an answer.\n");
   }
-}
-
-int reel_get_answer() {
-  int answer = reel_try_answer();
-  if (answer < 0) reel_fatal(REEL_END_OF_INPUT);
-  return answer;
 }
 
 // Runs beside the main thread, so it writes and reads with the plain system

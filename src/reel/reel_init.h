@@ -45,6 +45,3 @@ void reel_install_break_handler();
 // first; from a pipe or file, characters are taken in order (line ends are
 // passed over) so that answers can be scripted. End of input ends the run.
 int reel_get_answer();
-// The same, but -1 at the end of input, which the caller deals with.
-int reel_try_answer();
-inline constexpr char REEL_END_OF_INPUT[] = "End of input while waiting for an answer.\n";

@@ -92,11 +92,6 @@ std::vector<DamagedTape> damaged_tapes() {
        {{"SALES/a", {"A\tone"}}},
        {},
        ""},
-      {"a tape mark inside a file, with no answer to the prompt it brings",
-       kHead + "file F hashed\nsubfile modulo=1\nitem A 'one'\nitem B 'two'\nmark\nend\n",
-       {{"SALES/F", {"A\tone", "B\ttwo"}}},
-       {},
-       ""},
   };
 }
 
