@@ -27,7 +27,7 @@ cat "$work/plan"
 echo
 echo "== REEL_INTAKE -U 0 SALES (the restore)"
 # A restore opens the unit from inside the account: the tape is one up.
-echo "0 ../t.tap ../rt.tap 8192" > "$home/sys/tapeinfo"
+echo "0 ../t.tap r../t.tap 8192" > "$home/sys/tapeinfo"
 (cd "$work" && "$bin/REEL_INTAKE" -U 0 SALES)
 status=$?
 echo "(exit status $status; every run ends with 1)"

@@ -31,7 +31,7 @@ TEST(Restore, HostileNamesMakeCorrectTargetsAndRunNothing) {
   for (const char* d : {"home/include", "home/sys", "bin", "tmp", "run"}) fs::create_directories(root / d);
   fs::create_symlink(fs::path(REEL_BIN_DIR) / "newacct", root / "bin/newacct");
   // The unit is opened from inside the account, one below the run directory.
-  spill(root / "home/sys/tapeinfo", "0 ../t.tap ../rt.tap 8192\n");
+  spill(root / "home/sys/tapeinfo", "0 ../t.tap r../t.tap 8192\n");
   const std::string run = (root / "run").string();
   ProgramResult made = run_program({.program = "mkreel", .input = kHostile, .directory = run});
   ASSERT_EQ(made.status, 0) << made.output;

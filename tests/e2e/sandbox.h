@@ -35,7 +35,7 @@ class Sandbox {
     const std::string root = dir_.str();
     const bool analyse = std::find(args.begin(), args.end(), "-A") != args.end();
     spill(dir_.path() / "home/sys/tapeinfo",
-          analyse ? "0 t.tap rt.tap 8192\n" : "0 ../t.tap ../rt.tap 8192\n");
+          analyse ? "0 t.tap rt.tap 8192\n" : "0 ../t.tap r../t.tap 8192\n");
     return run_program({.program = "REEL_INTAKE",
                         .args = std::move(args),
                         .directory = run(),
