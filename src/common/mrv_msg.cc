@@ -17,9 +17,7 @@ char msg_buffer[MRV_MSG_BUFFER_SIZE];
 size_t msg_buffer_fill = 0;
 char last_message_number[10] = "-10000000";
 
-namespace {
-
-std::string vformat(const char* format, va_list args) {
+std::string M_vformat(const char* format, va_list args) {
   va_list copy;
   va_copy(copy, args);
   char local[1024];
@@ -32,6 +30,8 @@ std::string vformat(const char* format, va_list args) {
   text.resize(static_cast<size_t>(n));
   return text;
 }
+
+namespace {
 
 // Appends to the message buffer at the fill mark; what does not fit is cut.
 void buffer_append(const char* text, size_t length) {
@@ -78,7 +78,7 @@ int M_msg_out(const char* text, size_t length) {
 int M_msg_buffer_printf(const char* format, ...) {
   va_list args;
   va_start(args, format);
-  std::string text = vformat(format, args);
+  std::string text = M_vformat(format, args);
   va_end(args);
   buffer_append(text.data(), text.size());
   return static_cast<int>(text.size());
@@ -89,7 +89,7 @@ int M_errmsg(int32_t code, const char* format, ...) {
   M_set_error(code);
   va_list args;
   va_start(args, format);
-  std::string text = vformat(format, args);
+  std::string text = M_vformat(format, args);
   va_end(args);
   errno = saved_errno;
   M_msg_out(text.data(), text.size());

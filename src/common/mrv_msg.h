@@ -8,8 +8,10 @@
 // a 4096-byte buffer to be flushed to that descriptor by its owner.
 #pragma once
 
+#include <cstdarg>
 #include <cstddef>
 #include <cstdint>
+#include <string>
 
 inline constexpr size_t MRV_MSG_BUFFER_SIZE = 4096;
 
@@ -28,6 +30,9 @@ int M_msg_out(const char* text, size_t length);
 int M_msg_buffer_printf(const char* format, ...) __attribute__((format(printf, 1, 2)));
 
 void M_set_last_message_number(int32_t number);
+
+// printf-style formatting into a string of whatever length it needs.
+std::string M_vformat(const char* format, va_list args);
 
 // The console pause in milliseconds: MRV_MSG_PAUSE_MS, default 1000.
 int32_t M_msg_pause_ms();

@@ -9,6 +9,7 @@
 #include <set>
 #include <string>
 
+#include "common/mrv_msg.h"
 #include "flib/fl_block.h"
 #include "flib/fl_errout.h"
 #include "flib/fl_filehdr.h"
@@ -62,12 +63,10 @@ struct Checker {
   }
 
   void add(const char* format, ...) __attribute__((format(printf, 2, 3))) {
-    char text[512];
     va_list args;
     va_start(args, format);
-    std::vsnprintf(text, sizeof text, format, args);
+    findings->push_back(M_vformat(format, args));
     va_end(args);
-    findings->push_back(text);
     ++count;
   }
 

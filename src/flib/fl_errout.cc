@@ -12,18 +12,6 @@ int32_t V__Errout = 1;
 
 namespace {
 
-std::string vformat(const char* format, va_list args) {
-  va_list copy;
-  va_copy(copy, args);
-  int n = std::vsnprintf(nullptr, 0, format, copy);
-  va_end(copy);
-  if (n <= 0) return {};
-  std::string text(static_cast<size_t>(n) + 1, '\0');
-  std::vsnprintf(text.data(), text.size(), format, args);
-  text.resize(static_cast<size_t>(n));
-  return text;
-}
-
 std::string program_prefix(const char* layout) {
   if (M_program_name == nullptr) return {};
   char prefix[512];
@@ -38,7 +26,7 @@ int M_errout(int32_t code, const char* format, ...) {
   if (V__Errout == 0) return 0;
   va_list args;
   va_start(args, format);
-  std::string text = program_prefix("In %s at line %d ") + vformat(format, args);
+  std::string text = program_prefix("In %s at line %d ") + M_vformat(format, args);
   va_end(args);
   M_set_error(code);
   return M_msg_out(text.data(), text.size());
@@ -49,7 +37,7 @@ int M_errout_log(int32_t code, const char* format, ...) {
   if (V__Errout == 0) return 0;
   va_list args;
   va_start(args, format);
-  std::string text = vformat(format, args);
+  std::string text = M_vformat(format, args);
   va_end(args);
   M_set_error(code);
   if (M_program_name != nullptr) {

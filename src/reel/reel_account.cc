@@ -142,13 +142,12 @@ void reel_close_account() {
 }
 
 void reel_tell(const char* format, ...) {
-  char text[1024];
   va_list args;
   va_start(args, format);
-  std::vsnprintf(text, sizeof text, format, args);
+  std::string text = M_vformat(format, args);
   va_end(args);
-  M_errmsg(0, "%s", text);
+  M_errmsg(0, "%s", text.c_str());
   if (dispmsg == nullptr) return;
-  std::fputs(text, dispmsg);
+  std::fputs(text.c_str(), dispmsg);
   std::fflush(dispmsg);
 }
