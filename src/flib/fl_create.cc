@@ -266,23 +266,41 @@ int update_file_info(REL_TYPE* rel, int what) {
   return result;
 }
 
+namespace {
+
+// Creates part file `code` (a part number, with PART_OVERFLOW for the
+// overflow side) of `size` bytes and fills `entry` with its descriptor and
+// device. 0 on success; -2 when the caller asked not to wait for space;
+// otherwise the reported failure.
+int make_part_file(REL_TYPE* rel, const char* fn, uint32_t code, uint32_t size, int wait,
+                   char* path, size_t path_size, PartEntry* entry) {
+  M_part_path(rel, code, path, path_size);
+  M_reserve_descriptor();
+  uint32_t device = 0;
+  int fd = M_create_part_file(rel, path, &device, size, wait);
+  if (fd == -2) return -2;
+  if (fd < 0)
+    return M_file_error(rel, fn, "M_create_part_file", nullptr, 0,
+                        static_cast<int32_t>(code & ~PART_OVERFLOW));
+  entry->fd = fd;
+  entry->device = device;
+  return 0;
+}
+
+}  // namespace
+
 int create_primary_part_file(REL_TYPE* rel, int wait) {
   const char* fn = "create_primary_part_file";
   if (rel->sfd == nullptr || rel->primary.size() >= static_cast<size_t>(MAX_PARTS))
     return M_file_error(rel, fn, "part count", nullptr, 0, static_cast<int32_t>(rel->primary.size()));
   auto number = static_cast<uint32_t>(rel->primary.size() + 1);
-  char path[REL_NAME_SIZE + 16];
-  M_part_path(rel, number, path, sizeof path);
-  M_reserve_descriptor();
   uint32_t b = rel->block_size;
   uint32_t size = static_cast<uint32_t>(std::min<int64_t>(static_cast<int64_t>(rel->modulo) + 1, rel->groups_per_part)) * b;
-  uint32_t device = 0;
-  int fd = M_create_part_file(rel, path, &device, size, wait);
-  if (fd == -2) return -2;
-  if (fd < 0) return M_file_error(rel, fn, "M_create_part_file", nullptr, 0, static_cast<int32_t>(number));
+  char path[REL_NAME_SIZE + 16];
   PartEntry entry;
-  entry.fd = fd;
-  entry.device = device;
+  if (int made = make_part_file(rel, fn, number, size, wait, path, sizeof path, &entry); made != 0)
+    return made;
+  int fd = entry.fd;
   entry.first_group = rel->sfd->modulo;
   rel->primary.push_back(entry);
   rel->sfd->primary_count = static_cast<uint8_t>(number);
@@ -312,15 +330,11 @@ int create_overflow_part_file(REL_TYPE* rel, int wait) {
   uint32_t size = static_cast<uint32_t>(std::min<int64_t>(blocks, rel->groups_per_part)) * b;
   auto number = static_cast<uint32_t>(rel->overflow.size() + 1);
   char path[REL_NAME_SIZE + 16];
-  M_part_path(rel, number | PART_OVERFLOW, path, sizeof path);
-  M_reserve_descriptor();
-  uint32_t device = 0;
-  int fd = M_create_part_file(rel, path, &device, size, wait);
-  if (fd == -2) return -2;
-  if (fd < 0) return M_file_error(rel, fn, "M_create_part_file", nullptr, 0, static_cast<int32_t>(number));
   PartEntry entry;
-  entry.fd = fd;
-  entry.device = device;
+  if (int made = make_part_file(rel, fn, number | PART_OVERFLOW, size, wait, path, sizeof path, &entry);
+      made != 0)
+    return made;
+  int fd = entry.fd;
   rel->overflow.push_back(entry);
   rel->sfd->overflow_count = static_cast<uint8_t>(number);
   rel->over_fd = fd;
