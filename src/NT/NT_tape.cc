@@ -12,6 +12,7 @@
 #include <map>
 #include <string>
 
+#include "NT/NT_fault.h"
 #include "NT/NT_logerror.h"
 #include "common/mrv_msg.h"
 #include "flib/fl_globals.h"
@@ -394,6 +395,11 @@ int MNT_TapeRead(int slot, void* buffer, int count) {
     M_Status = s->at_end ? MNT_STATUS_END_OF_DATA : MNT_STATUS_FAULT;
     return s->at_end ? 0 : -1;
   }
+  if (NT_fault_tape_read()) {
+    MNT_LogError("Read File");
+    M_Status = MNT_STATUS_FAULT;
+    return -1;
+  }
   auto* out = static_cast<unsigned char*>(buffer);
   int total = 0;
   // A short block ends nothing: progress counts the chunk asked for, so with
@@ -535,6 +541,7 @@ int MNT_TapeReadBytes(int slot, void* buffer, int count) {
     errno = EBADF;
     return -1;
   }
+  if (NT_fault_tape_read()) return -1;
   if (s->medium == Medium::kImage) {
     Attempt a = image_read(*s, buffer, count);
     if (a.got == Got::kRetry) a = image_read(*s, buffer, count);

@@ -21,6 +21,10 @@ extern size_t msg_buffer_fill;
 // Text of the number of the last message; "-10000000" for an unnumbered one.
 extern char last_message_number[10];
 
+// Said when input ends while a prompt waits for its answer; the prompt then
+// takes the answer that loses nothing.
+inline constexpr char M_END_OF_INPUT_TEXT[] = "End of input while waiting for an answer.\n";
+
 int M_errmsg(int32_t code, const char* format, ...) __attribute__((format(printf, 2, 3)));
 int M_errno_msg(const char* text);
 

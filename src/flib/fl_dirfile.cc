@@ -7,6 +7,7 @@
 #include <cerrno>
 #include <string>
 
+#include "NT/NT_fault.h"
 #include "flib/fl_hash.h"
 #include "flib/fl_rel.h"
 #include "flib/fl_report.h"
@@ -43,7 +44,7 @@ int M_dir_write(REL_TYPE* rel, const uint8_t* key, int32_t key_length, const uin
   if (fd < 0) return M_file_error(rel, fn, "open", key, key_length, errno);
   int32_t done = 0;
   while (done < record_length) {
-    ssize_t n = write(fd, record + done, static_cast<size_t>(record_length - done));
+    ssize_t n = NT_write(fd, record + done, static_cast<size_t>(record_length - done));
     if (n < 0 && errno == EINTR) continue;
     if (n <= 0) {
       close(fd);

@@ -16,6 +16,9 @@ extern "C" int32_t M_Status;
 // The no-wait switch: when on, a full disk fails the write at once instead
 // of waiting for the operator.
 extern int32_t M_no_wait;
+// Set when the full-disk wait met the end of input: nobody can free space,
+// so the no-wait switch is on from then on and the run is to end in order.
+extern int32_t M_full_wait_abandoned;
 // The running language group: record mark, print-at character, null value.
 // Files record it in header bytes 52..54.
 extern uint8_t M_langgrp[3];

@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <cstring>
 
+#include "NT/NT_fault.h"
 #include "common/mrv_msg.h"
 #include "flib/fl_block.h"
 #include "flib/fl_create.h"
@@ -67,6 +68,9 @@ int M_fs_full_wait() {
     if (n == 1 && c == '\n') return 0;
     if (n == 1) continue;
     if (n < 0 && errno == EINTR) continue;
+    M_errmsg(0, "%s", M_END_OF_INPUT_TEXT);
+    M_no_wait = 1;
+    M_full_wait_abandoned = 1;
     return -1;
   }
 }
@@ -142,7 +146,7 @@ int M_blkwrite(REL_TYPE* rel, uint32_t address, uint8_t* buffer) {
   M_write_in_progress = 1;
   bool short_count = false;
   for (;;) {
-    ssize_t n = pwrite(fd, buffer, b, file_offset(address));
+    ssize_t n = NT_pwrite(fd, buffer, b, file_offset(address));
     if (n == static_cast<ssize_t>(b)) {
       M_write_in_progress = 0;
       return 1;
@@ -181,7 +185,7 @@ ssize_t M_ls_write(int fd, const uint8_t* buffer, size_t length, off_t offset) {
       M_file_error(nullptr, "M_ls_write", "lseek", nullptr, 0, static_cast<int32_t>(offset));
       return -1;
     }
-    ssize_t n = write(fd, buffer, length);
+    ssize_t n = NT_write(fd, buffer, length);
     if (n < 0 && errno == EINTR) continue;
     return n;
   }

@@ -8,6 +8,7 @@
 #include <cstring>
 #include <vector>
 
+#include "NT/NT_fault.h"
 #include "flib/fl_block.h"
 #include "flib/fl_dirfile.h"
 #include "flib/fl_errout.h"
@@ -78,7 +79,7 @@ int M_mem_write_run(REL_TYPE* rel, bool overflow, const uint8_t* bytes, uint32_t
   while (done < length) {
     size_t piece = std::min<size_t>(length - done, MEM_WRITE_PIECE);
     ++M_mem_write_calls;
-    ssize_t n = write(fd, bytes + done, piece);
+    ssize_t n = NT_write(fd, bytes + done, piece);
     if (n < 0 && errno == EINTR) continue;
     if (n != static_cast<ssize_t>(piece)) {
       M_errout(0, "m_write error,name=%s,offset=%d.\n", rel->path, static_cast<int>(offset + done));

@@ -2,6 +2,8 @@
 
 #include <cstdarg>
 #include <cstdio>
+#include <filesystem>
+#include <system_error>
 #include <vector>
 
 #include "NT/NT_access.h"
@@ -16,12 +18,14 @@
 #include "reel/reel_app_tuple.h"
 #include "reel/reel_current.h"
 #include "reel/reel_init.h"
+#include "reel/reel_resume.h"
 #include "reel/reel_settings.h"
 #include "reel/reel_target.h"
 
 CurrentFile reel_current;
 FILE* dispmsg = nullptr;
 std::string tape_account;
+std::string reel_account_parent = "..";
 REL_TYPE reel_pgm_map;
 REL_TYPE reel_sam_file;
 REL_TYPE reel_dam_file;
@@ -29,6 +33,8 @@ REL_TYPE reel_dam_file;
 namespace {
 
 constexpr char kOverflowFile[] = "overflow";
+// The account directory as it was entered, an absolute path.
+std::string account_directory;
 constexpr char kResizeList[] = "resize_list";
 
 struct WorkFile {
@@ -64,11 +70,24 @@ void touch_side_file(const char* name, const char* failure) {
 
 }  // namespace
 
+std::string reel_target_path() {
+  const std::string& t = reel_settings.target_dir;
+  return !t.empty() && t[0] == '/' ? t : reel_account_parent + "/" + t;
+}
+
 void reel_open_account() {
   const RunSettings& s = reel_settings;
   need_directory(s.account_name, "Account dir is not exist!\n");
-  if (!s.target_dir.empty()) need_directory(s.target_dir, "Incompatable options (-T -O -D)\n");
-  NT_chdir(("./" + s.account_name).c_str());
+  // The account may be named by an absolute path or one with "/" in it:
+  // its real place decides where "above the account" is.
+  std::error_code ec;
+  const std::filesystem::path real = std::filesystem::canonical(s.account_name, ec);
+  if (ec || NT_chdir(real.c_str()) != 0)
+    reel_fatal(("Can't enter account directory " + s.account_name + "\n").c_str());
+  account_directory = real.string();
+  reel_account_parent = real.parent_path().string();
+  if (!s.target_dir.empty()) need_directory(reel_target_path(), "Incompatable options (-T -O -D)\n");
+  reel_read_loading_note();
   if (!exists("VOC")) {
     if (s.data_only || s.overlay) reel_fatal("Account is not exist!\n");
     if (NT_run_program("newacct", {}) != 0) reel_fatal("newacct is failed!\n");
@@ -107,6 +126,8 @@ void reel_close_account() {
     else
       reel_close_target();
   }
+  if (!f.name.empty()) reel_loading_done(f.file_kind, f.name, reel_file_complete(f));
+  reel_forget_loading_note();
   for (const WorkFile& w : kWorkFiles) M_closefile(w.rel);
   if (exists(kOverflowFile)) std::remove(kOverflowFile);
   if (dispmsg != nullptr) std::fclose(dispmsg);
@@ -126,19 +147,22 @@ void reel_close_account() {
     while (NT_dirent* e = dir != nullptr ? NT_readdir(dir) : nullptr)
       if (e->d_name[0] != '.') names.emplace_back(e->d_name);
     if (dir != nullptr) NT_closedir(dir);
-    for (const std::string& name : names) NT_cmd_move(name.c_str(), ("../" + s.target_dir).c_str());
+    const std::string target = reel_target_path();
+    for (const std::string& name : names) NT_cmd_move(name.c_str(), target.c_str());
   }
-  NT_chdir("..");
+  NT_chdir(reel_account_parent.c_str());
 
-  // The account takes its name from the tape. With -T the target gets it
-  // and the emptied staging directory stays; a staging directory named as
-  // the tape's account is moved onto it.
+  // The account takes its name from the tape, beside where it was made.
+  // With -T the target gets it and the emptied staging directory stays; a
+  // staging directory named as the tape's account is moved onto it. An
+  // absolute -T names the account's very place and keeps its name.
   if (tape_account.empty()) return;
   if (!s.target_dir.empty() && s.target_dir != tape_account) {
-    NT_cmd_move(s.target_dir.c_str(), tape_account.c_str());
+    if (s.target_dir[0] != '/') NT_cmd_move(s.target_dir.c_str(), tape_account.c_str());
     return;
   }
-  if (s.account_name != tape_account) NT_cmd_move(s.account_name.c_str(), tape_account.c_str());
+  if (std::filesystem::path(account_directory).filename() != tape_account)
+    NT_cmd_move(account_directory.c_str(), tape_account.c_str());
 }
 
 void reel_tell(const char* format, ...) {

@@ -23,6 +23,14 @@ extern REL_TYPE reel_pgm_map;
 extern REL_TYPE reel_sam_file;
 extern REL_TYPE reel_dam_file;
 
+// The real parent of the account directory, an absolute path once the
+// account is entered ("..", until then). "The directory above the account" of the -T moves and
+// the renames of the close-down.
+extern std::string reel_account_parent;
+// Where -T sends the account's files: an absolute -T is that directory
+// itself, a relative one lies beside the account directory.
+std::string reel_target_path();
+
 // Makes or opens the account directory, enters it, and opens the VOC, the
 // side files and the work files. Every failure ends the run.
 void reel_open_account();

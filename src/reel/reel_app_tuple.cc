@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "NT/NT_command.h"
+#include "NT/NT_fault.h"
 #include "NT/NT_utils.h"
 #include "common/mrv_alloc.h"
 #include "common/mrv_exit.h"
@@ -109,23 +110,33 @@ void count_restored(bool flush_dots) {
   if (flush_dots) std::fflush(stdout);
 }
 
-void write_record(REL_TYPE* rel, char* key, int32_t key_len, char* data, int32_t data_len) {
+// Hands one record to the buffered writer; true when it went in. Once a
+// write into the file has failed nothing more is written into it: the
+// record is dropped. A record the library refuses for itself is logged.
+bool write_record(REL_TYPE* rel, char* key, int32_t key_len, char* data, int32_t data_len) {
+  if (!reel_file_complete(reel_current)) return false;
   if (reel_settings.mark_translate) {
     reel_translate_marks(key, key_len, false);
     reel_translate_marks(data, data_len, true);
   }
-  M_mem_add_tuple(rel, reinterpret_cast<const uint8_t*>(key), key_len, reinterpret_cast<const uint8_t*>(data),
-                  data_len);
+  const uint64_t failed_before = NT_write_failures;
+  if (M_mem_add_tuple(rel, reinterpret_cast<const uint8_t*>(key), key_len,
+                      reinterpret_cast<const uint8_t*>(data), data_len) == 1)
+    return true;
+  if (NT_write_failures != failed_before)
+    reel_write_failed(NT_last_write_errno);
+  else
+    reel_log_error(REEL_ERR_RECORD, std::string(key, static_cast<size_t>(key_len)).c_str());
+  return false;
 }
 
 void write_long_buffer(REL_TYPE* rel) {
   TupleBuffer& b = reel_long_tuples;
   sort_by_group(b, rel);
   const TupleDesc* d = descriptors(b);
-  for (int32_t i = 0; i < b.count; ++i) {
-    reel_load_ltuple(rel, d[i].key, d[i].key_len, d[i].data_len, d[i].first_page);
-    count_restored(false);
-  }
+  for (int32_t i = 0; i < b.count; ++i)
+    if (reel_load_ltuple(rel, d[i].key, d[i].key_len, d[i].data_len, d[i].first_page) == 1)
+      count_restored(false);
   reset(b);
 }
 
@@ -153,9 +164,12 @@ void spill_long_buffer() {
   if (reel_current.rel != nullptr && reel_resize_check() != 0) write_long_buffer(reel_current.rel.get());
 }
 
+// The line of a closed hashed file: what stands in it, whatever was read.
 void log_restored() {
+  reel_current.records_standing = reel_count_standing();
+  reel_write_failure_done();
   if (dispmsg == nullptr) return;
-  std::fprintf(dispmsg, "%d records restored\n", reel_records_restored);
+  std::fprintf(dispmsg, "%d records restored\n", reel_current.records_standing);
   std::fflush(dispmsg);
 }
 
@@ -202,8 +216,7 @@ void reel_add_tuple(const char* key, int32_t key_len, const char* data, int32_t 
       return;
     }
     std::string k(key, static_cast<size_t>(key_len)), d(data, static_cast<size_t>(data_len));
-    write_record(reel_current.rel.get(), k.data(), key_len, d.data(), data_len);
-    count_restored(true);
+    if (write_record(reel_current.rel.get(), k.data(), key_len, d.data(), data_len)) count_restored(true);
     return;
   }
   TupleDesc* desc = take_descriptor(b);
@@ -241,8 +254,8 @@ void reel_flush_tuples() {
   sort_by_group(b, rel);
   TupleDesc* d = descriptors(b);
   for (int32_t i = 0; i < b.count; ++i) {
-    write_record(rel, d[i].key, d[i].key_len, d[i].key + d[i].key_len + 1, d[i].data_len);
-    count_restored(true);
+    if (write_record(rel, d[i].key, d[i].key_len, d[i].key + d[i].key_len + 1, d[i].data_len))
+      count_restored(true);
   }
   reel_new_file = 0;
   reset(b);
@@ -267,8 +280,8 @@ void reel_flush_ltuples() {
   spill_fd = -1;
 }
 
-void reel_load_ltuple(REL_TYPE* rel, const char* key, int32_t key_len, int32_t data_len,
-                      int32_t first_page) {
+int reel_load_ltuple(REL_TYPE* rel, const char* key, int32_t key_len, int32_t data_len,
+                     int32_t first_page) {
   std::vector<char> data(static_cast<size_t>(data_len) + 1);
   std::vector<unsigned char> page(kPageBufferSize);
   int32_t got = 0;
@@ -276,7 +289,7 @@ void reel_load_ltuple(REL_TYPE* rel, const char* key, int32_t key_len, int32_t d
     int32_t length = 0;
     if (reel_overflow_get(page.data(), number, &length) == 0) {
       reel_log_error(REEL_ERR_RECORD, key);
-      return;
+      return 0;
     }
     number = (page[13] << 16) | (page[14] << 8) | page[15];
     int32_t take = std::min(data_len - got, length - kPageHead);
@@ -286,7 +299,7 @@ void reel_load_ltuple(REL_TYPE* rel, const char* key, int32_t key_len, int32_t d
   }
   if (got != data_len) reel_log_error(REEL_ERR_RECORD, key);
   std::string k(key, static_cast<size_t>(key_len));
-  write_record(rel, k.data(), key_len, data.data(), got);
+  return write_record(rel, k.data(), key_len, data.data(), got) ? 1 : 0;
 }
 
 int32_t reel_resize_modulo() {
@@ -343,7 +356,9 @@ void reel_finish_file(REL_TYPE* rel) {
     log_restored();
     return;
   }
-  M_mem_force_flush(rel, 1);
+  const uint64_t failed_before = NT_write_failures;
+  if (M_mem_force_flush(rel, 1) != 1 && NT_write_failures != failed_before && in_slot)
+    reel_write_failed(NT_last_write_errno);
   const int64_t r = f.record_count;
   const int64_t w = static_cast<int64_t>(rel->block_size) - f.key_bytes / (r + 1) - 32;
   if (w > 0) {

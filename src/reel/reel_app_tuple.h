@@ -68,8 +68,9 @@ int reel_resize_check();
 // change or cannot be judged.
 int32_t reel_resize_modulo();
 // Gathers a large record's data from the overflow pages and writes it.
-void reel_load_ltuple(REL_TYPE* rel, const char* key, int32_t key_len, int32_t data_len,
-                      int32_t first_page);
+// 1 when the record went into the file, else 0.
+int reel_load_ltuple(REL_TYPE* rel, const char* key, int32_t key_len, int32_t data_len,
+                     int32_t first_page);
 // Replaces the tape's marks by the marks in force (when they differ):
 // record and field mark in a key, all five in data.
 void reel_translate_marks(char* text, int32_t length, bool all_marks);

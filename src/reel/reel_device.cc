@@ -28,10 +28,11 @@ namespace {
 
 constexpr int32_t kLastBlockNo = 0xFFFF;
 
-// Asks until the operator types a capital C or E; E ends the run.
+// Asks until the operator types a capital C or E; E (and the end of input)
+// ends the run in order.
 void wait_for_continue() {
   for (;;) {
-    int answer = reel_get_answer();
+    int answer = reel_get_answer('E');
     if (answer == 'C') return;
     if (answer == 'E') reel_end_run();
   }
@@ -66,8 +67,9 @@ void reel_open_device(const char* name) {
   while ((tape_handle = MNT_TapeOpen(name, MNT_TAPE_READ)) < 0) {
     M_errmsg(0, "Tape %s open error\n", name);
     M_errmsg(0, "Please check tape drive and input C to continue");
-    while (reel_get_answer() != 'C') {
-    }
+    // No answer but C goes on; without input the run closes down as E does.
+    for (int answer = 0; answer != 'C';)
+      if ((answer = reel_get_answer(REEL_NO_ANSWER)) == REEL_NO_ANSWER) reel_end_run();
   }
 }
 

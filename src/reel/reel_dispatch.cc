@@ -16,6 +16,7 @@
 #include "reel/reel_hashed.h"
 #include "reel/reel_member.h"
 #include "reel/reel_plan.h"
+#include "reel/reel_resume.h"
 #include "reel/reel_settings.h"
 #include "reel/reel_tape_format.h"
 #include "reel/reel_target.h"
@@ -45,10 +46,8 @@ bool is_hashed(uint8_t type) {
 }
 bool is_directory(uint8_t type) { return type == TAPE_OBJECT_DIR || type == TAPE_OBJECT_DIR_ALT; }
 
-// "../<-T directory>/<name>"
-std::string in_target_dir(const std::string& name) {
-  return "../" + reel_settings.target_dir + "/" + name;
-}
+// "<-T directory>/<name>"
+std::string in_target_dir(const std::string& name) { return reel_target_path() + "/" + name; }
 
 // With -T the account is a staging area: a file that has been loaded
 // leaves it for the -T directory at once. A directory's members have been
@@ -96,6 +95,8 @@ void close_previous_file() {
       reel_close_target();
   }
   if (!s.target_dir.empty()) move_to_target_dir(f);
+  if (!f.name.empty()) reel_loading_done(f.file_kind, f.name, reel_file_complete(f));
+  reel_write_failure_done();
 }
 
 // A directory: its target is made (or found in the VOC with -O) and opened,

@@ -92,7 +92,7 @@ void reel_startup() {
   reel_finish();
 }
 
-int reel_get_answer() {
+int reel_get_answer(int at_end) {
   std::fflush(stdout);
   bool terminal = isatty(STDIN_FILENO) != 0;
   if (terminal) tcflush(STDIN_FILENO, TCIFLUSH);
@@ -104,7 +104,8 @@ int reel_get_answer() {
       return c;
     }
     if (n < 0 && errno == EINTR) continue;
-    reel_fatal("End of input while waiting for an answer.\n");
+    write_all(STDOUT_FILENO, M_END_OF_INPUT_TEXT, sizeof M_END_OF_INPUT_TEXT - 1);
+    return at_end;
   }
 }
 
@@ -116,7 +117,7 @@ void reel_break_handler(int signal_number) {
     return;
   }
   write_all(STDOUT_FILENO, kBreakPrompt, sizeof kBreakPrompt - 1);
-  int answer = reel_get_answer();
+  int answer = reel_get_answer('Q');
   if (answer == 'Q' || answer == 'q') {
     std::signal(signal_number, SIG_IGN);
     stop_requested = 1;
@@ -133,7 +134,9 @@ void reel_install_break_handler() {
 
 [[noreturn]] void reel_block_loop(unsigned char* buffer) {
   int32_t length = reel_next_block(buffer);
-  while (stop_requested != 1)
+  // A full disk that nobody can answer for ends the run as a quit does,
+  // once the file at hand is done.
+  while (stop_requested != 1 && M_full_wait_abandoned == 0)
     if (reel_dispatch_block(buffer, &length) == 0) break;
   reel_end_run();
 }

@@ -43,5 +43,10 @@ void reel_install_break_handler();
 
 // One character typed by the operator. On a terminal, type-ahead is dropped
 // first; from a pipe or file, characters are taken in order (line ends are
-// passed over) so that answers can be scripted. End of input ends the run.
-int reel_get_answer();
+// passed over) so that answers can be scripted. At the end of input it
+// says so and returns `at_end`, the answer of the prompt that loses
+// nothing. Safe in the break handler: only plain system calls.
+int reel_get_answer(int at_end);
+// `at_end` of a prompt with no answer that loses nothing: the caller ends
+// the run in order.
+inline constexpr int REEL_NO_ANSWER = -1;

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "NT/NT_command.h"
+#include "NT/NT_fault.h"
 #include "common/mrv_marks.h"
 #include "flib/fl_errout.h"
 #include "flib/fl_globals.h"
@@ -16,6 +17,7 @@
 #include "reel/reel_account.h"
 #include "reel/reel_current.h"
 #include "reel/reel_device.h"
+#include "reel/reel_resume.h"
 #include "reel/reel_settings.h"
 #include "reel/reel_tape_format.h"
 #include "reel/reel_target.h"
@@ -39,20 +41,30 @@ void record_rename(const std::string& key, const std::string& name) {
   NT_cmd_echo_append(kProgramList, NT_echo_word(key) + " " + NT_echo_word(name));
 }
 
+// One chunk of the member at hand. After a failed write nothing more of
+// the slot's object is written: its files would have holes.
+void write_chunk(const std::string& directory, const std::string& item, const std::vector<char>& text,
+                 size_t used, int first) {
+  if (!reel_file_complete(reel_current)) return;
+  const uint64_t failed_before = NT_write_failures;
+  if (reel_write_member(directory.c_str(), item.c_str(), static_cast<int32_t>(item.size()), text.data(),
+                        static_cast<int32_t>(used), first) < 0 &&
+      NT_write_failures != failed_before)
+    reel_write_failed(NT_last_write_errno);
+}
+
 // Reads the member's data blocks from the next block on and writes the
 // text to "<directory>/<item>" in chunks of the transfer buffer. Leaves the
 // first block that is not a data block in the buffer.
 void load_member(unsigned char* buffer, int32_t* length, const std::string& directory,
                  const std::string& item, bool show, std::vector<char>& text) {
-  const int32_t item_len = static_cast<int32_t>(item.size());
   *length = reel_next_block(buffer);
   int first = 1;
   size_t used = 0;
   while (tape_block_type(buffer) == TAPE_BLOCK_DATA) {
     // `used` may have passed the buffer's size after a grown block.
     if (used + REEL_MEMBER_FLUSH_ROOM > REEL_MEMBER_BUFFER) {
-      reel_write_member(directory.c_str(), item.c_str(), item_len, text.data(),
-                        static_cast<int32_t>(used), first);
+      write_chunk(directory, item, text, used, first);
       first = 0;
       used = 0;
     }
@@ -68,8 +80,7 @@ void load_member(unsigned char* buffer, int32_t* length, const std::string& dire
   }
   text[used] = '\0';
   if (show) reel_show('L', 1);
-  reel_write_member(directory.c_str(), item.c_str(), item_len, text.data(),
-                    static_cast<int32_t>(used), first);
+  write_chunk(directory, item, text, used, first);
 }
 
 }  // namespace
@@ -103,7 +114,7 @@ int reel_write_member(const char* directory, const char* item, int32_t item_len,
     return -1;
   }
   for (int32_t done = 0; done < data_len;) {
-    const ssize_t n = write(fd, data + done, static_cast<size_t>(data_len - done));
+    const ssize_t n = NT_write(fd, data + done, static_cast<size_t>(data_len - done));
     if (n <= 0) {
       close(fd);
       return -1;
@@ -125,6 +136,7 @@ void reel_member_file(unsigned char* buffer, int32_t* length) {
   if (reel_target_name(key, f.short_name, REEL_NAME_MEMBER) == REEL_TARGET_OTHER)
     record_rename(key, f.short_name);
   std::vector<char> text(REEL_MEMBER_BUFFER);
+  reel_note_loading(f.file_kind, f.name);
   load_member(buffer, length, directory, f.short_name, true, text);
 }
 
@@ -165,6 +177,6 @@ void reel_dir_members(unsigned char* buffer, int32_t* length) {
     load_member(buffer, length, f.short_name, name, false, text);
     if (!s.target_dir.empty())
       NT_cmd_move((f.short_name + "/" + name).c_str(),
-                  ("../" + s.target_dir + "/" + f.short_name + "/" + name).c_str());
+                  (reel_target_path() + "/" + f.short_name + "/" + name).c_str());
   }
 }

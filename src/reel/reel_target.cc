@@ -1,14 +1,20 @@
 #include "reel/reel_target.h"
 
+#include <cerrno>
+#include <cstring>
+
+#include "flib/fl_errout.h"
 #include "flib/fl_mem.h"
 #include "flib/fl_mkfile.h"
 #include "flib/fl_open.h"
+#include "flib/fl_read.h"
 #include "flib/fl_voc.h"
 #include "reel/reel_account.h"
 #include "reel/reel_app_tuple.h"
 #include "reel/reel_current.h"
 #include "reel/reel_device.h"
 #include "reel/reel_get_expbuf.h"
+#include "reel/reel_resume.h"
 #include "reel/reel_settings.h"
 
 namespace {
@@ -17,6 +23,9 @@ constexpr int32_t kTypeDynamic0 = 0x40;
 constexpr int32_t kTypeDynamic1 = 0x41;
 constexpr int32_t kVocDataPath = 1;
 constexpr int32_t kVocDictPath = 3;
+
+// V__Errout while a failed file keeps the library quiet; -1 otherwise.
+int32_t saved_errout = -1;
 
 }  // namespace
 
@@ -43,6 +52,7 @@ int reel_create_target(int dynamic) {
   if (reel_target_name(key, f.short_name, REEL_NAME_FILE) == REEL_TARGET_EXISTS &&
       reel_ask_overwrite(f.name, f.short_name) == 2)
     return 0;
+  reel_note_loading(f.file_kind, f.name);
 
   int32_t dict_modulo = 1, modulo = 1, block = 1, flags = CREATE_DATA, type = 0;
   switch (f.file_kind) {
@@ -86,6 +96,7 @@ int reel_open_loader(const std::string& name) {
 
 int reel_open_target() {
   CurrentFile& f = reel_current;
+  reel_note_loading(f.file_kind, f.name);
   if (f.file_kind == FILE_KIND_DICT || f.file_kind == FILE_KIND_DATA) {
     if (reel_open_loader(f.name) != 0) return 1;
   } else {
@@ -105,6 +116,38 @@ void reel_close_target() {
   if (f.rel == nullptr) return;
   M_closefile(f.rel.get());
   f.rel.reset();
+  reel_write_failure_done();
+}
+
+int32_t reel_count_standing() {
+  const CurrentFile& f = reel_current;
+  REL_TYPE rel{};
+  if (M_open_by_voc(&rel, f.name, f.file_kind == FILE_KIND_DICT ? kVocDictPath : kVocDataPath) != 1) return 0;
+  int32_t count = 0;
+  M_for_each_key(&rel, [&count](const uint8_t*, int32_t, const uint8_t*, int32_t, uint32_t) {
+    ++count;
+    return 0;
+  });
+  M_closefile(&rel);
+  return count;
+}
+
+void reel_write_failed(int error) {
+  CurrentFile& f = reel_current;
+  if (f.write_error != 0) return;
+  f.write_error = error != 0 ? error : EIO;
+  reel_tell("Write to %s %s failed: %s; the file is incomplete\n", reel_file_kind_text(f.file_kind),
+            f.name.c_str(), std::strerror(f.write_error));
+  if (saved_errout < 0) {
+    saved_errout = V__Errout;
+    V__Errout = 0;
+  }
+}
+
+void reel_write_failure_done() {
+  if (saved_errout < 0) return;
+  V__Errout = saved_errout;
+  saved_errout = -1;
 }
 void reel_show(char letter, int ok) {
   const CurrentFile& f = reel_current;

@@ -55,6 +55,18 @@ int reel_open_loader(const std::string& name);
 // Closes the slot's open target that is not loaded through the record
 // loader (a directory-type file) and marks the slot closed.
 void reel_close_target();
+// Records that stand in the slot's hashed target, counted through a fresh
+// open of it; 0 when it does not open.
+int32_t reel_count_standing();
+
+// A write into the slot's target failed with `error`: the first time, the
+// file is marked incomplete and one line (console and dispmsg) names it
+// and the cause; the library's own reports are silenced until
+// reel_write_failure_done, so that a file costs a few lines, not one per
+// block.
+void reel_write_failed(int error);
+// The slot's target is closed: the library reports again.
+void reel_write_failure_done();
 
 // Tells what happens to the file of the current-file slot, on the console
 // and in dispmsg:

@@ -11,6 +11,7 @@
 #include "reel/reel_account.h"
 #include "reel/reel_current.h"
 #include "reel/reel_init.h"
+#include "reel/reel_resume.h"
 #include "reel/reel_settings.h"
 #include "reel/reel_target.h"
 #include "reel/reel_util.h"
@@ -149,21 +150,24 @@ int reel_target_name(std::string& key, std::string& target_out, int mode) {
 
 int reel_ask_overwrite(const std::string& tape_name, const std::string& target_name) {
   const RunSettings& s = reel_settings;
-  if (s.recovery_mode == 2) return 2;  // -R ALL keeps what exists
+  // -R ALL keeps what exists, but for what a run that broke off left
+  // unfinished: that is loaded again.
+  const bool unfinished = reel_is_noted(reel_current.file_kind, tape_name);
+  if (s.recovery_mode == 2 && !unfinished) return 2;
   const bool dict = reel_current.file_kind == FILE_KIND_DICT;
   VocItem item;
   std::string record;
   const bool readable = read_voc_item(tape_name, &item, &record);
 
   int answer = 0;
-  if (s.recovery_mode == 1 || (readable && (tape_name == "BP" || !is_file_word(item.type)))) answer = 'O';
+  if (s.recovery_mode != 0 || (readable && (tape_name == "BP" || !is_file_word(item.type)))) answer = 'O';
   while (answer != 'S' && answer != 'O') {
     std::printf(dict ? "The DICT %s exists. What do you want to do next:\n"
                      : "The file %s exists. What do you want to do next:\n",
                 tape_name.c_str());
     std::printf("\t S -- Skip \n");
     std::printf("\t O -- Overwrite\n");
-    answer = reel_get_answer();
+    answer = reel_get_answer('S');
   }
   if (answer == 'S') return 2;
 

@@ -67,18 +67,24 @@ TEST(BreakHandler, InsideAProtectedSectionTheBreakWaitsForItsEnd) {
 TEST(GetAnswer, ScriptedAnswersComeInOrderPastLineEnds) {
   ProgramResult r = run_in_child(
       [] {
-        int a = reel_get_answer();
-        int b = reel_get_answer();
+        int a = reel_get_answer('S');
+        int b = reel_get_answer('S');
         std::printf("%c%c", a, b);
       },
       "C\n\nE\n");
   EXPECT_EQ(r.output, "CE");
 }
 
-TEST(GetAnswer, EndOfInputEndsTheRunThroughTheFatalPath) {
-  ProgramResult r = run_in_child([] { reel_get_answer(); }, "");
-  EXPECT_EQ(r.status, 1);
-  EXPECT_EQ(r.output, std::string("End of input while waiting for an answer.\n\n") + REEL_USAGE);
+TEST(GetAnswer, EndOfInputSaysSoAndTakesTheAnswerThatLosesNothing) {
+  ProgramResult r = run_in_child(
+      [] {
+        int a = reel_get_answer('Q');
+        int b = reel_get_answer(REEL_NO_ANSWER);
+        std::printf("%c|%d", a, b);
+      },
+      "");
+  EXPECT_EQ(r.status, 0);
+  EXPECT_EQ(r.output, "End of input while waiting for an answer.\nEnd of input while waiting for an answer.\nQ|-1");
 }
 
 TEST(Finish, TheFinishedLineAndStatusOne) {

@@ -1,0 +1,133 @@
+#include "NT/NT_fault.h"
+
+#include <unistd.h>
+
+#include <cerrno>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+
+int NT_last_write_errno = 0;
+uint64_t NT_write_failures = 0;
+
+namespace {
+
+enum class Fault { kNone, kWriteFrom, kWriteOnce, kRead, kKill, kCount };
+
+struct FaultSwitch {
+  bool read = false;
+  Fault fault = Fault::kNone;
+  int error = 0;
+  uint64_t at = 0;
+  uint64_t writes = 0;
+  uint64_t tape_reads = 0;
+};
+
+FaultSwitch g_switch;
+
+void print_counts() {
+  std::fprintf(stderr, "fault seam: %llu writes, %llu tape reads\n",
+               static_cast<unsigned long long>(g_switch.writes),
+               static_cast<unsigned long long>(g_switch.tape_reads));
+}
+
+// "write:N:ENOSPC", "write:N:EIO", "read:N", "kill:N" or "count"; anything
+// else leaves the switch off.
+FaultSwitch& fault_switch() {
+  FaultSwitch& s = g_switch;
+  if (s.read) return s;
+  s.read = true;
+  const char* text = std::getenv("MRV_FAULT");
+  if (text == nullptr) return s;
+  const std::string spec = text;
+  if (spec == "count") {
+    s.fault = Fault::kCount;
+    std::atexit(print_counts);
+    return s;
+  }
+  const size_t colon = spec.find(':');
+  if (colon == std::string::npos) return s;
+  const std::string what = spec.substr(0, colon);
+  char* end = nullptr;
+  const unsigned long long n = std::strtoull(spec.c_str() + colon + 1, &end, 10);
+  if (n == 0) return s;
+  s.at = n;
+  if (what == "read" && *end == '\0') {
+    s.fault = Fault::kRead;
+  } else if (what == "kill" && *end == '\0') {
+    s.fault = Fault::kKill;
+  } else if (what == "write" && std::strcmp(end, ":ENOSPC") == 0) {
+    s.fault = Fault::kWriteFrom;
+    s.error = ENOSPC;
+  } else if (what == "write" && std::strcmp(end, ":EIO") == 0) {
+    s.fault = Fault::kWriteOnce;
+    s.error = EIO;
+  }
+  return s;
+}
+
+// Counts the write about to be made; false (errno set) when it must fail.
+bool write_allowed() {
+  FaultSwitch& s = fault_switch();
+  const uint64_t n = ++s.writes;
+  switch (s.fault) {
+    case Fault::kKill:
+      if (n == s.at) raise(SIGKILL);
+      return true;
+    case Fault::kWriteFrom:
+      if (n < s.at) return true;
+      break;
+    case Fault::kWriteOnce:
+      if (n != s.at) return true;
+      break;
+    default:
+      return true;
+  }
+  errno = s.error;
+  NT_last_write_errno = s.error;
+  ++NT_write_failures;
+  return false;
+}
+
+template <typename Call>
+ssize_t write_whole(size_t count, Call call) {
+  if (!write_allowed()) return -1;
+  size_t done = 0;
+  while (done < count) {
+    const ssize_t n = call(done);
+    if (n < 0 && errno == EINTR) continue;
+    if (n <= 0) {
+      // A file system that takes nothing and says nothing is full.
+      if (n == 0) errno = ENOSPC;
+      NT_last_write_errno = errno;
+      ++NT_write_failures;
+      return -1;
+    }
+    done += static_cast<size_t>(n);
+  }
+  return static_cast<ssize_t>(count);
+}
+
+}  // namespace
+
+ssize_t NT_write(int fd, const void* buffer, size_t count) {
+  const char* bytes = static_cast<const char*>(buffer);
+  return write_whole(count, [&](size_t done) { return write(fd, bytes + done, count - done); });
+}
+
+ssize_t NT_pwrite(int fd, const void* buffer, size_t count, off_t offset) {
+  const char* bytes = static_cast<const char*>(buffer);
+  return write_whole(count, [&](size_t done) {
+    return pwrite(fd, bytes + done, count - done, offset + static_cast<off_t>(done));
+  });
+}
+
+bool NT_fault_tape_read() {
+  FaultSwitch& s = fault_switch();
+  const uint64_t n = ++s.tape_reads;
+  if (s.fault != Fault::kRead || n != s.at) return false;
+  errno = EIO;
+  return true;
+}
