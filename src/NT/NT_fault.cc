@@ -14,7 +14,7 @@ uint64_t NT_write_failures = 0;
 
 namespace {
 
-enum class Fault { kNone, kWriteFrom, kWriteOnce, kRead, kKill, kCount };
+enum class Fault { kNone, kWriteFrom, kWriteOnce, kRead, kKill, kInterrupt, kCount };
 
 struct FaultSwitch {
   bool read = false;
@@ -33,7 +33,8 @@ void print_counts() {
                static_cast<unsigned long long>(g_switch.tape_reads));
 }
 
-// "write:N:ENOSPC", "write:N:EIO", "read:N", "kill:N" or "count"; anything
+// "write:N:ENOSPC", "write:N:EIO", "read:N", "kill:N", "interrupt:N" or
+// "count"; anything
 // else leaves the switch off.
 FaultSwitch& fault_switch() {
   FaultSwitch& s = g_switch;
@@ -58,6 +59,8 @@ FaultSwitch& fault_switch() {
     s.fault = Fault::kRead;
   } else if (what == "kill" && *end == '\0') {
     s.fault = Fault::kKill;
+  } else if (what == "interrupt" && *end == '\0') {
+    s.fault = Fault::kInterrupt;
   } else if (what == "write" && std::strcmp(end, ":ENOSPC") == 0) {
     s.fault = Fault::kWriteFrom;
     s.error = ENOSPC;
@@ -75,6 +78,9 @@ bool write_allowed() {
   switch (s.fault) {
     case Fault::kKill:
       if (n == s.at) raise(SIGKILL);
+      return true;
+    case Fault::kInterrupt:
+      if (n == s.at) raise(SIGINT);
       return true;
     case Fault::kWriteFrom:
       if (n < s.at) return true;

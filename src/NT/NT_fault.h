@@ -12,6 +12,8 @@
 //   write:N:EIO      the Nth write fails with EIO, later ones succeed
 //   read:N           the Nth tape read fails (errno EIO)
 //   kill:N           the process kills itself (SIGKILL) before its Nth write
+//   interrupt:N      the process interrupts itself (SIGINT, as the
+//                    interrupt key does) before its Nth write
 //   count            nothing fails; at exit the counts are printed on
 //                    standard error as "fault seam: W writes, R tape reads"
 //

@@ -17,6 +17,7 @@
 #include "flib/fl_voc.h"
 #include "reel/reel_app_tuple.h"
 #include "reel/reel_current.h"
+#include "reel/reel_device.h"
 #include "reel/reel_init.h"
 #include "reel/reel_resume.h"
 #include "reel/reel_settings.h"
@@ -68,6 +69,21 @@ void touch_side_file(const char* name, const char* failure) {
   std::fclose(file);
 }
 
+// The last line of a save that ended without its end-of-save block: the
+// file it cut and what of it was restored.
+void tell_tape_ended() {
+  const CurrentFile& f = reel_current;
+  if (f.name.empty()) {
+    reel_tell("The tape ended early: the save has no end block.\n");
+  } else if (f.file_kind == FILE_KIND_DATA || f.file_kind == FILE_KIND_DICT) {
+    reel_tell("The tape ended early: the save has no end block. %s %s was cut, %d of its records restored.\n",
+              reel_file_kind_text(f.file_kind), f.name.c_str(), f.records_standing);
+  } else {
+    reel_tell("The tape ended early: the save has no end block. %s %s was cut.\n",
+              reel_file_kind_text(f.file_kind), f.name.c_str());
+  }
+}
+
 }  // namespace
 
 std::string reel_target_path() {
@@ -93,6 +109,7 @@ void reel_open_account() {
     if (NT_run_program("newacct", {}) != 0) reel_fatal("newacct is failed!\n");
   }
   if (M_open_voc("VOC") != 1) reel_fatal("Can't open file VOC\n");
+  reel_clear_scratch();
   M_startup_messages = 0;
 
   touch_side_file("pgm_list", "Can't open pgm_list file");
@@ -102,10 +119,19 @@ void reel_open_account() {
 
   for (const WorkFile& w : kWorkFiles) {
     std::string record;
-    if (M_voc_read(w.name, &record) != 1)
+    // One that a run which broke off was making is made again.
+    if (reel_is_noted(REEL_OBJECT_WORK_FILE, w.name)) {
+      M_voc_delete(w.name);
+      NT_RemoveFile(w.name, "");
+      NT_RemoveFile((std::string("D_") + w.name).c_str(), "");
+    }
+    if (M_voc_read(w.name, &record) != 1) {
+      reel_note_loading(REEL_OBJECT_WORK_FILE, w.name);
       M_create_file(w.name, nullptr, 1, w.modulo, 1, 1, w.flags, 0, 0, nullptr);
+    }
     *w.rel = REL_TYPE{};
     if (M_open_by_voc(w.rel, w.name, 1) != 1) reel_fatal(w.open_failure);
+    reel_loading_done(REEL_OBJECT_WORK_FILE, w.name, true);
   }
 }
 
@@ -128,6 +154,7 @@ void reel_close_account() {
   }
   if (!f.name.empty()) reel_loading_done(f.file_kind, f.name, reel_file_complete(f));
   reel_forget_loading_note();
+  if (tape_ended_early) tell_tape_ended();
   for (const WorkFile& w : kWorkFiles) M_closefile(w.rel);
   if (exists(kOverflowFile)) std::remove(kOverflowFile);
   if (dispmsg != nullptr) std::fclose(dispmsg);

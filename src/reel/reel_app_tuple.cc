@@ -27,6 +27,7 @@
 #include "reel/reel_current.h"
 #include "reel/reel_device.h"
 #include "reel/reel_dynamic.h"
+#include "reel/reel_resume.h"
 #include "reel/reel_settings.h"
 #include "reel/reel_target.h"
 #include "reel/reel_util.h"
@@ -327,8 +328,12 @@ int reel_resize_check() {
 
   char temporary[sizeof kResizeTemplate];
   std::memcpy(temporary, kResizeTemplate, sizeof kResizeTemplate);
-  if (mrv_mktemp(temporary) == nullptr ||
+  const bool named = mrv_mktemp(temporary) != nullptr;
+  // A kill while the new layout is made must not leave it behind for good.
+  if (named) reel_note_loading(REEL_OBJECT_SCRATCH, temporary, temporary);
+  if (!named ||
       reel_create_under_name(temporary, temporary, 0, n, 1, 1, CREATE_DATA, type) == 0) {
+    reel_loading_done(REEL_OBJECT_SCRATCH, temporary, true);
     if (reel_open_loader(f.name) != 0) return 1;
     reel_show('M', 0);
     return 0;
@@ -336,6 +341,7 @@ int reel_resize_check() {
   NT_RemoveFile(f.short_name.c_str(), "");
   NT_rename(temporary, f.short_name.c_str(), 0);
   M_voc_delete(temporary);
+  reel_loading_done(REEL_OBJECT_SCRATCH, temporary, true);
   f.modulo = n;
   if (reel_open_loader(f.name) == 0) {
     reel_show('M', 0);

@@ -20,6 +20,7 @@
 #include "reel/reel_tape_format.h"
 
 int32_t tape_handle = -1;
+int32_t tape_ended_early = 0;
 int32_t last_block_no = 0;
 int32_t last_reel_no = 0;
 char reel_name[REEL_NAME_ROOM] = {};
@@ -27,6 +28,9 @@ char reel_name[REEL_NAME_ROOM] = {};
 namespace {
 
 constexpr int32_t kLastBlockNo = 0xFFFF;
+// A block of the save has been handed out: from then on a run that ends at
+// a prompt ends the save early.
+bool save_begun = false;
 
 // Asks until the operator types a capital C or E; E (and the end of input)
 // ends the run in order.
@@ -34,7 +38,10 @@ void wait_for_continue() {
   for (;;) {
     int answer = reel_get_answer('E');
     if (answer == 'C') return;
-    if (answer == 'E') reel_end_run();
+    if (answer == 'E') {
+      tape_ended_early = 1;
+      reel_end_run();
+    }
   }
 }
 
@@ -69,7 +76,10 @@ void reel_open_device(const char* name) {
     M_errmsg(0, "Please check tape drive and input C to continue");
     // No answer but C goes on; without input the run closes down as E does.
     for (int answer = 0; answer != 'C';)
-      if ((answer = reel_get_answer(REEL_NO_ANSWER)) == REEL_NO_ANSWER) reel_end_run();
+      if ((answer = reel_get_answer(REEL_NO_ANSWER)) == REEL_NO_ANSWER) {
+        tape_ended_early = save_begun ? 1 : 0;
+        reel_end_run();
+      }
   }
 }
 
@@ -135,6 +145,7 @@ int32_t reel_next_block(unsigned char* buffer) {
       reel_log_error(REEL_ERR_READ, "block length < len");
       continue;
     }
+    save_begun = true;
     return length;
   }
 }
@@ -217,6 +228,8 @@ void reel_log_error(int code, const char* text) {
 
 void reel_reset_device_state() {
   reel_close_device();
+  tape_ended_early = 0;
+  save_begun = false;
   last_block_no = 0;
   last_reel_no = 0;
   reel_name[0] = '\0';

@@ -47,6 +47,9 @@ int reel_find_home(char* buffer);
 inline constexpr int32_t REEL_NAME_ROOM = 12;
 
 extern int32_t tape_handle;     // slot of the open medium, -1 when none
+// Set when the run ends at a reel prompt (E, or no input left to answer
+// with), that is, without the save's end-of-save block.
+extern int32_t tape_ended_early;
 extern int32_t last_block_no;   // number of the last block accepted
 extern int32_t last_reel_no;    // tape number of the last reel accepted; 0: none yet
 extern char reel_name[REEL_NAME_ROOM];  // tape name of the first reel

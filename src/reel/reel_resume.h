@@ -20,15 +20,27 @@
 #include <string>
 
 inline constexpr char REEL_LOADING_NOTE[] = ".reel_loading";
+// The kind under which the account's own work files (pgm_map, SAM, DAM)
+// are noted while they are made; other objects go by their file kind.
+inline constexpr int REEL_OBJECT_WORK_FILE = 5;
+// A scratch file of the loader (the new layout of a resize): whatever of it
+// a run that broke off left is removed when the account is opened again.
+inline constexpr int REEL_OBJECT_SCRATCH = 6;
 
 // Reads the note of the account in the working directory: what an earlier
 // run left unfinished. Called right after the account is entered.
 void reel_read_loading_note();
-// Whether the note of the earlier run names the object (`kind` as
-// reel_file_kind_text gives it, `name` its name on tape).
+// Whether the note of the earlier run names the object (`kind` a file kind
+// or one of the kinds above, `name` its name on tape).
 bool reel_is_noted(int kind, const std::string& name);
-// The object is about to be written: it joins the note.
-void reel_note_loading(int kind, const std::string& name);
+// The path on disk that the earlier run noted for the object, or empty.
+std::string reel_noted_path(int kind, const std::string& name);
+// The object is about to be written, at `path` in the account (empty when
+// it has no path of its own): it joins the note.
+void reel_note_loading(int kind, const std::string& name, const std::string& path = "");
+// Removes the scratch files (and their VOC entries) that the earlier run
+// left. REQUIRES: the account's VOC is open.
+void reel_clear_scratch();
 // The object is done: it leaves the note unless `complete` is false.
 void reel_loading_done(int kind, const std::string& name, bool complete);
 // Forgets the account's note (the account is closed).

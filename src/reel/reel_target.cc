@@ -3,6 +3,7 @@
 #include <cerrno>
 #include <cstring>
 
+#include "NT/NT_utils.h"
 #include "flib/fl_errout.h"
 #include "flib/fl_mem.h"
 #include "flib/fl_mkfile.h"
@@ -49,10 +50,14 @@ int reel_create_target(int dynamic) {
   const RunSettings& s = reel_settings;
   CurrentFile& f = reel_current;
   std::string key = f.name;
+  // What a run that broke off left of the object under its name on disk
+  // goes, so that the name is free for it again.
+  if (const std::string stale = reel_noted_path(f.file_kind, f.name); !stale.empty())
+    NT_RemoveFile(stale.c_str(), "");
   if (reel_target_name(key, f.short_name, REEL_NAME_FILE) == REEL_TARGET_EXISTS &&
       reel_ask_overwrite(f.name, f.short_name) == 2)
     return 0;
-  reel_note_loading(f.file_kind, f.name);
+  reel_note_loading(f.file_kind, f.name, (f.file_kind == FILE_KIND_DICT ? "D_" : "") + f.short_name);
 
   int32_t dict_modulo = 1, modulo = 1, block = 1, flags = CREATE_DATA, type = 0;
   switch (f.file_kind) {

@@ -28,21 +28,28 @@ class Sandbox {
     ProgramResult made = run_program({.program = "mkreel", .input = save, .directory = run()});
     EXPECT_EQ(made.status, 0) << made.output;
   }
+  std::string root() const { return dir_.str(); }
   std::string run() const { return (dir_.path() / "run").string(); }
   std::string tape() const { return run() + "/t.tap"; }
   std::string account(const std::string& name) const { return run() + "/" + name; }
-  ProgramResult reel(std::vector<std::string> args) const {
+  // A run of REEL_INTAKE in the run directory; `env` is added to the
+  // sandbox's environment and `input` is its standard input.
+  ProgramResult reel(std::vector<std::string> args,
+                     std::vector<std::pair<std::string, std::string>> env = {},
+                     const std::string& input = "") const {
     const std::string root = dir_.str();
     const bool analyse = std::find(args.begin(), args.end(), "-A") != args.end();
     spill(dir_.path() / "home/sys/tapeinfo",
           analyse ? "0 t.tap rt.tap 8192\n" : "0 ../t.tap r../t.tap 8192\n");
+    env.insert(env.end(), {{"MRVHOME", root + "/home"},
+                           {"MRVBIN", root + "/bin"},
+                           {"TMP", root + "/tmp"},
+                           {"MRV_REGISTRY", root + "/no-registry"}});
     return run_program({.program = "REEL_INTAKE",
                         .args = std::move(args),
+                        .input = input,
                         .directory = run(),
-                        .env = {{"MRVHOME", root + "/home"},
-                                {"MRVBIN", root + "/bin"},
-                                {"TMP", root + "/tmp"},
-                                {"MRV_REGISTRY", root + "/no-registry"}}});
+                        .env = std::move(env)});
   }
 
  private:
