@@ -1,9 +1,12 @@
 # Thin wrapper around CMake: `make` builds, `make test` builds and runs every
-# test, `make demo` builds and runs the restore of the bundled sample tape.
+# test, `make demo` builds and runs the restore of the bundled sample tape,
+# `make fuzz` runs the fuzz targets (FUZZ_SECONDS each).
 BUILD ?= build
 JOBS ?= 2
 
-.PHONY: all build test demo clean
+FUZZ_SECONDS ?= 60
+
+.PHONY: all build test demo fuzz clean
 
 all: build
 
@@ -19,5 +22,10 @@ test: build
 demo: build
 	bash sample/demo.sh $(BUILD)
 
+# Each fuzz target for FUZZ_SECONDS with libFuzzer and both sanitizers, in
+# the clang build build-fuzz (fuzz/README.md).
+fuzz:
+	bash fuzz/run.sh $(FUZZ_SECONDS)
+
 clean:
-	rm -rf $(BUILD)
+	rm -rf $(BUILD) build-fuzz
