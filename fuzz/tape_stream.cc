@@ -48,7 +48,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     reel_current = CurrentFile{};
     dispmsg = std::fopen("dispmsg", "w");
     reel_open_device(medium.c_str());
-    std::vector<unsigned char> buffer(static_cast<size_t>(tape_block_size));
+    // The run ends by a jump out of the loop: the buffer outlives it.
+    static std::vector<unsigned char> buffer;
+    buffer.assign(static_cast<size_t>(tape_block_size), 0);
     reel_block_loop(buffer.data());
   });
   if (dispmsg != nullptr) std::fclose(dispmsg);
