@@ -92,6 +92,8 @@ void reel_startup() {
   reel_finish();
 }
 
+volatile sig_atomic_t reel_input_ended = 0;
+
 int reel_get_answer(int at_end) {
   std::fflush(stdout);
   bool terminal = isatty(STDIN_FILENO) != 0;
@@ -105,6 +107,7 @@ int reel_get_answer(int at_end) {
     }
     if (n < 0 && errno == EINTR) continue;
     write_all(STDOUT_FILENO, M_END_OF_INPUT_TEXT, sizeof M_END_OF_INPUT_TEXT - 1);
+    reel_input_ended = 1;
     return at_end;
   }
 }

@@ -3,6 +3,7 @@
 // restore included.
 #pragma once
 
+#include <csignal>
 #include <cstdint>
 
 inline constexpr char REEL_BANNER[] = "\nREEL_INTAKE Version 2.2.2  \tMAR. 17 1992\n\n";
@@ -47,6 +48,8 @@ void reel_install_break_handler();
 // says so and returns `at_end`, the answer of the prompt that loses
 // nothing. Safe in the break handler: only plain system calls.
 int reel_get_answer(int at_end);
+// Set once a prompt has met the end of input (the run's summary tells it).
+extern volatile sig_atomic_t reel_input_ended;
 // `at_end` of a prompt with no answer that loses nothing: the caller ends
 // the run in order.
 inline constexpr int REEL_NO_ANSWER = -1;
