@@ -108,15 +108,17 @@ int M_mem_write_run(REL_TYPE* rel, bool overflow, const uint8_t* bytes, uint32_t
   uint32_t part = g_mem.current_part;
   int fd = rel->fd;
   if (hash_is_dynamic(rel->hashtype)) fd = M_get_fd(rel, make_addr(overflow, 0, part));
-  if (fd < 0 || lseek(fd, offset, SEEK_SET) < 0) {
+  if (fd < 0) {
     M_errout(0, "m_lseek error,name=%s,offset=%d.\n", rel->path, static_cast<int>(offset));
     return -1;
   }
+  // Each piece is a positioned write: one call, where a seek and a write
+  // would be two.
   size_t done = 0;
   while (done < length) {
     size_t piece = std::min<size_t>(length - done, MEM_WRITE_PIECE);
     ++M_mem_write_calls;
-    ssize_t n = write(fd, bytes + done, piece);
+    ssize_t n = pwrite(fd, bytes + done, piece, static_cast<off_t>(offset) + static_cast<off_t>(done));
     if (n < 0 && errno == EINTR) continue;
     if (n != static_cast<ssize_t>(piece)) {
       M_errout(0, "m_write error,name=%s,offset=%d.\n", rel->path, static_cast<int>(offset + done));
