@@ -91,10 +91,11 @@ char* put_text(TupleBuffer& b, const char* text, int32_t length) {
 }
 
 // Groups of the gathered records in the open target, then their order:
-// ascending group, and within a group the order of arrival. That is the
-// order the run-time's sort gives (a merge sort, stable), so the records
-// land in their blocks as they always have; a counting sort by group
-// reaches it in one pass.
+// ascending group, and within a group the order of the descriptors, which
+// grow down from the top (the latest record first). That is the order the
+// run-time's sort gives (a merge sort, stable), so the records land in
+// their blocks as they always have; a counting sort by group reaches it in
+// one pass.
 void sort_by_group(TupleBuffer& b, REL_TYPE* rel) {
   TupleDesc* d = descriptors(b);
   const auto n = static_cast<size_t>(b.count);
