@@ -99,10 +99,12 @@ int M_unlock_block(REL_TYPE* rel, uint32_t address) {
 int M_lock_file(REL_TYPE* rel, int32_t mode) {
   if (lock_range(rel, 0, mode, 0) != 0) return -1;
   rel->file_lock = mode & 0xFF;
+  if (rel->file_lock == LOCK_SHARED) M_map_for_reading(rel);
   return 0;
 }
 
 int M_unlock_file(REL_TYPE* rel) {
+  M_unmap_reading(rel);
   rel->file_lock = 0;
   return unlock_range(rel, 0, 0);
 }

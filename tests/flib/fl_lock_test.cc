@@ -51,7 +51,8 @@ class FlFileLock : public RecordFile {};
 
 // A read under a shared whole-file lock takes no group lock of its own: its
 // unlock would otherwise open a hole in the file lock at the group's head,
-// where a writer of another process could then get in.
+// where a writer of another process could then get in. Writes of this
+// process during the session read back at once.
 TEST_F(FlFileLock, ReadsUnderASharedFileLockLeaveItWhole) {
   create(7, 1, 0);
   ASSERT_EQ(put("K1", "one"), 1);
@@ -60,8 +61,18 @@ TEST_F(FlFileLock, ReadsUnderASharedFileLockLeaveItWhole) {
   EXPECT_FALSE(other_process_can_lock(path, head));
   EXPECT_EQ(get("K1"), "one");
   EXPECT_FALSE(other_process_can_lock(path, head));
+  // Reads come from the session's mapping; blocks the file gains after the
+  // lock was taken lie beyond it and are read by call.
+  EXPECT_NE(rel.read_map, nullptr);
+  const std::string big(5000, 'b');
+  ASSERT_EQ(put("K2", big), 1);
+  ASSERT_EQ(put("K1", "uno"), 1);
+  EXPECT_EQ(get("K2"), big);
+  EXPECT_EQ(get("K1"), "uno");
   ASSERT_EQ(M_unlock_file(&rel), 0);
+  EXPECT_EQ(rel.read_map, nullptr);
   EXPECT_TRUE(other_process_can_lock(path, head));
+  ASSERT_EQ(put("K1", "one"), 1);
   // Without the file lock a read locks its group and gives it back.
   EXPECT_EQ(get("K1"), "one");
   EXPECT_TRUE(other_process_can_lock(path, head));
