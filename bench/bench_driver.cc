@@ -420,6 +420,21 @@ struct Series {
   bool ok = true;
 };
 
+// Runs every series once per repetition, one after the other, so that the
+// load of the machine falls on all of them alike.
+void run_interleaved(std::vector<Series>& series, const char* what) {
+  for (int rep = 0; rep < opt.reps; ++rep) {
+    for (auto& s : series) {
+      Sample r = s.run();
+      s.ok = s.ok && r.ok;
+      s.seconds.push_back(r.seconds);
+      s.peaks.push_back(r.peak_mb);
+      std::fprintf(stderr, "  rep %d %-5s %-22s %.2f s%s\n", rep + 1, what, s.name.c_str(), r.seconds,
+                   r.ok ? "" : " FAILED");
+    }
+  }
+}
+
 int usage() {
   std::fputs(
       "usage: bench_driver --bin DIR --work DIR --tape FILE [--records N] [--seed S] [--reps R] [--kbuf K] "
@@ -478,26 +493,16 @@ int main(int argc, char** argv) {
       {"LMDB (sorted, append)", [] { return run_child(lmdb_load); }},
       {"Tkrzw HashDBM", [] { return run_child(tkrzw_load); }},
   };
-  for (int rep = 0; rep < opt.reps; ++rep) {
-    for (auto& s : loads) {
-      Sample r = s.run();
-      s.ok = s.ok && r.ok;
-      s.seconds.push_back(r.seconds);
-      s.peaks.push_back(r.peak_mb);
-      std::fprintf(stderr, "  rep %d %-22s %.2f s%s\n", rep + 1, s.name.c_str(), r.seconds, r.ok ? "" : " FAILED");
-    }
-  }
+  run_interleaved(loads, "load");
   bool checked = check_restore();
   std::printf("restore check: %s\n\n", checked ? "every record reads back byte for byte" : "RECORDS WRONG OR MISSING");
 
-  uint64_t disks[4] = {disk_bytes(account_dir()) - 0, disk_bytes(peer_path("kc.kch")), disk_bytes(peer_path("lmdb.mdb")),
+  // The restore's figure counts the restored files only: the account's VOC
+  // and side files are not record space.
+  uint64_t restored = 0;
+  for (int f = 0; f < 2 * kBenchFiles; ++f) restored += disk_bytes(account_dir() / bench_file_name(f));
+  uint64_t disks[4] = {restored, disk_bytes(peer_path("kc.kch")), disk_bytes(peer_path("lmdb.mdb")),
                        disk_bytes(peer_path("tkrzw.tkh"))};
-  // The account's own side files and VOC are not record space.
-  {
-    uint64_t data = 0;
-    for (int f = 0; f < 2 * kBenchFiles; ++f) data += disk_bytes(account_dir() / bench_file_name(f));
-    disks[0] = data;
-  }
   double restore_s = median(loads[0].seconds);
   std::printf("%-24s %9s %12s %8s %14s %10s %12s\n", "bulk load", "median s", "records/s", "MB/s", "restore/peer",
               "peak MB", "disk/record");
@@ -518,14 +523,7 @@ int main(int argc, char** argv) {
       {"LMDB", [] { return run_child(lmdb_reads); }},
       {"Tkrzw HashDBM", [] { return run_child(tkrzw_reads); }},
   };
-  for (int rep = 0; rep < opt.reps; ++rep) {
-    for (auto& s : reads) {
-      Sample r = s.run();
-      s.ok = s.ok && r.ok;
-      s.seconds.push_back(r.seconds);
-      std::fprintf(stderr, "  rep %d reads %-16s %.2f s%s\n", rep + 1, s.name.c_str(), r.seconds, r.ok ? "" : " FAILED");
-    }
-  }
+  run_interleaved(reads, "reads");
   double lib_s = median(reads[0].seconds);
   std::printf("%-24s %9s %12s %14s\n", "point reads, random order", "median s", "reads/s", "library/peer");
   for (size_t j = 0; j < reads.size(); ++j) {
