@@ -90,6 +90,9 @@ struct Sample {
 // memory figure through a pipe; a negative memory figure asks the parent
 // to take the child's whole peak from wait4 instead.
 Sample run_child(const std::function<bool(double*, double*)>& step) {
+  // As before each restore: what the last step left dirty is written out
+  // before this one is timed.
+  sync();
   int fds[2];
   if (pipe(fds) != 0) return {};
   pid_t pid = fork();
