@@ -1,12 +1,14 @@
 # Thin wrapper around CMake: `make` builds, `make test` builds and runs every
 # test, `make demo` builds and runs the restore of the bundled sample tape,
-# `make fuzz` runs the fuzz targets (FUZZ_SECONDS each).
+# `make fuzz` runs the fuzz targets (FUZZ_SECONDS each), `make bench`
+# measures the restore and point reads against key-value stores
+# (bench/run.sh; not part of `make test`).
 BUILD ?= build
 JOBS ?= 2
 
 FUZZ_SECONDS ?= 60
 
-.PHONY: all build test demo fuzz clean
+.PHONY: all build test demo bench fuzz clean
 
 all: build
 
@@ -21,6 +23,9 @@ test: build
 
 demo: build
 	bash sample/demo.sh $(BUILD)
+
+bench: build
+	bash bench/run.sh $(BUILD)
 
 # Each fuzz target for FUZZ_SECONDS with libFuzzer and both sanitizers, in
 # the clang build build-fuzz (fuzz/README.md).
