@@ -6,7 +6,8 @@
 // The growth model takes dynamic files of both accountings and both hash
 // functions from modulo 1 to thousands of groups over several primary parts
 // and back down through splits and merges. MODEL_SLOW=1 runs the
-// structural check after every operation (minutes, not part of the suite).
+// structural check after every operation (minutes, not part of the suite);
+// MODEL_RECORDS=N sets the number of records the growth reaches.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -144,6 +145,9 @@ std::string growth_record(std::mt19937& rng, uint32_t b) {
   return random_bytes(rng, n);
 }
 
+// Records of the default run: enough for thousands of groups.
+constexpr size_t kGrowthRecords = 12000;
+
 void run_growth(const Growth& config, size_t records) {
   char label[96];
   std::snprintf(label, sizeof label, "%s hash %d B code %d seed %u", config.keydata ? "KEYDATA" : "KEYONLY",
@@ -182,7 +186,9 @@ void run_growth(const Growth& config, size_t records) {
     ASSERT_EQ(M_delete_tuple(&rel, k(key), static_cast<int32_t>(key.size()), nullptr), 1) << key;
   };
   auto step_check = [&](size_t step) {
-    if (slow) ASSERT_EQ(check_findings(path), "") << "after step " << step;
+    if (slow) {
+      ASSERT_EQ(check_findings(path), "") << "after step " << step;
+    }
   };
   auto all_read_back = [&]() {
     for (const auto& [key, record] : model) {
@@ -213,9 +219,11 @@ void run_growth(const Growth& config, size_t records) {
     if (testing::Test::HasFatalFailure()) return;
   }
   uint32_t peak = rel.sfd->modulo;
-  EXPECT_GE(peak, 1000u);
-  EXPECT_GE(rel.primary.size(), 2u);
-  EXPECT_GE(rel.overflow.size(), 2u);
+  if (records >= kGrowthRecords) {
+    EXPECT_GE(peak, 1000u);
+    EXPECT_GE(rel.primary.size(), 2u);
+    EXPECT_GE(rel.overflow.size(), 2u);
+  }
   all_read_back();
   ASSERT_EQ(check_findings(path), "") << "at modulo " << peak;
   // Shrinking: keys of the last group and of its partner go until the two
@@ -257,7 +265,7 @@ void run_growth(const Growth& config, size_t records) {
 }
 
 TEST(FlModel, DynamicFilesGrowAndShrinkWithTheMap) {
-  size_t records = 12000;
+  size_t records = kGrowthRecords;
   if (const char* n = std::getenv("MODEL_RECORDS")) records = std::strtoul(n, nullptr, 10);
   run_growth({false, 0, 0, 3001u}, records);
   run_growth({false, 1, 0, 3002u}, records);

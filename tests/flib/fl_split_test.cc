@@ -90,7 +90,9 @@ TEST_F(FlSplit, ChainsLongRecordsAndFreeListsAreLaidOutAnew) {
   for (size_t i = 0; i < keys.size(); ++i) {
     std::string got;
     ASSERT_EQ(M_read_tuple(&rel, bytes(keys[i]), length(keys[i]), &got), i % 7 == 0 ? 0 : 1) << keys[i];
-    if (i % 7 != 0) EXPECT_EQ(got, record(i)) << keys[i];
+    if (i % 7 != 0) {
+      EXPECT_EQ(got, record(i)) << keys[i];
+    }
   }
   // No block of the old chains is lost: the check counts every block.
   EXPECT_EQ(findings(), "");
