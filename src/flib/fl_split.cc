@@ -17,6 +17,7 @@
 #include "flib/fl_hash.h"
 #include "flib/fl_io.h"
 #include "flib/fl_lock.h"
+#include "flib/fl_mem.h"
 #include "flib/fl_read.h"
 #include "flib/fl_rel.h"
 #include "flib/fl_report.h"
@@ -362,14 +363,6 @@ int release_old(REL_TYPE* rel, const std::set<uint32_t>& blocks) {
   return result;
 }
 
-// Row of the primary part that holds group `group`: the last one whose
-// first group is not above it.
-size_t primary_row_of(const REL_TYPE* rel, uint32_t group) {
-  for (size_t i = rel->primary.size(); i-- > 0;)
-    if (rel->primary[i].first_group <= group) return i;
-  return 0;
-}
-
 // The head address of the group a split adds, making a new primary part
 // when the last one is full or its partition has no room left. 0 when the
 // file has all its primary parts, -1 after a failure.
@@ -380,7 +373,7 @@ int64_t head_of_new_group(REL_TYPE* rel, const char* fn, uint32_t group) {
         M_open_large_file(rel) < 0)
       return split_error(rel, fn, "M_open_large_file");
     if (rel->primary.empty()) return split_error(rel, fn, "no primary part");
-    size_t row = primary_row_of(rel, group);
+    size_t row = M_primary_row_of(rel, group);
     PartEntry& part = rel->primary[row];
     bool last = row + 1 == rel->primary.size();
     bool room = !last || static_cast<int64_t>(group) + 1 - part.first_group < rel->groups_per_part;
@@ -431,31 +424,27 @@ void truncate_primary(REL_TYPE* rel) {
   if (keep < st.st_size && ftruncate(fd, keep) != 0) split_error(rel, "M_merge_group", "_chsize");
 }
 
+// Moves the modulo by `step` in the sfd row, the handle (with its split
+// base) and over001; a failed write leaves all three as they were.
+int step_modulo(REL_TYPE* rel, int32_t step) {
+  uint32_t before = rel->sfd->modulo;
+  rel->sfd->modulo = before + static_cast<uint32_t>(step);
+  refresh_modulo(rel);
+  if (update_file_info(rel, 3) == 0) return 0;
+  rel->sfd->modulo = before;
+  refresh_modulo(rel);
+  return -1;
+}
+
 }  // namespace
 
-int M_set_split_stat(REL_TYPE* rel) {
-  uint32_t before = rel->sfd->modulo;
-  rel->sfd->modulo = before + 1;
-  refresh_modulo(rel);
-  if (update_file_info(rel, 3) == 0) return 0;
-  rel->sfd->modulo = before;
-  refresh_modulo(rel);
-  return -1;
-}
+int M_set_split_stat(REL_TYPE* rel) { return step_modulo(rel, 1); }
 
-int M_set_merge_stat(REL_TYPE* rel) {
-  uint32_t before = rel->sfd->modulo;
-  rel->sfd->modulo = before - 1;
-  refresh_modulo(rel);
-  if (update_file_info(rel, 3) == 0) return 0;
-  rel->sfd->modulo = before;
-  refresh_modulo(rel);
-  return -1;
-}
+int M_set_merge_stat(REL_TYPE* rel) { return step_modulo(rel, -1); }
 
 int M_split_group(REL_TYPE* rel) {
   const char* fn = "M_split_group";
-  if (!rel_is_dynamic(rel) || rel->sfd == nullptr) return 0;
+  if (!rel_is_dynamic(rel) || rel->sfd == nullptr || M_mem_active(rel)) return 0;
   NamedLock split(rel, kSplitLock, 1);
   if (!split.held()) return split_error(rel, fn, "split lock");
   // The group the caller holds locked (the add's group) needs no lock here.
@@ -573,7 +562,7 @@ int M_merge_group(REL_TYPE* rel, uint32_t partner_address, uint32_t address, uin
 }
 
 void try_merge_group(REL_TYPE* rel, uint8_t* block, uint32_t address) {
-  if (!rel_is_dynamic(rel) || rel->sfd == nullptr || rel->merge_load <= 0) return;
+  if (!rel_is_dynamic(rel) || rel->sfd == nullptr || rel->merge_load <= 0 || M_mem_active(rel)) return;
   if ((gb_flags(block) & FLAG_KIND_MASK) != FLAG_HEAD || gb_next(block) != 0) return;
   if (rel->sfd->split_flag != 0) return;
   refresh_modulo(rel);
