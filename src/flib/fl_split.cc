@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <csetjmp>
 #include <cstring>
 #include <set>
 #include <string>
@@ -66,6 +67,20 @@ class NamedLock {
   REL_TYPE* rel_;
   const char* name_;
   bool held_ = false;
+};
+
+// Keeps the recovery jump of an overflow write out of a split or merge: a
+// write that finds its part too large fails there instead, and the split
+// gives back what it took and leaves the file as it was.
+class NoRecoveryJump {
+ public:
+  NoRecoveryJump() : outer_(M_overflow_recovery) { M_overflow_recovery = nullptr; }
+  ~NoRecoveryJump() { M_overflow_recovery = outer_; }
+  NoRecoveryJump(const NoRecoveryJump&) = delete;
+  NoRecoveryJump& operator=(const NoRecoveryJump&) = delete;
+
+ private:
+  std::jmp_buf* outer_;
 };
 
 // The lock of a head block taken here (not one the caller already holds),
@@ -447,6 +462,7 @@ int M_split_group(REL_TYPE* rel) {
   if (!rel_is_dynamic(rel) || rel->sfd == nullptr || M_mem_active(rel)) return 0;
   NamedLock split(rel, kSplitLock, 1);
   if (!split.held()) return split_error(rel, fn, "split lock");
+  NoRecoveryJump no_jump;
   // The group the caller holds locked (the add's group) needs no lock here.
   uint32_t held = M_groupno;
   HeadLock lock(rel);
@@ -583,6 +599,7 @@ void try_merge_group(REL_TYPE* rel, uint8_t* block, uint32_t address) {
   }
   NamedLock merge(rel, kSplitLock, 0);
   if (!merge.held()) return;
+  NoRecoveryJump no_jump;
   uint32_t partner_address = M_get_head_off(rel, partner);
   if (partner_address == 0) return;
   uint32_t saved = M_groupno;

@@ -2,6 +2,9 @@
 
 #include <gtest/gtest.h>
 
+#include <sys/resource.h>
+
+#include <csignal>
 #include <string>
 #include <vector>
 
@@ -9,10 +12,12 @@
 #include "flib/fl_block.h"
 #include "flib/fl_delete.h"
 #include "flib/fl_filehdr.h"
+#include "flib/fl_free.h"
 #include "flib/fl_hash.h"
 #include "flib/fl_io.h"
 #include "flib/fl_rel.h"
 #include "flib/fl_write.h"
+#include "support/run_program.h"
 
 namespace {
 
@@ -246,6 +251,46 @@ TEST_F(FlSplit, GroupsGrowIntoNewPrimaryPartsSeenByEveryHandle) {
   for (size_t i = keys.size(); i-- > 0;) ASSERT_EQ(M_delete_tuple(&other, bytes(keys[i]), length(keys[i]), nullptr), 1);
   EXPECT_LT(rel.sfd->modulo, grown);
   M_closefile(&other);
+  EXPECT_EQ(findings(), "");
+}
+
+// A split whose overflow writes are refused (the part may not grow) gives
+// back what it took and leaves the modulo and the old chain as they were.
+TEST_F(FlSplit, AFailedSplitLeavesTheFileAsItWas) {
+  ScopedEnv never("SPLIT_LOAD", "100");
+  create(1, 1, HASH_DYNAMIC);
+  uint32_t b = rel.block_size;
+  std::vector<std::string> keys;
+  for (int i = 0; i < 12; ++i) keys.push_back("K" + std::to_string(i));
+  auto record = [&](size_t i) { return std::string(3 * (b - 12) - 1, static_cast<char>('a' + i)); };
+  for (size_t i = 0; i < keys.size(); ++i) ASSERT_EQ(put(keys[i], record(i)), 1);
+  struct stat st;
+  ASSERT_EQ(stat((path + "/over001").c_str(), &st), 0);
+  M_closefile(&rel);
+  rel.block_size = 0;
+  ProgramResult run = run_in_child([&] {
+    REL_TYPE child;
+    if (M_openfile(&child, path.c_str(), 2) != 1) _exit(10);
+    // Room for two more blocks: the split needs some thirty.
+    signal(SIGXFSZ, SIG_IGN);
+    rlimit limit{static_cast<rlim_t>(st.st_size) + 2 * b, static_cast<rlim_t>(st.st_size) + 2 * b};
+    if (setrlimit(RLIMIT_FSIZE, &limit) != 0) _exit(11);
+    if (M_split_group(&child) != -1) _exit(12);
+    if (child.sfd->modulo != 1 || child.modulo != 1 || M_block_stack_open()) _exit(13);
+    for (size_t i = 0; i < keys.size(); ++i) {
+      std::string got;
+      if (M_read_tuple(&child, bytes(keys[i]), length(keys[i]), &got) != 1 || got != record(i)) _exit(14);
+    }
+    M_closefile(&child);
+  });
+  ASSERT_EQ(run.status, 0) << run.output;
+  ASSERT_EQ(M_openfile(&rel, path.c_str(), 2), 1);
+  EXPECT_EQ(rel.modulo, 1);
+  EXPECT_EQ(findings(), "");
+  // With room again the split goes through.
+  ASSERT_EQ(M_split_group(&rel), 0);
+  EXPECT_EQ(rel.modulo, 2);
+  for (size_t i = 0; i < keys.size(); ++i) EXPECT_EQ(get(keys[i]), record(i));
   EXPECT_EQ(findings(), "");
 }
 
