@@ -52,10 +52,6 @@ int M_merge_group(REL_TYPE* rel, uint32_t partner_address, uint32_t address, uin
 // record bytes of all rows but long overflow records).
 bool below_merge_load(const REL_TYPE* rel, const uint8_t* block);
 
-// Splits every group that has a chain, stands over its split load, or finds
-// the split flag set, one split each, in group order. 0 or -1.
-int split_file(REL_TYPE* rel);
-
 // The split that an add runs when one is due (the flag in sfd already set):
 // tries lock 3 without waiting, splits, and clears the flag on success. A
 // refused lock or a failed split leaves the flag for a later add.

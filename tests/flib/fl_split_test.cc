@@ -15,6 +15,7 @@
 #include "flib/fl_free.h"
 #include "flib/fl_hash.h"
 #include "flib/fl_io.h"
+#include "flib/fl_lock.h"
 #include "flib/fl_rel.h"
 #include "flib/fl_write.h"
 #include "support/run_program.h"
@@ -76,6 +77,8 @@ TEST_F(FlSplit, TheNextGroupInOrderSplitsNotTheLoadedOne) {
   }
   EXPECT_GT(moved, 0u);
   EXPECT_LT(moved, in0.size());
+  // The split and start locks are released.
+  for (const char* name : {"2", "3"}) EXPECT_FALSE(M_LLM_held("semaphore", rel.file_id + 1, name, -1, -1)) << name;
   for (const auto& k : in2) EXPECT_EQ(get(k), std::string(200, 'x') + k);
   EXPECT_EQ(findings(), "");
 }
