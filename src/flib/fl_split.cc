@@ -459,7 +459,8 @@ int M_set_merge_stat(REL_TYPE* rel) { return step_modulo(rel, -1); }
 
 int M_split_group(REL_TYPE* rel) {
   const char* fn = "M_split_group";
-  if (!rel_is_dynamic(rel) || rel->sfd == nullptr || M_mem_active(rel)) return 0;
+  // A key-range file keeps its groups: its keys go by the table of bounds.
+  if (!rel_is_dynamic(rel) || hash_is_key_range(rel->hashtype) || rel->sfd == nullptr || M_mem_active(rel)) return 0;
   NamedLock split(rel, kSplitLock, 1);
   if (!split.held()) return split_error(rel, fn, "split lock");
   NoRecoveryJump no_jump;
