@@ -271,6 +271,9 @@ TEST(FlModel, DynamicFilesGrowAndShrinkWithTheMap) {
   run_growth({false, 1, 0, 3002u}, records);
   run_growth({true, 0, 0, 3003u}, records);
   run_growth({true, 1, 1, 3004u}, records);
+  // Large blocks: fewer groups, long keys and records inside the blocks.
+  run_growth({false, 1, 16, 3005u}, records / 4);
+  run_growth({true, 0, 4, 3006u}, records / 4);
 }
 
 // Replays one seed with the check after every operation; not part of the
