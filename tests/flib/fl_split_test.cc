@@ -2,9 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <sys/resource.h>
-
-#include <csignal>
 #include <string>
 #include <vector>
 
@@ -273,11 +270,8 @@ TEST_F(FlSplit, AFailedSplitLeavesTheFileAsItWas) {
   rel.block_size = 0;
   ProgramResult run = run_in_child([&] {
     REL_TYPE child;
-    if (M_openfile(&child, path.c_str(), 2) != 1) _exit(10);
     // Room for two more blocks: the split needs some thirty.
-    signal(SIGXFSZ, SIG_IGN);
-    rlimit limit{static_cast<rlim_t>(st.st_size) + 2 * b, static_cast<rlim_t>(st.st_size) + 2 * b};
-    if (setrlimit(RLIMIT_FSIZE, &limit) != 0) _exit(11);
+    if (int failed = open_under_size_limit(&child, path, static_cast<rlim_t>(st.st_size) + 2 * b)) _exit(failed);
     if (M_split_group(&child) != -1) _exit(12);
     if (child.sfd->modulo != 1 || child.modulo != 1 || M_block_stack_open()) _exit(13);
     for (size_t i = 0; i < keys.size(); ++i) {
