@@ -12,7 +12,6 @@
 #include "reel/reel_hashed.h"
 #include "reel/reel_init.h"
 #include "reel/reel_member.h"
-#include "reel/reel_plan.h"
 #include "reel/reel_settings.h"
 #include "reel/reel_target.h"
 #include "reel/reel_util.h"
@@ -27,10 +26,6 @@ void pass_sub_objects(unsigned char* buffer, int32_t* length) {
 }
 
 }  // namespace
-
-void reel_apply_plan() {
-  reel_fatal("Creating files from a plan is not available in this build.\n");
-}
 
 // Dynamic files. Until their decoder exists, a dynamic file's data is
 // passed over unread: the walk, and with it an analysis, stays right.
