@@ -8,6 +8,7 @@
 #include <gtest/gtest.h>
 
 #include "e2e/sandbox.h"
+#include "reel/reel_init.h"
 #include "flib/fl_create.h"
 #include "flib/fl_filehdr.h"
 #include "flib/fl_coding.h"
@@ -192,6 +193,18 @@ TEST(Plan, AnEditedPlanMakesExactlyItsFilesAndTheTapeLoadsIntoThem) {
   EXPECT_EQ(voc(box, "DYN"), "<none>");
   EXPECT_EQ(layout_of(box.account("SALES/CUSTOMERS")).modulo, 11);
   expect_sound(box, {"CUSTOMERS", "D_CUSTOMERS", "ORDERS", "D_BP", "VOC"});
+}
+
+TEST(Plan, ThePlanIsLookedForAboveTheAccountUnlessItsNameIsAbsolute) {
+  Sandbox box(kSave);
+  fs::create_directories(box.run() + "/plans");
+  spill(box.run() + "/plans/p", "DATA, ORDERS, 5\n");
+  ProgramResult missing = box.reel({"-C", "p", "SALES"});
+  EXPECT_TRUE(missing.output.ends_with("Can't open create file\n\n" + std::string(REEL_USAGE))) << missing.output;
+  EXPECT_EQ(voc(box, "ORDERS"), "<none>");
+  ProgramResult absolute = box.reel({"-C", box.run() + "/plans/p", "SALES"});
+  EXPECT_NE(absolute.output.find("Create DATA ORDERS --- 5 \n"), std::string::npos) << absolute.output;
+  EXPECT_EQ(layout_of(box.account("SALES/ORDERS")).modulo, 5);
 }
 
 // A restore with ORDERS at block size 3 KiB (modulo 19 / 3 -> 7) and DYN
