@@ -8,7 +8,6 @@
 #include "reel/reel_account.h"
 #include "reel/reel_app_tuple.h"
 #include "reel/reel_current.h"
-#include "reel/reel_dynamic.h"
 #include "reel/reel_hashed.h"
 #include "reel/reel_init.h"
 #include "reel/reel_member.h"
@@ -17,25 +16,7 @@
 #include "reel/reel_target.h"
 #include "reel/reel_util.h"
 
-namespace {
-
-// Passes the sub-file or member descriptions at hand with their data, so
-// that the walk goes on at the next file; anything else is left in place.
-void pass_sub_objects(unsigned char* buffer, int32_t* length) {
-  if (*length == reel_settings.level_sub && tape_block_type(buffer) == TAPE_BLOCK_DESCRIPTION)
-    reel_skip_blocks(buffer, length, 1);
-}
-
-}  // namespace
-
 void reel_apply_plan() {
   reel_fatal("Creating files from a plan is not available in this build.\n");
 }
 
-// Dynamic files. Until their decoder exists, a dynamic file's data is
-// passed over unread: the walk, and with it an analysis, stays right.
-void reel_dyn_file(unsigned char* buffer, int32_t* length) { pass_sub_objects(buffer, length); }
-
-// Pages of a dynamic source's overflow part are held by its decoder; until
-// it exists none is held, and a large record reports as lost.
-int reel_overflow_get(unsigned char*, int32_t, int32_t*) { return 0; }
