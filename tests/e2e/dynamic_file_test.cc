@@ -301,6 +301,20 @@ TEST(DynamicOptions, HashTypeAndLevel) {
       << r.output;
   EXPECT_NE(info_of(file).find("hash type: 65"), std::string::npos) << info_of(file);
   expect_sound(file);
+
+  // -D loads the data into the file the VOC names: the records are written
+  // again over themselves.
+  ProgramResult again = box.reel({"-L2", "-D", "SALES"});
+  EXPECT_NE(again.output.find("Loading DATA ORDERS"), std::string::npos) << again.output;
+  EXPECT_EQ(listed_records(file).size(), 3u);
+  EXPECT_NE(slurp(box.account("SALES") + "/dispmsg").find("3 records restored\n"), std::string::npos);
+  expect_sound(file);
+
+  // Where the page store cannot be made, the file is passed over.
+  fs::create_directories(box.account("SALES") + "/overflow/in the way");
+  ProgramResult blocked = box.reel({"-L2", "-D", "SALES"});
+  EXPECT_NE(blocked.output.find("open overflow error\n"), std::string::npos) << blocked.output;
+  EXPECT_EQ(listed_records(file).size(), 3u);
 }
 
 // A save of 200,000 records, half in a static file and half in a dynamic
