@@ -353,7 +353,7 @@ inline constexpr unsigned char DYN_MARK_SKIP = 0xFF;
 // DYN_KEY_MAX refused, above it wrong; in-line data below DYN_INLINE_LIMIT,
 // large data below DYN_LARGE_LIMIT.
 inline constexpr int32_t DYN_KEY_LIMIT = 128;
-inline constexpr int32_t DYN_KEY_MAX = 188;
+inline constexpr int32_t DYN_KEY_MAX = STATIC_KEY_MAX;  // the same bound as a static key
 inline constexpr int32_t DYN_INLINE_LIMIT = 16384;
 inline constexpr int32_t DYN_LARGE_LIMIT = 0x7FC00;
 

@@ -115,66 +115,69 @@ std::vector<TapeDynRecord> key_records() {
   return {{"GOOD1", "first"}, {kKey130, "refused"}, {bytes_of(200, 'z'), "wrong"}, {"GOOD2", "second"}};
 }
 
+// The main tape: written, restored and analysed once for the suite.
+struct MainTape {
+  Sandbox box;
+  ProgramResult restore;
+  ProgramResult analysis;
+  int keys_block = 0;  // the block whose records have the refused keys
+};
+MainTape* main_tape = nullptr;
+
+void write_main_tape(MainTape& t) {
+  TapeWriter w;
+  auto ok = [&w](int result) { ASSERT_EQ(result, 0) << w.error; };
+  ok(reel_writer_open(w, t.box.tape(), {}));
+  ok(reel_writer_label(w, {}));
+  ok(reel_writer_account(w, {{"SALES", TAPE_OBJECT_DIR}}));
+  for (const auto& [name, file] : clean_files()) {
+    ok(reel_writer_file(w, {name, TAPE_OBJECT_HASHED}));
+    ok(reel_writer_dyn_file(w, file));
+  }
+  // A dictionary of a dynamic file is a dynamic source too.
+  ok(reel_writer_file(w, {"D_LARGE", TAPE_OBJECT_HASHED}));
+  ok(reel_writer_dyn_file(w, {.records = {{"@ID", "D\xFE" "0"}}, .third_subfile = true}));
+
+  // Damage. Page 3 of SHIFT starts 10 bytes early, 4 bytes before the
+  // end of a block: its head is found in the copy of that block.
+  TapeDynFile shift{.modulo = 3, .records = {{"S0", "zero"}, {"S1", "one"}, {"S2", "two"}}};
+  shift.cuts = {3 * DYN_PAGE_UNIT - 10 + 4};
+  shift.slip_page = 3;
+  shift.slip_bytes = 10;
+  ok(reel_writer_file(w, {"SHIFT", TAPE_OBJECT_HASHED}));
+  ok(reel_writer_dyn_file(w, shift));
+  ok(reel_writer_file(w, {"NOMARK", TAPE_OBJECT_HASHED}));
+  ok(reel_writer_dyn_file(w, {.modulo = 2, .records = {{"KEPT", "group 0"}, {"LOST", "group 1"}},
+                              .unmarked_page = 2}));
+  ok(reel_writer_file(w, {"SHORT", TAPE_OBJECT_HASHED}));
+  ok(reel_writer_dyn_file(w, {.records = {{"GONE", "x"}}, .cuts = {2000}}));
+  ok(reel_writer_file(w, {"KEYS", TAPE_OBJECT_HASHED}));
+  t.keys_block = w.next_block_no + 1;  // the primary part's only data block
+  ok(reel_writer_dyn_file(w, {.records = key_records()}));
+  ok(reel_writer_file(w, {"AFTER", TAPE_OBJECT_HASHED}));
+  ok(reel_writer_static_subfile(w, 3, {{"A1", "static after the damage"}}));
+  ok(reel_writer_end_save(w));
+  ok(reel_writer_close(w));
+}
+
 class DynamicRestore : public testing::Test {
  protected:
   static void SetUpTestSuite() {
-    box_ = new Sandbox;
-    TapeWriter w;
-    auto ok = [&w](int result) { ASSERT_EQ(result, 0) << w.error; };
-    ok(reel_writer_open(w, box_->tape(), {}));
-    ok(reel_writer_label(w, {}));
-    ok(reel_writer_account(w, {{"SALES", TAPE_OBJECT_DIR}}));
-    for (const auto& [name, file] : clean_files()) {
-      ok(reel_writer_file(w, {name, TAPE_OBJECT_HASHED}));
-      ok(reel_writer_dyn_file(w, file));
-    }
-    // A dictionary of a dynamic file is a dynamic source too.
-    ok(reel_writer_file(w, {"D_LARGE", TAPE_OBJECT_HASHED}));
-    ok(reel_writer_dyn_file(w, {.records = {{"@ID", "D\xFE" "0"}}, .third_subfile = true}));
-
-    // Damage. Page 3 of SHIFT starts 10 bytes early, 4 bytes before the
-    // end of a block: its head is found in the copy of that block.
-    TapeDynFile shift{.modulo = 3, .records = {{"S0", "zero"}, {"S1", "one"}, {"S2", "two"}}};
-    shift.cuts = {3 * DYN_PAGE_UNIT - 10 + 4};
-    shift.slip_page = 3;
-    shift.slip_bytes = 10;
-    ok(reel_writer_file(w, {"SHIFT", TAPE_OBJECT_HASHED}));
-    ok(reel_writer_dyn_file(w, shift));
-    ok(reel_writer_file(w, {"NOMARK", TAPE_OBJECT_HASHED}));
-    ok(reel_writer_dyn_file(w, {.modulo = 2, .records = {{"KEPT", "group 0"}, {"LOST", "group 1"}},
-                                .unmarked_page = 2}));
-    ok(reel_writer_file(w, {"SHORT", TAPE_OBJECT_HASHED}));
-    ok(reel_writer_dyn_file(w, {.records = {{"GONE", "x"}}, .cuts = {2000}}));
-    ok(reel_writer_file(w, {"KEYS", TAPE_OBJECT_HASHED}));
-    keys_block_ = w.next_block_no + 1;  // the primary part's only data block
-    ok(reel_writer_dyn_file(w, {.records = key_records()}));
-    ok(reel_writer_file(w, {"AFTER", TAPE_OBJECT_HASHED}));
-    ok(reel_writer_static_subfile(w, 3, {{"A1", "static after the damage"}}));
-    ok(reel_writer_end_save(w));
-    ok(reel_writer_close(w));
-    restore_ = new ProgramResult(box_->reel({"ACC"}));
-    analysis_ = new ProgramResult(box_->reel({"-A", "plan"}));
+    main_tape = new MainTape;
+    write_main_tape(*main_tape);
+    main_tape->restore = main_tape->box.reel({"ACC"});
+    main_tape->analysis = main_tape->box.reel({"-A", "plan"});
   }
   static void TearDownTestSuite() {
-    delete restore_;
-    delete analysis_;
-    delete box_;
+    delete main_tape;
+    main_tape = nullptr;
   }
-  static std::string path(const std::string& file) { return box_->account("SALES") + "/" + file; }
-
-  static Sandbox* box_;
-  static ProgramResult* restore_;
-  static ProgramResult* analysis_;
-  static int keys_block_;
+  static std::string path(const std::string& file) { return main_tape->box.account("SALES") + "/" + file; }
 };
-Sandbox* DynamicRestore::box_ = nullptr;
-ProgramResult* DynamicRestore::restore_ = nullptr;
-ProgramResult* DynamicRestore::analysis_ = nullptr;
-int DynamicRestore::keys_block_ = 0;
 
 TEST_F(DynamicRestore, EveryRecordArrivesWholeInASoundDynamicFile) {
   for (const auto& [name, file] : clean_files()) {
-    EXPECT_TRUE(has_records(path(name), file.records)) << restore_->output;
+    EXPECT_TRUE(has_records(path(name), file.records)) << main_tape->restore.output;
     EXPECT_NE(info_of(path(name)).find("kind: dynamic"), std::string::npos) << name;
     expect_sound(path(name));
   }
@@ -186,8 +189,8 @@ TEST_F(DynamicRestore, EveryRecordArrivesWholeInASoundDynamicFile) {
 // prime at or above twice the source's; the library makes no dynamic file
 // of fewer than 3 groups, so a modulo of 1 comes to 3 on disk.
 TEST_F(DynamicRestore, TargetModuloIsTheNextPrimeOfTwiceTheSourcesAndOneStaysOne) {
-  EXPECT_NE(restore_->output.find("Create DATA MOD1 --- 1 \n"), std::string::npos) << restore_->output;
-  EXPECT_NE(restore_->output.find("Create DATA MOD2 --- 5 \n"), std::string::npos);
+  EXPECT_NE(main_tape->restore.output.find("Create DATA MOD1 --- 1 \n"), std::string::npos) << main_tape->restore.output;
+  EXPECT_NE(main_tape->restore.output.find("Create DATA MOD2 --- 5 \n"), std::string::npos);
   EXPECT_NE(info_of(path("MOD1")).find("\nmodulo: 3\n"), std::string::npos) << info_of(path("MOD1"));
   EXPECT_NE(info_of(path("MOD2")).find("\nmodulo: 5\n"), std::string::npos);
   EXPECT_NE(info_of(path("MOD2")).find("hash type: 64"), std::string::npos);
@@ -202,7 +205,7 @@ TEST_F(DynamicRestore, DamageIsReportedAndTheFilesAfterItArriveWhole) {
   const std::string log = slurp(path("dispmsg"));
   EXPECT_EQ(listed_records(path("SHIFT")), lines_of({{"S0", "zero"}, {"S1", "one"}, {"S2", "two"}}));
   EXPECT_NE(log.find("File SHIFT has 1 shift errors\n"), std::string::npos) << log;
-  EXPECT_NE(restore_->output.find("File SHIFT has 1 shift errors\n"), std::string::npos);
+  EXPECT_NE(main_tape->restore.output.find("File SHIFT has 1 shift errors\n"), std::string::npos);
 
   // The page without its mark goes whole to BAD_BLOCKS; the other group stays.
   EXPECT_EQ(listed_records(path("NOMARK")), lines_of({{"KEPT", "group 0"}}));
@@ -215,7 +218,7 @@ TEST_F(DynamicRestore, DamageIsReportedAndTheFilesAfterItArriveWhole) {
   EXPECT_NE(log.find("\tGet sub-file description error: Dyn file header error\n"), std::string::npos) << log;
   EXPECT_FALSE(fs::exists(path("SHORT")));
 
-  const std::string b = "Blkno = " + std::to_string(keys_block_) + " \tRecord error: ";
+  const std::string b = "Blkno = " + std::to_string(main_tape->keys_block) + " \tRecord error: ";
   EXPECT_NE(log.find(b + "incompatible key length [130  " + kKey130 + "]\n" + b + "invalid key length [200] \n"),
             std::string::npos)
       << log;
@@ -226,7 +229,7 @@ TEST_F(DynamicRestore, DamageIsReportedAndTheFilesAfterItArriveWhole) {
 // The plan carries a dynamic file's counts as a static one's: records
 // refused for their key are not counted.
 TEST_F(DynamicRestore, AnAnalysisCountsTheRecordsOfDynamicFiles) {
-  const std::string plan = slurp(box_->run() + "/plan");
+  const std::string plan = slurp(main_tape->box.run() + "/plan");
   for (const auto& [name, file] : clean_files()) {
     long long keys = 0, data = 0;
     for (const TapeDynRecord& r : file.records) keys += r.key.size(), data += r.data.size();
