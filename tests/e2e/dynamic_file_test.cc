@@ -87,8 +87,9 @@ std::map<std::string, TapeDynFile> clean_files() {
   files["TAIL0"] = {.records = tail_case(0)};
   files["TAIL6"] = {.records = tail_case(6)};
   files["TAIL60"] = {.records = tail_case(60)};
-  // Pages of two units, blocks that cut them anywhere.
-  TapeDynFile two{.modulo = 2, .units = 2, .room = 3000, .cuts = {5000}};
+  // Pages of two units, blocks that cut them anywhere, overflow pages that
+  // wait in two slots each.
+  TapeDynFile two{.modulo = 2, .units = 2, .order = TapeDynOrder::kReversed, .room = 3000, .cuts = {5000}};
   for (int i = 0; i < 40; ++i) two.records.push_back({"TWO" + std::to_string(i), bytes_of(200 + 13 * i, 'c')});
   files["TWOUNIT"] = two;
   // Large records in page chains of their own, a free page and the index
