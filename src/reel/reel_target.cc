@@ -85,6 +85,17 @@ int reel_open_loader(const std::string& name) {
   return 1;
 }
 
+int reel_prepare_hashed_target(int dynamic) {
+  const RunSettings& s = reel_settings;
+  if (s.data_only || s.overlay) {
+    reel_target_from_voc();
+    reel_show('L', 1);
+  } else if (reel_create_target(dynamic) == 0) {
+    return 0;
+  }
+  return reel_open_target();
+}
+
 int reel_open_target() {
   const RunSettings& s = reel_settings;
   CurrentFile& f = reel_current;
