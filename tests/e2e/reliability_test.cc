@@ -126,7 +126,9 @@ TEST(Faults, AFailingWriteAtEveryTenthWriteEndsItsFileCleanlyAndCountsHonestly) 
       // A file that reads whole has its count right; one that does not is
       // one the run named as incomplete.
       ProgramResult listed = run_program({.program = "mrvfile", .args = {"list", account + "/" + file}});
-      if (listed.status == 0 && restored.contains(file)) EXPECT_EQ(restored.at(file), lines_of(listed.output)) << file;
+      if (listed.status == 0 && restored.contains(file)) {
+        EXPECT_EQ(restored.at(file), lines_of(listed.output)) << file;
+      }
       if (!named) {
         EXPECT_EQ(listed.status, 0) << file;
         EXPECT_EQ(check_of(account + "/" + file), "") << file;
@@ -264,8 +266,8 @@ TEST(Paths, AnAbsoluteAccountAndAnAbsoluteTargetHoldTheWholeAccount) {
   EXPECT_EQ(r.output.find("cannot move"), std::string::npos) << r.output;
   EXPECT_EQ(listed_records(target + "/CUST").size(), 900u) << r.output;
   EXPECT_EQ(listed_records(target + "/D_CUST").size(), listed_records(elsewhere + "/SALES/D_CUST").size());
-  for (const std::string& member : {"BP/MAIN", "BP/NEXT", "NOTES"})
-    EXPECT_TRUE(fs::exists(target + "/" + member)) << member << "\n" << r.output;
+  for (const char* member : {"BP/MAIN", "BP/NEXT", "NOTES"})
+    EXPECT_TRUE(fs::exists(target + "/" + std::string(member))) << member << "\n" << r.output;
   EXPECT_TRUE(fs::exists(target + "/VOC"));
 }
 

@@ -32,10 +32,13 @@ class Sandbox {
   std::string run() const { return (dir_.path() / "run").string(); }
   std::string tape() const { return run() + "/t.tap"; }
   std::string account(const std::string& name) const { return run() + "/" + name; }
-  // A run of REEL_INTAKE in the run directory; `env` is added to the
-  // sandbox's environment and `input` is its standard input.
-  ProgramResult reel(std::vector<std::string> args,
-                     std::vector<std::pair<std::string, std::string>> env = {},
+  // A run of REEL_INTAKE in the run directory; `input` is what the operator
+  // types.
+  ProgramResult reel(std::vector<std::string> args, const std::string& input = "") const {
+    return reel(std::move(args), {}, input);
+  }
+  // The same with `env` added to the sandbox's environment.
+  ProgramResult reel(std::vector<std::string> args, std::vector<std::pair<std::string, std::string>> env,
                      const std::string& input = "") const {
     const std::string root = dir_.str();
     const bool analyse = std::find(args.begin(), args.end(), "-A") != args.end();
