@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 
 #include <filesystem>
+#include <algorithm>
 #include <map>
 #include <regex>
 #include <string>
@@ -21,7 +22,7 @@ namespace {
 namespace fs = std::filesystem;
 
 // Hashed files of the save (paths in the account) and its members.
-const std::vector<std::string> kHashed = {"CUST", "ORDERS", "D_CUST", "PARTS"};
+const std::vector<std::string> kHashed = {"CUST", "ORDERS", "D_CUST", "DYN", "PARTS"};
 const std::vector<std::string> kMembers = {"BP/MAIN", "BP/NEXT", "SAM/NOTES"};
 
 // Static files large enough for many flushes under -K 8, a dictionary, a
@@ -39,6 +40,10 @@ std::string save_text(bool with_end = true) {
   s += "file BP dir\nsub MAIN sam\ntext 'PRINT 1\\nEND\\n'\nsub NEXT sam\n"
        "text room=2048 repeat=60000 'LINE OF TEXT\\n'\n";
   s += "file NOTES sam\ntext 'kept\\n'\n";
+  s += "file DYN hashed\ndynfile modulo=3\n";
+  for (int i = 0; i < 500; ++i)
+    s += "item D" + std::to_string(i) + " 'dynamic " + std::to_string(i) + " " +
+         std::string(static_cast<size_t>(i % 70), 'y') + "'\n";
   s += "file PARTS hashed\nsubfile modulo=2\n";
   for (int i = 0; i < 300; ++i) s += "item P" + std::to_string(i) + " 'part " + std::to_string(i) + "'\n";
   if (with_end) s += "end\n";
@@ -141,6 +146,14 @@ TEST(Faults, AFailingWriteAtEveryTenthWriteEndsItsFileCleanlyAndCountsHonestly) 
 // The bytes of a static hashed file with the time of the last change of
 // each block blanked: that is when it was written, not what it holds.
 std::string bytes_but_times(const std::string& path) {
+  if (fs::is_directory(path)) {  // a dynamic file: its parts in name order
+    std::vector<std::string> parts;
+    for (const auto& e : fs::directory_iterator(path)) parts.push_back(e.path().string());
+    std::sort(parts.begin(), parts.end());
+    std::string all;
+    for (const std::string& part : parts) all += part.substr(path.size()) + "\n" + bytes_but_times(part);
+    return all;
+  }
   std::string bytes = slurp(path);
   if (bytes.size() < FH_READ_SIZE) return bytes;
   const FileHeader header = decode_file_header(reinterpret_cast<const uint8_t*>(bytes.data()));
@@ -191,7 +204,7 @@ TEST(Resume, KilledAtTenPointsThenRestartedWithRAllEndsEqualToAnUnbrokenRestore)
   }
   // The points fell on the account's set-up, static files, a dictionary, a
   // resize and a directory's members.
-  for (const char* object : {"WORK ", "DATA CUST", "DICT CUST", "TEMP resz__", "DIR  BP"})
+  for (const char* object : {"WORK ", "DATA CUST", "DICT CUST", "TEMP resz__", "DIR  BP", "DATA DYN"})
     EXPECT_NE(noted.find(object), std::string::npos) << object << "\n" << noted;
 }
 
