@@ -39,6 +39,7 @@ for seed in "$here"/seeds/*.txt; do
   if [ "$transport" = 0 ]; then
     keep static_records "$tape"
     keep member_text "$tape"
+    keep dynamic_pages "$tape" "$(printf '%03o' 3)"
   fi
 done
 

@@ -12,11 +12,17 @@
 #include "reel/reel_account.h"
 #include "reel/reel_current.h"
 #include "reel/reel_device.h"
+#include "reel/reel_get_expbuf.h"
 #include "reel/reel_init.h"
 #include "reel/reel_settings.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   fuzz_setup();
+  static bool started = false;
+  if (!started) {
+    reel_init_levels();  // as the run's start-up does: dynamic files take their memory there
+    started = true;
+  }
   if (size == 0) return 0;
   const uint8_t how = data[0];
   const int transport = how & 3;
