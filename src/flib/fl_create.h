@@ -10,11 +10,6 @@
 
 struct REL_TYPE;
 
-// Settings of new dynamic files and their defaults.
-inline constexpr int32_t DEFAULT_SPLIT_LOAD = 60;
-inline constexpr int32_t DEFAULT_MERGE_LOAD = 40;
-inline constexpr int32_t DEFAULT_KEYDATA_SPLIT_LOAD = 95;
-inline constexpr int32_t DEFAULT_KEYDATA_MERGE_LOAD = 40;
 // Largest static file: (modulo+1) * (B div 1024) may not exceed this.
 inline constexpr int64_t MAX_STATIC_KBLOCKS = 2097152;
 

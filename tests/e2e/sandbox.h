@@ -1,4 +1,5 @@
-// A sandbox for runs of the built programs: a home with tapeinfo (unit 0 is
+// A sandbox for runs of the built programs: a home laid out by mrvhome,
+// with tapeinfo (unit 0 is
 // "t.tap" in the run directory), the program directory with newacct, the
 // temporary directory, and a run directory that holds the tape. A restore
 // works inside the account, one below the run directory.
@@ -18,8 +19,9 @@
 class Sandbox {
  public:
   Sandbox() {
-    for (const char* d : {"home/include", "home/sys", "bin", "tmp", "run"})
-      std::filesystem::create_directories(dir_.path() / d);
+    for (const char* d : {"bin", "tmp", "run"}) std::filesystem::create_directories(dir_.path() / d);
+    ProgramResult home = run_program({.program = "mrvhome", .args = {"init", home_dir()}});
+    EXPECT_EQ(home.status, 0) << home.output;
     std::filesystem::create_symlink(std::filesystem::path(REEL_BIN_DIR) / "newacct",
                                     dir_.path() / "bin/newacct");
   }
@@ -29,6 +31,8 @@ class Sandbox {
     EXPECT_EQ(made.status, 0) << made.output;
   }
   std::string run() const { return (dir_.path() / "run").string(); }
+  std::string home_dir() const { return (dir_.path() / "home").string(); }
+  std::string config_path() const { return home_dir() + "/include/mrvconfig"; }
   std::string tape() const { return run() + "/t.tap"; }
   std::string account(const std::string& name) const { return run() + "/" + name; }
   ProgramResult reel(std::vector<std::string> args) const {
