@@ -36,17 +36,23 @@ class Sandbox {
   std::string tape() const { return run() + "/t.tap"; }
   std::string account(const std::string& name) const { return run() + "/" + name; }
   ProgramResult reel(std::vector<std::string> args) const {
-    const std::string root = dir_.str();
     const bool analyse = std::find(args.begin(), args.end(), "-A") != args.end();
     spill(dir_.path() / "home/sys/tapeinfo",
           analyse ? "0 t.tap rt.tap 8192\n" : "0 ../t.tap r../t.tap 8192\n");
-    return run_program({.program = "REEL_INTAKE",
-                        .args = std::move(args),
-                        .directory = run(),
-                        .env = {{"MRVHOME", root + "/home"},
-                                {"MRVBIN", root + "/bin"},
-                                {"TMP", root + "/tmp"},
-                                {"MRV_REGISTRY", root + "/no-registry"}}});
+    return run_program({.program = "REEL_INTAKE", .args = std::move(args), .directory = run(), .env = env()});
+  }
+  // The environment of a run in this home.
+  std::vector<std::pair<std::string, std::string>> env() const {
+    const std::string root = dir_.str();
+    return {{"MRVHOME", root + "/home"},
+            {"MRVBIN", root + "/bin"},
+            {"TMP", root + "/tmp"},
+            {"MRV_REGISTRY", registry()}};
+  }
+  std::string registry() const { return dir_.str() + "/no-registry"; }
+  // A program of the build run in this home, from the run directory.
+  ProgramResult program(const std::string& name, std::vector<std::string> args) const {
+    return run_program({.program = name, .args = std::move(args), .directory = run(), .env = env()});
   }
 
  private:
