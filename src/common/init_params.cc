@@ -491,11 +491,16 @@ bool has_no_odd_factor(int64_t n) {
 
 }  // namespace
 
-int32_t next_prime(int32_t n) {
+int32_t prime_at_or_above(int32_t n) {
   if (n < 4) return n;
-  int64_t c = static_cast<int64_t>(n) / 2 * 2 + 1;
-  for (; c <= 1000000000; c += 2)
+  for (int64_t c = static_cast<int64_t>(n) / 2 * 2 + 1; c < kPrimeSearchLimit; c += 2)
     if (has_no_odd_factor(c)) return static_cast<int32_t>(c);
+  return -1;
+}
+
+int32_t next_prime(int32_t n) {
+  int32_t p = prime_at_or_above(n);
+  if (p >= 0) return p;
   M_errmsg(0, "Number %d out of prime number table range.\n", n);
   M_errmsg(0, "Please make sure it is a prime number.\n");
   return n;

@@ -319,6 +319,12 @@ std::string config_file_text(const ConfigRecord& r);
 int check_params(ConfigRecord* r, std::vector<ConfigFinding>* findings, bool stop_on_first,
                  int32_t nfiles_limit, int32_t measured_nusers);
 
+inline constexpr int64_t kPrimeSearchLimit = 1000000000;
+// n itself below 4; else the smallest odd number from n / 2 * 2 + 1 on with
+// no odd factor up to its square root plus one; -1 when the search reaches
+// kPrimeSearchLimit.
+int32_t prime_at_or_above(int32_t n);
+// As prime_at_or_above, but past the limit it says so and gives n.
 int32_t next_prime(int32_t n);
 int32_t previous_prime(int32_t n);
 // Size read-out: "unknown", "unlimited", or "1G 2M 3K 4".

@@ -9,6 +9,7 @@
 
 #include "common/mrv_msg.h"
 #include "common/readroot.h"
+#include "support/console.h"
 #include "support/files.h"
 #include "support/temp_dir.h"
 
@@ -17,8 +18,6 @@ namespace {
 class Marks : public testing::Test {
  protected:
   void SetUp() override {
-    msg_output_fd = 1;
-    msg_buffer_fill = 0;
     std::filesystem::create_directories(dir_.path() / "include");
     std::filesystem::create_directories(dir_.path() / "sys");
     setenv("MRVHOME", dir_.str().c_str(), 1);
@@ -28,13 +27,13 @@ class Marks : public testing::Test {
     reset_root_for_tests();
   }
   void TearDown() override {
-    msg_output_fd = -1;
     M_set_marks(DEFAULT_RECORD_MARK, DEFAULT_PRINT_AT, DEFAULT_NULL_VALUE);
     M_null_flag = 0;
     for (const char* name : {"MRVHOME", "MRVBIN", "MRV_TEMP", "MRV_REGISTRY"}) unsetenv(name);
     reset_root_for_tests();
   }
-  std::string messages() const { return std::string(msg_buffer, msg_buffer_fill); }
+  std::string messages() const { return console_.text(); }
+  ConsoleCapture console_;
   TempDir dir_;
 };
 
@@ -103,7 +102,7 @@ TEST_F(Marks, LanggrpCheckAndFind) {
   EXPECT_EQ(langgrp_check(LANGGRP_HAS_LANGUAGE, "253/192/129", "X"), 0);
   EXPECT_EQ(messages(), "Bad mrvlang 'ABCDEFGHIJKLMNOP' in LANGGRP file");
   std::filesystem::remove(dir_.str() + "/sys/LANGGRP");
-  msg_buffer_fill = 0;
+  console_.clear();
   EXPECT_EQ(langgrp_check(LANGGRP_HAS_GROUP, "255/192/129", nullptr), 0);
   EXPECT_EQ(messages(), "Can't open file " + dir_.str() + "/sys/LANGGRP\n");
 }
