@@ -340,6 +340,13 @@ void parse_langgrp(ConfigRecord* r) {
   r->lang_null_value = nv;
 }
 
+// Fields the record keeps as single bytes.
+void keep_low_bytes(ConfigRecord* r) {
+  r->AVG_TUPLE_LEN &= 0xFF;
+  r->EXPBLKSIZE &= 0xFF;
+  r->GRP_FREE_BLK &= 0xFF;
+}
+
 void read_unlisted(ConfigRecord* r) {
   r->SHM_USRSZ = static_cast<int32_t>(config_get_uint("SHM_USRSZ", 4194304));
   r->MAX_RECORD_LOCKS = static_cast<int32_t>(config_get_uint("MAX_RECORD_LOCKS", 200));
@@ -418,6 +425,7 @@ int config_strict_load(ConfigRecord* out) {
   if (errors > 0 || tmp_too_long) return 1;
 
   read_unlisted(&work);
+  keep_low_bytes(&work);
   std::time_t now = std::time(nullptr);
   std::tm local{};
   localtime_r(&now, &local);
@@ -454,6 +462,7 @@ int init_params(const std::string& path, ConfigRecord* out, std::vector<ConfigFi
     }
   }
   read_unlisted(&r);
+  keep_low_bytes(&r);
   parse_langgrp(&r);
   *out = r;
   return check_params(out, findings, false, d.nfiles, d.nusers);
