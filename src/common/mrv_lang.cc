@@ -93,12 +93,10 @@ int read_multibyte_config(const std::string& home, const std::string& language, 
       M_errmsg(0, "First byte of a non-ASCII character must have high 8 bit on in file %s\n", path.c_str());
       return -1;
     }
-    for (size_t b = 0; !sets->empty() && b < set.ranges.size() && b < sets->back().ranges.size(); ++b)
-      if (set.ranges[b].low < sets->back().ranges[b].low) {
-        M_errmsg(0, "Ranges are not in accending order. codeset=%i, byte=%i, file=%s\n", set.number,
-                 static_cast<int>(b + 1), path.c_str());
-        return -1;
-      }
+    if (!sets->empty() && set.ranges[0].low < sets->back().ranges[0].low) {
+      M_errmsg(0, "Ranges are not in accending order. codeset=%i, byte=%i, file=%s\n", set.number, 1, path.c_str());
+      return -1;
+    }
     sets->push_back(set);
   }
   return check_consistency(*sets, path);

@@ -8,8 +8,8 @@
 //   2 2 0x8E-0x8E 0xA1-0xDF
 //   END
 // A character has 1 to 4 bytes; the first byte of a character of more than
-// one byte has its high bit on; the ranges of one byte position ascend from
-// code set to code set; and the first two bytes of a character tell which
+// one byte has its high bit on; the first-byte ranges ascend from code set to
+// code set; and the first two bytes of a character tell which
 // code set it belongs to.
 #pragma once
 

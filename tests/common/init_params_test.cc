@@ -296,6 +296,16 @@ TEST_F(Config, WrittenFileLoadsCleanAndEveryRowHasItsPlace) {
             std::string::npos);
   ConfigRecord r{};
   ConfigRecord full{};
+  // Defaults derived from other sizes and from the home (64 users).
+  config_default_record(dir_.str() + "/", &r);
+  EXPECT_EQ(r.SHM_GNPAGES, 16);
+  EXPECT_EQ(r.SHM_LMINENTS, 32);
+  EXPECT_EQ(r.SHM_GNTBLS, 128);
+  EXPECT_EQ(r.N_PGQ, 16);
+  EXPECT_EQ(r.SBCS_SHM_SIZE, 1048576u);
+  EXPECT_EQ(r.SHM_ATT_ADD % r.SHM_LBA, 0u);
+  EXPECT_EQ(std::string(r.PART_TBL), dir_.str() + "/parttbl");
+  EXPECT_EQ(std::string(r.REP_LOG_PATH), dir_.str() + "/replog");
   EXPECT_EQ(load(text, &r), 0) << messages() << log();
   std::vector<ConfigFinding> findings;
   EXPECT_EQ(init_params(path_, &full, &findings), 0);
