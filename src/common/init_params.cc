@@ -98,10 +98,11 @@ const char* find_value(const char* name) {
 
 // "%u" semantics: leading blanks, an optional sign, digits; negative values
 // wrap. Nothing scannable is the invalid value, reported as the fallback.
-bool scan_unsigned(const char* text, int64_t* out, bool wide) {
+// Both "%u" and "%lu" fields are 32 bits wide in the record.
+bool scan_unsigned(const char* text, int64_t* out) {
   unsigned long v = 0;
   if (std::sscanf(text, "%lu", &v) != 1) return false;
-  *out = wide ? static_cast<int64_t>(static_cast<uint32_t>(v)) : static_cast<int64_t>(static_cast<uint32_t>(v));
+  *out = static_cast<int64_t>(static_cast<uint32_t>(v));
   return true;
 }
 
@@ -144,19 +145,25 @@ int32_t* config_number(ConfigRecord& r, const ConfigParam& p) {
   return reinterpret_cast<int32_t*>(reinterpret_cast<char*>(&r) + p.offset);
 }
 
+const int32_t* config_number(const ConfigRecord& r, const ConfigParam& p) {
+  return reinterpret_cast<const int32_t*>(reinterpret_cast<const char*>(&r) + p.offset);
+}
+
 char* config_text(ConfigRecord& r, const ConfigParam& p) { return reinterpret_cast<char*>(&r) + p.offset; }
 
+const char* config_text(const ConfigRecord& r, const ConfigParam& p) {
+  return reinterpret_cast<const char*>(&r) + p.offset;
+}
+
 std::string config_value_text(const ConfigRecord& r, const ConfigParam& p) {
-  auto& rec = const_cast<ConfigRecord&>(r);
   switch (p.kind) {
     case ParamKind::Comment:
       return {};
     case ParamKind::String:
-      return config_text(rec, p);
+      return config_text(r, p);
     case ParamKind::Ulong:
-      return std::to_string(static_cast<uint32_t>(*config_number(rec, p)));
     case ParamKind::Uint:
-      return std::to_string(static_cast<uint32_t>(*config_number(rec, p)));
+      return std::to_string(static_cast<uint32_t>(*config_number(r, p)));
   }
   return {};
 }
@@ -236,14 +243,14 @@ int config_find_line(const char* name) {
 int64_t config_get_uint(const char* name, int64_t fallback) {
   const char* v = find_value(name);
   int64_t n;
-  if (v == nullptr || !scan_unsigned(v, &n, false)) return fallback;
+  if (v == nullptr || !scan_unsigned(v, &n)) return fallback;
   return n;
 }
 
 int64_t config_get_ulong(const char* name, int64_t fallback) {
   const char* v = find_value(name);
   int64_t n;
-  if (v == nullptr || !scan_unsigned(v, &n, true)) return fallback;
+  if (v == nullptr || !scan_unsigned(v, &n)) return fallback;
   return n;
 }
 

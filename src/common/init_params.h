@@ -250,7 +250,9 @@ bool config_is_override(const char* name);
 
 // Field access through a row.
 int32_t* config_number(ConfigRecord& r, const ConfigParam& p);
+const int32_t* config_number(const ConfigRecord& r, const ConfigParam& p);
 char* config_text(ConfigRecord& r, const ConfigParam& p);
+const char* config_text(const ConfigRecord& r, const ConfigParam& p);
 // The value of a row as the file and the environment hold it; empty for a
 // comment row.
 std::string config_value_text(const ConfigRecord& r, const ConfigParam& p);
