@@ -76,6 +76,16 @@ int32_t overflow_part_count(int32_t spread, int32_t primary_parts) {
   return spread - 1;
 }
 
+// A part of the layout. One that stands already belongs to a file being
+// laid out again (a cleared file keeps its parts): it is emptied and used
+// where it is, which may be another partition behind a link.
+int layout_part(REL_TYPE* rel, const char* path, uint32_t size) {
+  struct stat st;
+  if (stat(path, &st) == 0) return open(path, O_RDWR | O_TRUNC);
+  uint32_t device = 0;
+  return M_create_part_file(rel, path, &device, size, 0);
+}
+
 int create_part_error(REL_TYPE* rel, const char* function, const char* cause, int fd, const char* path) {
   if (fd >= 0) {
     close(fd);
@@ -160,8 +170,7 @@ int M_initfile(int fd, REL_TYPE* rel) {
       char path[REL_NAME_SIZE + 16];
       M_part_path(rel, static_cast<uint32_t>(g / groups_per_part + 1), path, sizeof path);
       uint32_t size = static_cast<uint32_t>(std::min(modulo - g + 1, groups_per_part)) * b;
-      uint32_t device = 0;
-      part_fd = M_create_part_file(rel, path, &device, size, 0);
+      part_fd = layout_part(rel, path, size);
       if (part_fd < 0) return initfile_error(rel, "M_create_part_file", -1);
       std::memset(block, 0, b);
       encode_file_header(copy, block);
@@ -209,8 +218,7 @@ int M_initfile(int fd, REL_TYPE* rel) {
     char path[REL_NAME_SIZE + 16];
     M_part_path(rel, static_cast<uint32_t>(p) | PART_OVERFLOW, path, sizeof path);
     uint32_t size = static_cast<uint32_t>(std::min(modulo + 1, groups_per_part)) * b;
-    uint32_t device = 0;
-    int over_fd = M_create_part_file(rel, path, &device, size, 0);
+    int over_fd = layout_part(rel, path, size);
     if (over_fd < 0) return initfile_error(rel, "M_create_part_file", -1);
     std::memset(block, 0, b);
     encode_overflow_header(oh, block);

@@ -14,7 +14,8 @@ struct REL_TYPE;
 inline constexpr int64_t MAX_STATIC_KBLOCKS = 2097152;
 
 // Lays out a new file on `fd` (the static file, or dat001 of the directory
-// rel->path). The handle gives path, modulo, hash type word, block size,
+// rel->path). Parts of a dynamic file that exist already are emptied and
+// reused. The handle gives path, modulo, hash type word, block size,
 // RFS field, split and merge load (0 = the setting) and trigger names; it
 // receives the part counts. 1 done, 0 failed (the file is removed).
 int M_initfile(int fd, REL_TYPE* rel);

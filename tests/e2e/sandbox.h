@@ -35,11 +35,14 @@ class Sandbox {
   std::string config_path() const { return home_dir() + "/include/mrvconfig"; }
   std::string tape() const { return run() + "/t.tap"; }
   std::string account(const std::string& name) const { return run() + "/" + name; }
-  ProgramResult reel(std::vector<std::string> args) const {
+  // A run of REEL_INTAKE in the run directory; `input` is what the operator
+  // types.
+  ProgramResult reel(std::vector<std::string> args, const std::string& input = "") const {
     const bool analyse = std::find(args.begin(), args.end(), "-A") != args.end();
     spill(dir_.path() / "home/sys/tapeinfo",
           analyse ? "0 t.tap rt.tap 8192\n" : "0 ../t.tap r../t.tap 8192\n");
-    return run_program({.program = "REEL_INTAKE", .args = std::move(args), .directory = run(), .env = env()});
+    return run_program(
+        {.program = "REEL_INTAKE", .args = std::move(args), .input = input, .directory = run(), .env = env()});
   }
   // The environment of a run in this home.
   std::vector<std::pair<std::string, std::string>> env() const {
