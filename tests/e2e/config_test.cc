@@ -1,6 +1,7 @@
 // The installation around a run: homes laid out by mrvhome, mrvconfig
 // written and checked by mrvconf, its parameters and language group taking
-// effect in a restore, and the administrator's stop switch.
+// effect in a restore of static and dynamic files, and the administrator's
+// stop switch.
 #include <filesystem>
 #include <string>
 
@@ -23,6 +24,10 @@ const char kSave[] =
     "subfile modulo=3\n"
     "item C1 'Smith\\xFEJohn\\xFDJr'\n"
     "item C2 'Jones\\xFEMary'\n"
+    "file ORDERS hashed\n"
+    "dynfile modulo=2\n"
+    "item O1 'C1\\xFE3\\xFD4'\n"
+    "item O2 'C2\\xFE1'\n"
     "end\n";
 
 // The configuration file with `name`'s line set to `value`.
@@ -114,7 +119,15 @@ TEST(ConfiguredRestore, FilesCarryTheConfiguredValuesAndTheRunIsQuiet) {
   EXPECT_EQ(info_field(info, "largest part"), "100000000");
   EXPECT_EQ(info_field(info, "language group"), "255/192/129");
 
-  // A dynamic file made in that home takes the loads from the configuration.
+  // The dynamic file from tape takes the loads and the part size.
+  info = box.program("mrvfile", {"info", box.account("SALES") + "/ORDERS"});
+  ASSERT_EQ(info.status, 0) << info.output << r.output;
+  EXPECT_EQ(info_field(info, "kind"), "dynamic");
+  EXPECT_EQ(info_field(info, "split load"), "70");
+  EXPECT_EQ(info_field(info, "merge load"), "30");
+  EXPECT_EQ(info_field(info, "largest part"), "100000000");
+
+  // So does one that mrvfile makes in that home.
   ProgramResult made = box.program("mrvfile", {"create", "--dynamic", box.run() + "/DYN"});
   ASSERT_EQ(made.status, 0) << made.output;
   info = box.program("mrvfile", {"info", box.run() + "/DYN"});
@@ -137,6 +150,10 @@ TEST(ConfiguredRestore, ALanguageGroupSetsTheMarksOfRecordsAndHeaders) {
   EXPECT_EQ(get.output, "Smith\xFDJohn\xFCJr");  // field and value marks one below the tape's
   info = box.program("mrvfile", {"info", box.account("SALES") + "/VOC"});
   EXPECT_EQ(info_field(info, "language group"), "254/192/129");
+  const std::string orders = box.account("SALES") + "/ORDERS";
+  info = box.program("mrvfile", {"info", orders});
+  EXPECT_EQ(info_field(info, "language group"), "254/192/129");
+  EXPECT_EQ(box.program("mrvfile", {"get", orders, "O1"}).output, "C1\xFD" "3\xFC" "4");
 
   // The library with the default group refuses those files.
   ProgramResult plain = run_program({.program = "mrvfile", .args = {"get", file, "C1"}});
