@@ -16,9 +16,10 @@ namespace {
 
 namespace fs = std::filesystem;
 
+// A static and a dynamic file, their fields and values in the tape's marks.
 const char kSave[] =
     "tape t.tap\n"
-    "label name=SAVE\n"
+    "label name=CONFIGURED\n"
     "account SALES\n"
     "file CUSTOMERS hashed\n"
     "subfile modulo=3\n"
