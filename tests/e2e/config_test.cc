@@ -19,7 +19,7 @@ namespace fs = std::filesystem;
 // A static and a dynamic file, their fields and values in the tape's marks.
 const char kSave[] =
     "tape t.tap\n"
-    "label name=CONFIGURED\n"
+    "label name=CONFIG\n"
     "account SALES\n"
     "file CUSTOMERS hashed\n"
     "subfile modulo=3\n"
