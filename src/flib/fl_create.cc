@@ -96,6 +96,12 @@ int create_part_error(REL_TYPE* rel, const char* function, const char* cause, in
 
 }  // namespace
 
+void M_load_settings(int32_t hashtype, int32_t* split_load, int32_t* merge_load) {
+  bool keydata = hash_is_keydata(hashtype);
+  *split_load = M_cfg_split_load(keydata);
+  *merge_load = M_cfg_merge_load(keydata);
+}
+
 int M_initfile(int fd, REL_TYPE* rel) {
   int32_t k = std::clamp<int32_t>(static_cast<int32_t>(rel->block_size / 1024), 0, 16);
   uint32_t b = k == 0 ? 512 : static_cast<uint32_t>(k) * 1024;
@@ -198,16 +204,12 @@ int M_initfile(int fd, REL_TYPE* rel) {
   oh.next_block = b;
   oh.modulo = static_cast<uint32_t>(modulo);
   oh.min_modulo = static_cast<uint32_t>(modulo);
-  bool keydata = hash_is_keydata(rel->hashtype);
   bool key_range_groups = hash_is_key_range(rel->hashtype) && modulo != 0;
-  int32_t split = key_range_groups ? 100
-                  : rel->split_load != 0
-                      ? rel->split_load
-                      : M_cfg_split_load(keydata);
-  int32_t merge = key_range_groups ? 0
-                  : rel->merge_load != 0
-                      ? rel->merge_load
-                      : M_cfg_merge_load(keydata);
+  int32_t split_setting = 0;
+  int32_t merge_setting = 0;
+  M_load_settings(rel->hashtype, &split_setting, &merge_setting);
+  int32_t split = key_range_groups ? 100 : rel->split_load != 0 ? rel->split_load : split_setting;
+  int32_t merge = key_range_groups ? 0 : rel->merge_load != 0 ? rel->merge_load : merge_setting;
   oh.split_load = static_cast<uint8_t>(std::clamp(split, 0, 255));
   oh.merge_load = static_cast<uint8_t>(std::clamp(merge, 0, MAX_MERGE_LOAD));
   oh.max_flength = h.max_flength;

@@ -10,6 +10,11 @@
 
 struct REL_TYPE;
 
+// The split and merge loads of a new dynamic file of hash type word
+// `hashtype` (its KEYDATA bit chooses the pair), from the settings
+// SPLIT_LOAD and MERGE_LOAD, or KEYDATA_SPLIT_LOAD and KEYDATA_MERGE_LOAD,
+// as the configuration exported them (common/readconf.h has their defaults).
+void M_load_settings(int32_t hashtype, int32_t* split_load, int32_t* merge_load);
 // Largest static file: (modulo+1) * (B div 1024) may not exceed this.
 inline constexpr int64_t MAX_STATIC_KBLOCKS = 2097152;
 
