@@ -7,5 +7,4 @@ int32_t M_Status = 0;
 }
 int32_t M_no_wait = 0;
 int32_t M_full_wait_abandoned = 0;
-uint8_t M_langgrp[3] = {255, 192, 129};
 int32_t M_spread = 0;
