@@ -47,15 +47,24 @@ for list in "$here"/seeds/*.list; do
   keep lists "$list"
 done
 
+# A complete mrvconfig as mrvconf writes it, and one with odd lines.
+"$bin/mrvconf" write "$work/mrvconfig" > /dev/null
+keep config_lines "$work/mrvconfig"
+printf 'NFILES=\nNFILES=99999999999999999999\nTMP=/a/very/long/path/%%0100d\n=1\nSHM_MAX_SIZE=-5\nMRV_LANGGRP=1/2\n' > "$work/odd"
+keep config_lines "$work/odd"
+
 # Hashed files as a restore of the plain seed leaves them.
 home=$work/home
 mkdir -p "$home/include" "$home/sys" "$work/bin" "$work/run"
 ln -s "$bin/newacct" "$work/bin/newacct"
 echo "0 ../t.tap r../t.tap 8192" > "$home/sys/tapeinfo"
+cp "$work/mrvconfig" "$home/include/mrvconfig"
 cp "$work/plain/t.tap" "$work/run/t.tap"
 (cd "$work/run" && MRVHOME=$home MRVBIN=$work/bin MRV_MSG_PAUSE_MS=0 TMP=$work \
-   "$bin/REEL_INTAKE" ACC < /dev/null > /dev/null) || true
+   "$bin/REEL_INTAKE" ACC < /dev/null > /dev/null 2>&1) || true
 for file in SALES/CUST SALES/D_CUST SALES/DUMP_VOC OTHER/PARTS; do
+  # The restore stamps its files with the time: keep one set only.
+  [ -n "$(ls "$corpus/hashed_file" 2> /dev/null)" ] && break
   keep hashed_file "$work/run/$file"
 done
 echo "seeds written to $corpus"
