@@ -2,6 +2,7 @@
 
 #include <cstdarg>
 #include <cstdio>
+#include <filesystem>
 #include <vector>
 
 #include "NT/NT_access.h"
@@ -17,6 +18,7 @@
 #include "reel/reel_current.h"
 #include "reel/reel_init.h"
 #include "reel/reel_settings.h"
+#include "reel/reel_summary.h"
 #include "reel/reel_target.h"
 
 CurrentFile reel_current;
@@ -66,9 +68,11 @@ void touch_side_file(const char* name, const char* failure) {
 
 void reel_open_account() {
   const RunSettings& s = reel_settings;
+  std::error_code ec;
   need_directory(s.account_name, "Account dir is not exist!\n");
   if (!s.target_dir.empty()) need_directory(s.target_dir, "Incompatable options (-T -O -D)\n");
   NT_chdir(("./" + s.account_name).c_str());
+  reel_summary_account(s.account_name, std::filesystem::current_path(ec).string());
   if (!exists("VOC")) {
     if (s.data_only || s.overlay) reel_fatal("Account is not exist!\n");
     if (NT_run_program("newacct", {}) != 0) reel_fatal("newacct is failed!\n");
@@ -129,6 +133,13 @@ void reel_close_account() {
     for (const std::string& name : names) NT_cmd_move(name.c_str(), ("../" + s.target_dir).c_str());
   }
   NT_chdir("..");
+
+  // Where the account ends up, for the run summary: the tape's name for it
+  // when the tape gave one, else the -T directory or the account itself.
+  std::error_code ec;
+  const std::string& final_name =
+      !tape_account.empty() ? tape_account : !s.target_dir.empty() ? s.target_dir : s.account_name;
+  reel_summary_account_at((std::filesystem::current_path(ec) / final_name).string());
 
   // The account takes its name from the tape. With -T the target gets it
   // and the emptied staging directory stays; a staging directory named as

@@ -17,6 +17,7 @@
 #include "reel/reel_member.h"
 #include "reel/reel_plan.h"
 #include "reel/reel_settings.h"
+#include "reel/reel_summary.h"
 #include "reel/reel_tape_format.h"
 #include "reel/reel_target.h"
 #include "reel/reel_util.h"
@@ -195,6 +196,7 @@ void reel_account_block(unsigned char* buffer, int32_t* length) {
     reel_open_dispmsg();
   }
   tape_account = name;
+  reel_summary_rename_account(name);
   reel_tell("\t\t\tACCT_NAME  ---  %s\n", name);
   reel_skip_blocks(buffer, length, kSkipObject);
 }

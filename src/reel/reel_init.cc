@@ -27,7 +27,9 @@
 #include "reel/reel_get_expbuf.h"
 #include "reel/reel_options.h"
 #include "reel/reel_plan.h"
+#include "reel/reel_progress.h"
 #include "reel/reel_settings.h"
+#include "reel/reel_summary.h"
 #include "shmem/shmaddr.h"
 
 namespace {
@@ -73,6 +75,7 @@ void reel_startup() {
 }
 
 [[noreturn]] void reel_fatal(const char* message) {
+  reel_summary_end(RunEnd::Fatal);
   M_errmsg(0, "%s\n", message);
   M_errmsg(0, "%s", REEL_USAGE);
   M_exit_process();
@@ -93,6 +96,7 @@ void reel_startup() {
 }
 
 int reel_get_answer() {
+  reel_progress_clear();
   std::fflush(stdout);
   bool terminal = isatty(STDIN_FILENO) != 0;
   if (terminal) tcflush(STDIN_FILENO, TCIFLUSH);
@@ -104,6 +108,7 @@ int reel_get_answer() {
       return c;
     }
     if (n < 0 && errno == EINTR) continue;
+    reel_summary_end(RunEnd::EndOfInput);
     reel_fatal("End of input while waiting for an answer.\n");
   }
 }
@@ -115,6 +120,7 @@ void reel_break_handler(int signal_number) {
     M_note_pending_signal(signal_number);
     return;
   }
+  reel_progress_clear();
   write_all(STDOUT_FILENO, kBreakPrompt, sizeof kBreakPrompt - 1);
   int answer = reel_get_answer();
   if (answer == 'Q' || answer == 'q') {
@@ -133,12 +139,18 @@ void reel_install_break_handler() {
 
 [[noreturn]] void reel_block_loop(unsigned char* buffer) {
   int32_t length = reel_next_block(buffer);
-  while (stop_requested != 1)
-    if (reel_dispatch_block(buffer, &length) == 0) break;
+  while (stop_requested != 1) {
+    if (reel_dispatch_block(buffer, &length) == 0) {
+      reel_summary_end(RunEnd::EndOfSave);
+      break;
+    }
+  }
+  reel_summary_end(RunEnd::Break);
   reel_end_run();
 }
 
 [[noreturn]] int reel_main(int argc, char** argv) {
+  reel_summary_arm();
   reel_platform_start();
   reel_parse_options(argc, argv);
   reel_startup();
@@ -151,6 +163,7 @@ void reel_install_break_handler() {
   reel_open_dispmsg();
   if (s.create_mode) {
     reel_apply_plan();
+    reel_summary_end(RunEnd::EndOfPlan);
     reel_close_account();
     reel_finish();
   }

@@ -17,6 +17,7 @@
 #include "reel/reel_current.h"
 #include "reel/reel_device.h"
 #include "reel/reel_settings.h"
+#include "reel/reel_summary.h"
 #include "reel/reel_tape_format.h"
 #include "reel/reel_target.h"
 #include "reel/reel_util.h"
@@ -68,8 +69,11 @@ void load_member(unsigned char* buffer, int32_t* length, const std::string& dire
   }
   text[used] = '\0';
   if (show) reel_show('L', 1);
-  reel_write_member(directory.c_str(), item.c_str(), item_len, text.data(),
-                    static_cast<int32_t>(used), first);
+  const bool written = reel_write_member(directory.c_str(), item.c_str(), item_len, text.data(),
+                                         static_cast<int32_t>(used), first) == 1;
+  if (written) reel_summary_member();
+  // A member of the account's top is a file of its own.
+  if (show) reel_summary_file_end(-1, written);
 }
 
 }  // namespace

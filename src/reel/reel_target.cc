@@ -10,6 +10,7 @@
 #include "reel/reel_device.h"
 #include "reel/reel_get_expbuf.h"
 #include "reel/reel_settings.h"
+#include "reel/reel_summary.h"
 
 namespace {
 
@@ -105,6 +106,7 @@ void reel_close_target() {
   if (f.rel == nullptr) return;
   M_closefile(f.rel.get());
   f.rel.reset();
+  reel_summary_file_end(-1, true);
 }
 void reel_show(char letter, int ok) {
   const CurrentFile& f = reel_current;
@@ -113,6 +115,7 @@ void reel_show(char letter, int ok) {
   switch (letter) {
     case 'L':
       reel_tell("Loading %s %s ...\n", kind, name);
+      reel_summary_file_begin();
       break;
     case 'O':
       reel_tell(f.file_kind == FILE_KIND_DICT ? "%s open dict failure!\n" : "%s open failure!\n",
@@ -128,6 +131,7 @@ void reel_show(char letter, int ok) {
         break;
       }
       reel_tell("Create %s %s --- %d ", kind, name, f.modulo);
+      reel_summary_file_begin();
       if (f.short_name != f.name)
         reel_tell(" -----> %s\n", f.short_name.c_str());
       else
