@@ -88,15 +88,15 @@ int create_part_error(REL_TYPE* rel, const char* function, const char* cause, in
 }  // namespace
 
 int M_initfile(int fd, REL_TYPE* rel) {
-  int32_t k = std::clamp<int32_t>(static_cast<int32_t>(rel->block_size / 1024), 0, 16);
-  uint32_t b = k == 0 ? 512 : static_cast<uint32_t>(k) * 1024;
+  const int32_t k = std::clamp<int32_t>(api_code_of_block_size(rel->block_size), 0, 16);
+  const uint32_t b = block_size_of_api_code(k);
   rel->block_size = b;
   bool dynamic = hash_is_dynamic(rel->hashtype);
   int32_t modulo = rel->modulo;
 
   FileHeader h;
   h.rfs = rel->rfs != 0 ? 1 : 0;
-  h.block_code = k - 1;
+  h.block_code = code_of_block_size(b);
   h.max_flength = M_max_flength();
   int32_t groups_per_part = h.max_flength / static_cast<int32_t>(b) - 1;
   if (dynamic && modulo > groups_per_part) {
@@ -358,7 +358,7 @@ int M_create_hashed(const char* path, int32_t modulo, int32_t block, int32_t typ
     M_msgno_out(0x2A3B, "%s", path);
     return 0;
   }
-  uint32_t b = block == 0 ? 512 : static_cast<uint32_t>(block) * 1024;
+  uint32_t b = block_size_of_api_code(block);
   REL_TYPE rel;
   std::snprintf(rel.path, sizeof rel.path, "%s", path);
   const char* slash = std::strrchr(path, '/');
