@@ -9,12 +9,14 @@
 
 #include <cerrno>
 #include <filesystem>
+#include <fstream>
 #include <sstream>
 #include <string>
 #include <vector>
 
 #include "common/mrv_json.h"
 #include "e2e/sandbox.h"
+#include "support/temp_dir.h"
 
 namespace {
 
@@ -229,6 +231,121 @@ TEST(RunSummary, WrittenOnEveryWayARunEnds) {
       EXPECT_EQ(file.number_of("records_restored"), told[0].records);
     }
   }
+}
+
+}  // namespace
+
+namespace {
+
+// The whole road of an administrator, from an installed tree: install into
+// a scratch prefix, lay out a home, add a tape unit, restore with the
+// console going to a file, read the summary, verify, resize what
+// overflowed.
+TEST(Installed, RestoreVerifyAndResizeFromAnInstalledTree) {
+  TempDir dir;
+  const fs::path root = dir.path();
+  const fs::path prefix = root / "prefix";
+  const fs::path build = fs::path(REEL_BIN_DIR).parent_path();
+  ProgramResult installed = run_program(
+      {.program = "/bin/sh", .args = {"-c", "cmake --install '" + build.string() + "' --prefix '" + prefix.string() + "'"}});
+  ASSERT_EQ(installed.status, 0) << installed.output;
+  const std::string bin = (prefix / "bin").string();
+  for (const char* program : {"REEL_INTAKE", "newacct", "mkreel", "mrvfile"}) {
+    EXPECT_TRUE(fs::exists(prefix / "bin" / program)) << program;
+    EXPECT_TRUE(fs::exists(prefix / "share/man/man1" / (std::string(program) + ".1"))) << program;
+  }
+  EXPECT_FALSE(fs::exists(prefix / "bin/flbench"));
+  EXPECT_TRUE(fs::exists(prefix / "share/man/man5/tapeinfo.5"));
+
+  // The home: include/, sys/tapeinfo and Temp/, laid out as `mrvhome init`
+  // lays it out where that program is installed.
+  const fs::path home = root / "home";
+  if (fs::exists(prefix / "bin/mrvhome")) {
+    ProgramResult init = run_program({.program = bin + "/mrvhome", .args = {"init", home.string()}});
+    ASSERT_EQ(init.status, 0) << init.output;
+  } else {
+    for (const char* d : {"include", "sys", "Temp"}) fs::create_directories(home / d);
+    spill(home / "sys/tapeinfo", "");
+  }
+  // Unit 1: the image one up from the account, where a restore works.
+  std::ofstream(home / "sys/tapeinfo", std::ios::app) << "1 ../t.tap r../t.tap 8192\n";
+
+  // A save whose dictionary outgrows its modulo: the loader resizes data
+  // files itself, a dictionary goes to resize_list.
+  std::string save = "tape t.tap\nlabel name=SAVE\naccount SALES\n"
+                     "file CUSTOMERS hashed\nsubfile modulo=7\nitem C1 'Smith'\nitem C2 'Jones'\n"
+                     "file D_CUSTOMERS hashed\nsubfile modulo=1\n";
+  for (int i = 0; i < 400; ++i) save += "item F" + std::to_string(i) + " 'D\\xFE" + std::string(60, 'x') + "'\n";
+  save += "file BP dir\nsub MAIN sam\ntext 'PRINT 1\\nEND\\n'\nend\n";
+  const fs::path run = root / "run";
+  fs::create_directories(run);
+  spill(run / "save.txt", save);
+  ASSERT_EQ(run_program({.program = bin + "/mkreel", .args = {"save.txt"}, .directory = run.string()}).status, 0);
+
+  // Output to a file, no pause setting: nothing pauses, so the run with its
+  // dozens of console lines ends at once (a second a line would outlast the
+  // child's alarm).
+  ProgramResult restore = run_program(
+      {.program = "/bin/sh",
+       .args = {"-c", "exec '" + bin + "/REEL_INTAKE' -U 1 STAGE > run.log 2>&1"},
+       .directory = run.string(),
+       .env = {{"MRVHOME", home.string()},
+               {"MRVBIN", bin},
+               {"TMP", (home / "Temp").string()},
+               {"MRV_REGISTRY", (root / "no-registry").string()},
+               {"MRV_SUMMARY", "sales.json"}},
+       .unset = {"MRV_MSG_PAUSE_MS"}});
+  const std::string log = slurp(run / "run.log");
+  EXPECT_EQ(restore.status, 1) << log;
+  EXPECT_NE(log.find("REEL_INTAKE is finished"), std::string::npos) << log;
+  EXPECT_EQ(log.find('\x1b'), std::string::npos);
+
+  const fs::path account = run / "SALES";
+  JsonValue doc = read_summary((run / "sales.json").string());
+  EXPECT_TRUE(doc.bool_of("completed"));
+  const JsonValue& sales = doc.get("accounts")->items.at(0);
+  const std::vector<Told> told = told_in_dispmsg(slurp(account / "dispmsg"));
+  const auto& files = sales.get("files")->items;
+  ASSERT_EQ(files.size(), told.size());
+  for (size_t i = 0; i < files.size(); ++i) {
+    EXPECT_EQ(files[i].text_of("kind"), told[i].kind);
+    EXPECT_EQ(files[i].text_of("tape_name"), told[i].name);
+    if (told[i].records >= 0) {
+      EXPECT_EQ(files[i].number_of("records_restored"), told[i].records);
+    }
+  }
+  // The dictionary overflowed: resize_list and the summary name the same modulo.
+  const JsonValue& dict = files.at(1);
+  ASSERT_EQ(dict.text_of("kind"), "DICT");
+  const int suggested = static_cast<int>(dict.number_of("suggested_modulo"));
+  ASSERT_GT(suggested, 1);
+  EXPECT_NE(slurp(account / "resize_list").find("------->  " + std::to_string(suggested)), std::string::npos);
+
+  const std::string summary = (run / "sales.json").string();
+  ProgramResult verify = run_program({.program = bin + "/mrvfile", .args = {"verify", account.string(), "--summary", summary}});
+  EXPECT_EQ(verify.status, 0) << verify.output;
+
+  // Resize what overflowed: every record stays, at the new modulo.
+  const std::string d_customers = (account / "D_CUSTOMERS").string();
+  const std::vector<std::string> before = listed_records(d_customers);
+  ASSERT_EQ(before.size(), 401u);  // and the @ID of a new dictionary
+  ProgramResult resized = run_program({.program = bin + "/mrvfile", .args = {"resize", d_customers, std::to_string(suggested)}});
+  ASSERT_EQ(resized.status, 0) << resized.output;
+  EXPECT_EQ(listed_records(d_customers), before);
+  EXPECT_NE(run_program({.program = bin + "/mrvfile", .args = {"info", d_customers}}).output.find("modulo: " + std::to_string(suggested) + "\n"),
+            std::string::npos);
+  verify = run_program({.program = bin + "/mrvfile", .args = {"verify", account.string(), "--summary", summary}});
+  EXPECT_EQ(verify.status, 0) << verify.output;
+
+  // A file damaged on purpose is named.
+  {
+    std::fstream f(account / "CUSTOMERS", std::ios::in | std::ios::out | std::ios::binary);
+    f.seekp(1024 + 6);  // flags of group 0's head block
+    f.put(3);
+  }
+  verify = run_program({.program = bin + "/mrvfile", .args = {"verify", account.string(), "--summary", summary}});
+  EXPECT_EQ(verify.status, 1);
+  EXPECT_NE(("\n" + verify.output).find("\nCUSTOMERS: group 0"), std::string::npos) << verify.output;
 }
 
 }  // namespace
