@@ -18,15 +18,7 @@ bool shown = false;
 char partial[kPartialRoom];
 size_t partial_length = 0;
 
-void put(const char* text, size_t length) {
-  while (length > 0) {
-    ssize_t n = write(STDERR_FILENO, text, length);
-    if (n < 0 && errno == EINTR) continue;
-    if (n <= 0) return;
-    text += n;
-    length -= static_cast<size_t>(n);
-  }
-}
+void put(const char* text, size_t length) { M_write_all(STDERR_FILENO, text, length); }
 
 bool stdout_is_terminal() {
   static const bool terminal = isatty(STDOUT_FILENO) != 0;
@@ -34,6 +26,16 @@ bool stdout_is_terminal() {
 }
 
 }  // namespace
+
+void M_write_all(int fd, const char* text, size_t length) {
+  while (length > 0) {
+    ssize_t n = write(fd, text, length);
+    if (n < 0 && errno == EINTR) continue;
+    if (n <= 0) return;
+    text += n;
+    length -= static_cast<size_t>(n);
+  }
+}
 
 bool M_status_enabled() {
   static const bool enabled = [] {

@@ -16,6 +16,10 @@
 #include <cstddef>
 #include <string>
 
+// Writes all of `text` to `fd` with write(2), again after an interrupted
+// call; gives up at an error. Safe in a signal handler.
+void M_write_all(int fd, const char* text, size_t length);
+
 // True when standard error is a terminal (decided once a process;
 // MRV_STATUS=0 turns the line off, MRV_STATUS=1 forces it on).
 bool M_status_enabled();

@@ -15,6 +15,7 @@
 #include "common/mrv_exit.h"
 #include "common/mrv_marks.h"
 #include "common/mrv_msg.h"
+#include "common/mrv_status.h"
 #include "common/readconf.h"
 #include "common/readroot.h"
 #include "flib/fl_globals.h"
@@ -37,16 +38,6 @@ namespace {
 constexpr rlim_t kOpenStreams = 2048;
 constexpr int32_t kDefaultLargeFiles = 1000;
 constexpr char kBreakPrompt[] = "\nBREAK: Enter Q<return> to Quit. Any other character to continue";
-
-void write_all(int fd, const char* text, size_t length) {
-  while (length > 0) {
-    ssize_t n = write(fd, text, length);
-    if (n < 0 && errno == EINTR) continue;
-    if (n <= 0) return;
-    text += n;
-    length -= static_cast<size_t>(n);
-  }
-}
 
 }  // namespace
 
@@ -121,7 +112,7 @@ void reel_break_handler(int signal_number) {
     return;
   }
   reel_progress_clear();
-  write_all(STDOUT_FILENO, kBreakPrompt, sizeof kBreakPrompt - 1);
+  M_write_all(STDOUT_FILENO, kBreakPrompt, sizeof kBreakPrompt - 1);
   int answer = reel_get_answer();
   if (answer == 'Q' || answer == 'q') {
     std::signal(signal_number, SIG_IGN);

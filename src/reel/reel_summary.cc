@@ -72,8 +72,39 @@ void json_field(std::string& out, const char* name) {
   out += ": ";
 }
 
-void json_number_or_null(std::string& out, int64_t value) {
+void field(std::string& out, const char* name, std::string_view text) {
+  json_field(out, name);
+  json_string(out, text);
+}
+
+void field(std::string& out, const char* name, int64_t value) {
+  json_field(out, name);
+  out += std::to_string(value);
+}
+
+void field(std::string& out, const char* name, bool value) {
+  json_field(out, name);
+  out += value ? "true" : "false";
+}
+
+// A modulo that was not set stands as null.
+void modulo_field(std::string& out, const char* name, int32_t value) {
+  json_field(out, name);
   out += value != 0 ? std::to_string(value) : "null";
+}
+
+void file_object(std::string& out, const SummaryFile& f) {
+  field(out, "kind", f.kind);
+  field(out, "tape_name", f.tape_name);
+  field(out, "target", f.target);
+  field(out, "records_restored", f.records_restored);
+  field(out, "records_dropped", f.records_dropped);
+  field(out, "key_bytes", f.key_bytes);
+  field(out, "data_bytes", f.data_bytes);
+  field(out, "modulo", int64_t{f.modulo});
+  modulo_field(out, "resized_to", f.resized_to);
+  modulo_field(out, "suggested_modulo", f.suggested_modulo);
+  field(out, "complete", f.complete);
 }
 
 void write_at_exit() {
@@ -174,65 +205,33 @@ std::string reel_summary_json(const RunSummary& summary, double now) {
       if (f.kind == "DATA" || f.kind == "DICT") total += f.records_restored;
 
   std::string out = "{";
-  json_field(out, "program");
-  json_string(out, kProgram);
-  json_field(out, "version");
-  json_string(out, kVersion);
-  json_field(out, "completed");
-  out += summary.completed ? "true" : "false";
-  json_field(out, "ended_by");
-  json_string(out, reel_run_end_text(summary.ended_by));
+  field(out, "program", std::string_view(kProgram));
+  field(out, "version", std::string_view(kVersion));
+  field(out, "completed", summary.completed);
+  field(out, "ended_by", std::string_view(reel_run_end_text(summary.ended_by)));
   json_field(out, "seconds");
   char seconds[32];
   std::snprintf(seconds, sizeof seconds, "%.3f", now - summary.started);
   out += seconds;
-  json_field(out, "records_restored");
-  out += std::to_string(total);
+  field(out, "records_restored", total);
   json_field(out, "accounts");
   out += "[";
   for (size_t i = 0; i < summary.accounts.size(); ++i) {
     const SummaryAccount& a = summary.accounts[i];
     out += i == 0 ? "\n  {" : ",\n  {";
-    json_field(out, "name");
-    json_string(out, a.name);
-    json_field(out, "directory");
-    json_string(out, a.directory);
+    field(out, "name", a.name);
+    field(out, "directory", a.directory);
     json_field(out, "files");
     out += "[";
     for (size_t j = 0; j < a.files.size(); ++j) {
-      const SummaryFile& f = a.files[j];
       out += j == 0 ? "\n    {" : ",\n    {";
-      json_field(out, "kind");
-      json_string(out, f.kind);
-      json_field(out, "tape_name");
-      json_string(out, f.tape_name);
-      json_field(out, "target");
-      json_string(out, f.target);
-      json_field(out, "records_restored");
-      out += std::to_string(f.records_restored);
-      json_field(out, "records_dropped");
-      out += std::to_string(f.records_dropped);
-      json_field(out, "key_bytes");
-      out += std::to_string(f.key_bytes);
-      json_field(out, "data_bytes");
-      out += std::to_string(f.data_bytes);
-      json_field(out, "modulo");
-      out += std::to_string(f.modulo);
-      json_field(out, "resized_to");
-      json_number_or_null(out, f.resized_to);
-      json_field(out, "suggested_modulo");
-      json_number_or_null(out, f.suggested_modulo);
-      json_field(out, "complete");
-      out += f.complete ? "true" : "false";
+      file_object(out, a.files[j]);
       out += "}";
     }
     out += a.files.empty() ? "]" : "\n  ]";
-    json_field(out, "members");
-    out += std::to_string(a.members);
-    json_field(out, "bad_blocks");
-    out += std::to_string(a.bad_blocks);
-    json_field(out, "dispmsg_errors");
-    out += std::to_string(a.dispmsg_errors);
+    field(out, "members", int64_t{a.members});
+    field(out, "bad_blocks", int64_t{a.bad_blocks});
+    field(out, "dispmsg_errors", int64_t{a.dispmsg_errors});
     out += "}";
   }
   out += summary.accounts.empty() ? "]}\n" : "\n]}\n";

@@ -44,6 +44,9 @@ bool mrvfile_open(REL_TYPE* rel, const std::string& path, int32_t mode);
 std::string mrvfile_path_problem(const std::string& path, bool write);
 // True when `path` is a static file or a directory holding dat001.
 bool mrvfile_is_hashed(const std::string& path);
+// The records in the file at `path`; -1 when it can't be opened (said on
+// standard error) or read through.
+int64_t mrvfile_count_records(const std::string& path);
 
 // The text form of list and load: "\\", "\t", "\n" and "\xHH" stand for
 // a backslash, a TAB, a newline and any other byte below 0x20 or above 0x7E.

@@ -8,6 +8,7 @@
 
 #include "common/mrv_msg.h"
 #include "flib/fl_open.h"
+#include "flib/fl_read.h"
 #include "flib/fl_rel.h"
 #include "mrvfile.h"
 
@@ -71,4 +72,16 @@ bool mrvfile_open(REL_TYPE* rel, const std::string& path, int32_t mode) {
   }
   std::fprintf(stderr, "mrvfile: %s: %s\n", path.c_str(), problem.c_str());
   return false;
+}
+
+int64_t mrvfile_count_records(const std::string& path) {
+  REL_TYPE rel;
+  if (!mrvfile_open(&rel, path, 0)) return -1;
+  int64_t n = 0;
+  int r = M_for_each_key(&rel, [&](const uint8_t*, int32_t, const uint8_t*, int32_t, uint32_t) {
+    ++n;
+    return 0;
+  });
+  M_closefile(&rel);
+  return r == 0 ? n : -1;
 }

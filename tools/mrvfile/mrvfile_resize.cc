@@ -69,18 +69,6 @@ int64_t copy_records(REL_TYPE* from, REL_TYPE* to, const std::string& spill_path
   return r == 0 && copied == spilled ? copied : -1;
 }
 
-int64_t count_records(const std::string& path) {
-  REL_TYPE rel;
-  if (!mrvfile_open(&rel, path, 0)) return -1;
-  int64_t n = 0;
-  int r = M_for_each_key(&rel, [&](const uint8_t*, int32_t, const uint8_t*, int32_t, uint32_t) {
-    ++n;
-    return 0;
-  });
-  M_closefile(&rel);
-  return r == 0 ? n : -1;
-}
-
 }  // namespace
 
 int mrvfile_resize(const Args& args) {
@@ -117,7 +105,7 @@ int mrvfile_resize(const Args& args) {
   M_closefile(&to);
   M_closefile(&from);
   // The copy must hold every record before it may take the file's place.
-  const int64_t counted = copied < 0 ? -1 : count_records(copy);
+  const int64_t counted = copied < 0 ? -1 : mrvfile_count_records(copy);
   if (copied < 0 || counted != copied) {
     fs::remove_all(copy, ec);
     return fail(path, "copying the records failed; the file is left as it was");

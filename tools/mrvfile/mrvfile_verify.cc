@@ -42,18 +42,6 @@ struct Verify {
   }
 };
 
-int64_t count_records(const std::string& path) {
-  REL_TYPE rel;
-  if (!mrvfile_open(&rel, path, 0)) return -1;
-  int64_t n = 0;
-  int r = M_for_each_key(&rel, [&](const uint8_t*, int32_t, const uint8_t*, int32_t, uint32_t) {
-    ++n;
-    return 0;
-  });
-  M_closefile(&rel);
-  return r == 0 ? n : -1;
-}
-
 // One path of a VOC entry: checked when it is a hashed file.
 void check_path(Verify& v, const std::string& entry, const std::string& relative, bool must_be_hashed) {
   if (relative.empty() || v.counts.contains(relative)) return;
@@ -73,7 +61,7 @@ void check_path(Verify& v, const std::string& entry, const std::string& relative
     v.counts[relative] = -1;
     return;
   }
-  v.counts[relative] = count_records(path);
+  v.counts[relative] = mrvfile_count_records(path);
 }
 
 bool check_voc(Verify& v) {
@@ -148,7 +136,7 @@ void reconcile(Verify& v, const std::string& summary_path) {
     const auto expected = static_cast<int64_t>(f.number_of("records_restored"));
     auto it = v.counts.find(target);
     int64_t have = it != v.counts.end() ? it->second : -1;
-    if (it == v.counts.end() && mrvfile_is_hashed(v.full(target))) have = count_records(v.full(target));
+    if (it == v.counts.end() && mrvfile_is_hashed(v.full(target))) have = mrvfile_count_records(v.full(target));
     if (have < 0) {
       if (it == v.counts.end()) v.finding(target, "restored by the run but not found through the VOC");
       continue;
