@@ -164,11 +164,13 @@ void spill_long_buffer() {
   if (reel_current.rel != nullptr && reel_resize_check() != 0) write_long_buffer(reel_current.rel.get());
 }
 
-// The file's count goes to dispmsg and to the run summary.
+// The file's count goes to dispmsg and to the run summary: one number for
+// both, so that the two always agree.
 void log_restored(bool complete) {
-  reel_summary_file_end(reel_records_restored, complete);
+  const int32_t restored = reel_records_restored;
+  reel_summary_file_end(restored, complete);
   if (dispmsg == nullptr) return;
-  std::fprintf(dispmsg, "%d records restored\n", reel_records_restored);
+  std::fprintf(dispmsg, "%d records restored\n", restored);
   std::fflush(dispmsg);
 }
 
