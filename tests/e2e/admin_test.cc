@@ -180,6 +180,11 @@ TEST(RunSummary, AgreesWithDispmsgFileByFile) {
   verify = run_program({.program = "mrvfile", .args = {"verify", box.account("SALES"), "--summary", box.run() + "/summary.json"}});
   EXPECT_EQ(verify.status, 1);
   EXPECT_NE(verify.output.find("CUSTOMERS: 2 records, the run restored 3\n"), std::string::npos) << verify.output;
+  fs::remove(box.account("SALES") + "/ORDER_LINESa");
+  verify = run_program({.program = "mrvfile", .args = {"verify", box.account("SALES"), "--summary", box.run() + "/summary.json"}});
+  EXPECT_NE(("\n" + verify.output).find("\nORDER_LINESa: no such file (named by the VOC entry ORDER LINES)\n"), std::string::npos)
+      << verify.output;
+  EXPECT_NE(verify.output.find(box.account("SALES") + ": 2 findings\n"), std::string::npos) << verify.output;
   verify = run_program({.program = "mrvfile", .args = {"verify", box.account("STOCK")}});
   EXPECT_EQ(verify.status, 1);
   EXPECT_NE(verify.output.find("PARTS: group 0"), std::string::npos) << verify.output;

@@ -96,6 +96,8 @@ TEST(Mrvfile, FailuresNameTheFileAndTheFault) {
       {"get " + dir + "/plain_dir K", "mrvfile: " + dir + "/plain_dir: not a hashed file (a directory without dat001)\n"},
       {"info " + dir + "/text", "mrvfile: " + dir + "/text: not a hashed file, or its header is damaged\n"},
       {"load " + dir + "/text " + dir + "/none", "mrvfile: " + dir + "/none: no such file\n"},
+      {"verify " + dir + "/plain_dir",
+       "mrvfile: " + dir + "/plain_dir/VOC: no such file\n" + dir + "/plain_dir: not an account that can be verified\n"},
   };
   for (const Case& c : cases) {
     ProgramResult r = mrvfile(c.command);

@@ -52,6 +52,7 @@ void check_path(Verify& v, const std::string& entry, const std::string& relative
       v.finding(relative, "no such file (named by the VOC entry " + entry + ")");
     else if (must_be_hashed)
       v.finding(relative, problem.empty() ? "not a hashed file" : problem);
+    v.counts[relative] = -1;  // named once; the summary's count adds nothing
     return;
   }
   ++v.files;
@@ -163,7 +164,12 @@ int mrvfile_verify(const Args& args) {
   }
   if (v.account.empty()) return mrvfile_usage();
   while (v.account.size() > 1 && v.account.back() == '/') v.account.pop_back();
-  if (check_voc(v) && !summary.empty()) reconcile(v, summary);
+  if (!check_voc(v)) {
+    // The VOC's own fault has been named; without it nothing is checked.
+    std::printf("%s: not an account that can be verified\n", v.account.c_str());
+    return 1;
+  }
+  if (!summary.empty()) reconcile(v, summary);
   if (v.findings == 0) {
     std::printf("%s: sound, %d hashed file%s checked\n", v.account.c_str(), v.files, v.files == 1 ? "" : "s");
     return 0;
