@@ -31,6 +31,7 @@
 #include "reel/reel_progress.h"
 #include "reel/reel_settings.h"
 #include "reel/reel_summary.h"
+#include "reel/reel_tape_format.h"
 #include "shmem/shmaddr.h"
 
 namespace {
@@ -130,13 +131,10 @@ void reel_install_break_handler() {
 
 [[noreturn]] void reel_block_loop(unsigned char* buffer) {
   int32_t length = reel_next_block(buffer);
-  while (stop_requested != 1) {
-    if (reel_dispatch_block(buffer, &length) == 0) {
-      reel_summary_end(RunEnd::EndOfSave);
-      break;
-    }
-  }
-  reel_summary_end(RunEnd::Break);
+  while (stop_requested != 1)
+    if (reel_dispatch_block(buffer, &length) == 0) break;
+  // The loop leaves with the end-of-save block in the buffer, or after a quit.
+  reel_summary_end(tape_block_type(buffer) == TAPE_BLOCK_END ? RunEnd::EndOfSave : RunEnd::Break);
   reel_end_run();
 }
 
