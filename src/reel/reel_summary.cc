@@ -264,5 +264,8 @@ void reel_summary_arm() {
   std::error_code ec;
   std::filesystem::path absolute = std::filesystem::absolute(path, ec);
   summary_path = ec ? std::string(path) : absolute.string();
+  // A summary left by an earlier run must not pass for this one's if this
+  // one is killed before it can write its own.
+  std::remove(summary_path.c_str());
   std::atexit(write_at_exit);
 }

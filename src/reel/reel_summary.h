@@ -94,8 +94,9 @@ std::string reel_summary_json(const RunSummary& summary, double now);
 // Writes the document to `path` through a temporary name and a rename.
 // 1 done, 0 failed.
 int reel_summary_write(const std::string& path);
-// Reads MRV_SUMMARY (made absolute, since the run changes directory) and
-// arranges for the document to be written when the process exits.
+// Reads MRV_SUMMARY (made absolute, since the run changes directory),
+// removes a summary an earlier run left there, and arranges for the
+// document to be written when the process exits.
 void reel_summary_arm();
 // Monotonic seconds.
 double reel_clock();

@@ -238,6 +238,32 @@ TEST(RunSummary, WrittenOnEveryWayARunEnds) {
   }
 }
 
+// A summary an earlier run left is gone as soon as the next run starts, so
+// that a run killed at a prompt leaves none to be mistaken for its own.
+TEST(RunSummary, AKilledRunLeavesNoneBehind) {
+  Sandbox box("tape t.tap\nlabel name=CUT\naccount CUT\nfile F hashed\nsubfile modulo=1\nitem A 'x'\n");
+  box.reel({"-A", "plan"});
+  const fs::path root = fs::path(box.run()).parent_path();
+  spill(root / "home/sys/tapeinfo", "0 ../t.tap r../t.tap 8192\n");
+  spill(root / "s.json", "{\"completed\": true}");
+  const std::string program = std::string(REEL_BIN_DIR) + "/REEL_INTAKE";
+  {
+    Child run([&] {
+      if (chdir(box.run().c_str()) != 0) _exit(127);
+      for (const auto& [name, value] : std::vector<std::pair<std::string, std::string>>{
+               {"MRVHOME", (root / "home").string()}, {"MRVBIN", (root / "bin").string()},
+               {"TMP", (root / "tmp").string()},      {"MRV_REGISTRY", (root / "none").string()},
+               {"MRV_SUMMARY", (root / "s.json").string()}, {"MRV_MSG_PAUSE_MS", "0"}})
+        setenv(name.c_str(), value.c_str(), 1);
+      execl(program.c_str(), program.c_str(), "ACC", static_cast<char*>(nullptr));
+      _exit(127);
+    });
+    ASSERT_TRUE(run.wait_for("or E to end")) << run.output();
+    EXPECT_FALSE(fs::exists(root / "s.json"));
+  }  // killed here, at the prompt
+  EXPECT_FALSE(fs::exists(root / "s.json"));
+}
+
 }  // namespace
 
 namespace {
