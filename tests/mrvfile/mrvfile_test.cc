@@ -138,6 +138,15 @@ TEST(Mrvfile, ResizeKeepsEveryRecordAtTheNewModulo) {
     ASSERT_EQ(mrvfile("create " + std::string(kind) + "--modulo 2 --block 1 " + f).status, 0);
     ASSERT_EQ(mrvfile("load " + f, many_records()).status, 0);
     const std::string before = sorted_listing(f);
+    // A part placed in another partition stands there behind a link of its
+    // name; it goes with the old layout.
+    const std::string elsewhere = tmp.str() + "/partition/over001";
+    if (*kind != '\0') {
+      std::filesystem::create_directories(tmp.str() + "/partition");
+      std::filesystem::rename(f + "/over001", elsewhere);
+      std::filesystem::create_symlink(elsewhere, f + "/over001");
+      ASSERT_EQ(sorted_listing(f), before);
+    }
     ProgramResult r = mrvfile("resize " + f + " 37");
     ASSERT_EQ(r.status, 0) << r.output;
     EXPECT_EQ(r.output, f + ": modulo 2 -> 37, 600 records\n");
@@ -150,6 +159,7 @@ TEST(Mrvfile, ResizeKeepsEveryRecordAtTheNewModulo) {
     // Nothing of the work is left beside the file.
     for (const char* suffix : {".resize", ".resize-old", ".resize-records"})
       EXPECT_FALSE(std::filesystem::exists(f + suffix)) << suffix;
+    EXPECT_FALSE(std::filesystem::exists(elsewhere));
   }
 }
 

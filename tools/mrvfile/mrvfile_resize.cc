@@ -4,7 +4,8 @@
 // same kind, hash type and block size), the copy is counted, and only then
 // does it take the old file's name: PATH becomes "PATH.resize-old", the copy
 // becomes PATH, and the old one is removed. A failure before the renames
-// leaves PATH as it was; the copy is removed.
+// leaves PATH as it was; the copy is removed. Parts placed in other
+// partitions are removed with the file they belong to.
 #include <cstdio>
 #include <filesystem>
 #include <string>
@@ -24,6 +25,23 @@ namespace fs = std::filesystem;
 constexpr char kCopySuffix[] = ".resize";
 constexpr char kOldSuffix[] = ".resize-old";
 constexpr char kSpillSuffix[] = ".resize-records";
+
+// Removes a hashed file. The parts of a dynamic file that the part table
+// placed in another partition stand there, with a link of their normal name
+// in the file's directory: those go with their links.
+void remove_hashed(const std::string& path) {
+  std::error_code ec;
+  if (fs::is_directory(fs::symlink_status(path, ec))) {
+    for (const auto& entry : fs::directory_iterator(path, ec)) {
+      if (!entry.is_symlink(ec)) continue;
+      fs::path target = fs::read_symlink(entry.path(), ec);
+      if (ec) continue;
+      if (target.is_relative()) target = entry.path().parent_path() / target;
+      fs::remove(target, ec);
+    }
+  }
+  fs::remove_all(path, ec);
+}
 
 int fail(const std::string& path, const std::string& what) {
   std::fprintf(stderr, "mrvfile: %s: %s\n", path.c_str(), what.c_str());
@@ -98,7 +116,7 @@ int mrvfile_resize(const Args& args) {
   REL_TYPE to;
   if (!mrvfile_open(&to, copy, 2)) {
     M_closefile(&from);
-    fs::remove_all(copy, ec);
+    remove_hashed(copy);
     return 1;
   }
   const int64_t copied = copy_records(&from, &to, path + kSpillSuffix);
@@ -107,21 +125,21 @@ int mrvfile_resize(const Args& args) {
   // The copy must hold every record before it may take the file's place.
   const int64_t counted = copied < 0 ? -1 : mrvfile_count_records(copy);
   if (copied < 0 || counted != copied) {
-    fs::remove_all(copy, ec);
+    remove_hashed(copy);
     return fail(path, "copying the records failed; the file is left as it was");
   }
   fs::rename(path, old, ec);
   if (ec) {
-    fs::remove_all(copy, ec);
+    remove_hashed(copy);
     return fail(path, "cannot rename it: " + ec.message());
   }
   fs::rename(copy, path, ec);
   if (ec) {
     fs::rename(old, path, ec);
-    fs::remove_all(copy, ec);
+    remove_hashed(copy);
     return fail(path, "cannot put the new layout in place; the file is left as it was");
   }
-  fs::remove_all(old, ec);
+  remove_hashed(old);
   std::printf("%s: modulo %d -> %ld, %lld records\n", path.c_str(), was, modulo, static_cast<long long>(copied));
   return 0;
 }
