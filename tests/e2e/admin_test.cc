@@ -277,8 +277,11 @@ TEST(Installed, RestoreVerifyAndResizeFromAnInstalledTree) {
   const fs::path root = dir.path();
   const fs::path prefix = root / "prefix";
   const fs::path build = fs::path(REEL_BIN_DIR).parent_path();
-  ProgramResult installed = run_program(
-      {.program = "/bin/sh", .args = {"-c", "cmake --install '" + build.string() + "' --prefix '" + prefix.string() + "'"}});
+  // The tree is built already, so the build step of `make install` has
+  // nothing to do.
+  const std::string make = "make -s -C '" + std::string(REEL_SOURCE_DIR) + "' BUILD='" + build.string() +
+                           "' PREFIX='" + prefix.string() + "' ";
+  ProgramResult installed = run_program({.program = "/bin/sh", .args = {"-c", make + "install"}});
   ASSERT_EQ(installed.status, 0) << installed.output;
   const std::string bin = (prefix / "bin").string();
   for (const char* program : {"REEL_INTAKE", "newacct", "mkreel", "mrvfile"}) {
@@ -377,6 +380,11 @@ TEST(Installed, RestoreVerifyAndResizeFromAnInstalledTree) {
   verify = run_program({.program = bin + "/mrvfile", .args = {"verify", account.string(), "--summary", summary}});
   EXPECT_EQ(verify.status, 1);
   EXPECT_NE(("\n" + verify.output).find("\nCUSTOMERS: group 0"), std::string::npos) << verify.output;
+
+  // And away again: nothing of the install is left but empty folders.
+  ProgramResult removed = run_program({.program = "/bin/sh", .args = {"-c", make + "uninstall"}});
+  EXPECT_EQ(removed.status, 0) << removed.output;
+  for (const auto& e : fs::recursive_directory_iterator(prefix)) EXPECT_TRUE(e.is_directory()) << e.path();
 }
 
 }  // namespace
