@@ -132,6 +132,8 @@ void reel_show(char letter, int ok) {
       }
       reel_tell("Create %s %s --- %d ", kind, name, f.modulo);
       reel_summary_file_begin();
+      // A plan's file is done once it is made: nothing is loaded into it.
+      if (reel_settings.create_mode) reel_summary_file_end(0, true);
       if (f.short_name != f.name)
         reel_tell(" -----> %s\n", f.short_name.c_str());
       else
