@@ -9,13 +9,12 @@
 #include <string_view>
 
 #include "reel/reel_current.h"
+#include "reel/reel_init.h"
 
 RunSummary reel_summary;
 
 namespace {
 
-constexpr char kProgram[] = "REEL_INTAKE";
-constexpr char kVersion[] = "2.2.2";
 constexpr char kDictPrefix[] = "D_";
 
 // The absolute path of MRV_SUMMARY, empty when no summary is asked for.
@@ -205,8 +204,8 @@ std::string reel_summary_json(const RunSummary& summary, double now) {
       if (f.kind == "DATA" || f.kind == "DICT") total += f.records_restored;
 
   std::string out = "{";
-  field(out, "program", std::string_view(kProgram));
-  field(out, "version", std::string_view(kVersion));
+  field(out, "program", std::string_view(REEL_PROGRAM));
+  field(out, "version", std::string_view(REEL_VERSION));
   field(out, "completed", summary.completed);
   field(out, "ended_by", std::string_view(reel_run_end_text(summary.ended_by)));
   json_field(out, "seconds");
