@@ -96,7 +96,7 @@ int M_initfile(int fd, REL_TYPE* rel) {
 
   FileHeader h;
   h.rfs = rel->rfs != 0 ? 1 : 0;
-  h.block_code = code_of_block_size(b);
+  h.block_code = k - 1;
   h.max_flength = M_max_flength();
   int32_t groups_per_part = h.max_flength / static_cast<int32_t>(b) - 1;
   if (dynamic && modulo > groups_per_part) {
