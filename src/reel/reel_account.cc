@@ -64,15 +64,34 @@ void touch_side_file(const char* name, const char* failure) {
   std::fclose(file);
 }
 
+std::string absolute_path(const std::string& path) {
+  std::error_code ec;
+  const std::filesystem::path absolute = std::filesystem::absolute(path, ec);
+  return ec ? path : absolute.lexically_normal().string();
+}
+
+// Where the close-down will leave the account, seen from inside it: under
+// the tape's name for it beside it (an absolute -T keeps its own), else in
+// the -T directory, else where it is.
+std::string final_directory() {
+  const RunSettings& s = reel_settings;
+  std::error_code ec;
+  const std::filesystem::path here = std::filesystem::current_path(ec);
+  const bool absolute_target = !s.target_dir.empty() && s.target_dir[0] == '/';
+  if (absolute_target) return s.target_dir;
+  if (!tape_account.empty()) return (here.parent_path() / tape_account).string();
+  if (!s.target_dir.empty()) return (here.parent_path() / s.target_dir).string();
+  return here.string();
+}
+
 }  // namespace
 
 void reel_open_account() {
+  reel_summary_account(reel_settings.account_name, absolute_path(reel_settings.account_name));
   const RunSettings& s = reel_settings;
-  std::error_code ec;
   need_directory(s.account_name, "Account dir is not exist!\n");
   if (!s.target_dir.empty()) need_directory(s.target_dir, "Incompatable options (-T -O -D)\n");
   NT_chdir(("./" + s.account_name).c_str());
-  reel_summary_account(s.account_name, std::filesystem::current_path(ec).string());
   if (!exists("VOC")) {
     if (s.data_only || s.overlay) reel_fatal("Account is not exist!\n");
     if (NT_run_program("newacct", {}) != 0) reel_fatal("newacct is failed!\n");
@@ -103,6 +122,7 @@ void reel_open_dispmsg() {
 }
 
 void reel_close_account() {
+  reel_summary_account_at(final_directory());
   const RunSettings& s = reel_settings;
   CurrentFile& f = reel_current;
   if (f.rel != nullptr) {
@@ -133,13 +153,6 @@ void reel_close_account() {
     for (const std::string& name : names) NT_cmd_move(name.c_str(), ("../" + s.target_dir).c_str());
   }
   NT_chdir("..");
-
-  // Where the account ends up, for the run summary: the tape's name for it
-  // when the tape gave one, else the -T directory or the account itself.
-  std::error_code ec;
-  const std::string& final_name =
-      !tape_account.empty() ? tape_account : !s.target_dir.empty() ? s.target_dir : s.account_name;
-  reel_summary_account_at((std::filesystem::current_path(ec) / final_name).string());
 
   // The account takes its name from the tape. With -T the target gets it
   // and the emptied staging directory stays; a staging directory named as

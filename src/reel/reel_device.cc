@@ -35,10 +35,7 @@ void wait_for_continue() {
   for (;;) {
     int answer = reel_get_answer();
     if (answer == 'C') return;
-    if (answer == 'E') {
-      reel_summary_end(RunEnd::Operator);
-      reel_end_run();
-    }
+    if (answer == 'E') reel_end_run();
   }
 }
 

@@ -82,6 +82,9 @@ void reel_startup() {
 }
 
 [[noreturn]] void reel_end_run() {
+  // The block loop notes its own end first: with none noted, this is the
+  // operator's E at a reel prompt.
+  reel_summary_end(RunEnd::Operator);
   if (reel_settings.analyse_mode) reel_finish_analysis();
   reel_close_account();
   reel_finish();

@@ -69,11 +69,8 @@ void load_member(unsigned char* buffer, int32_t* length, const std::string& dire
   }
   text[used] = '\0';
   if (show) reel_show('L', 1);
-  const bool written = reel_write_member(directory.c_str(), item.c_str(), item_len, text.data(),
-                                         static_cast<int32_t>(used), first) == 1;
-  if (written) reel_summary_member();
-  // A member of the account's top is a file of its own.
-  if (show) reel_summary_file_end(-1, written);
+  reel_write_member(directory.c_str(), item.c_str(), item_len, text.data(),
+                    static_cast<int32_t>(used), first);
 }
 
 }  // namespace
@@ -115,6 +112,7 @@ int reel_write_member(const char* directory, const char* item, int32_t item_len,
     done += static_cast<int32_t>(n);
   }
   close(fd);
+  if (first) reel_summary_member();  // counted once its first piece stands
   return 1;
 }
 
@@ -130,6 +128,11 @@ void reel_member_file(unsigned char* buffer, int32_t* length) {
     record_rename(key, f.short_name);
   std::vector<char> text(REEL_MEMBER_BUFFER);
   load_member(buffer, length, directory, f.short_name, true, text);
+
+  // A member of the account's top is a file of its own: complete when it
+  // was written.
+  if (const SummaryFile* entry = reel_summary_current_file())
+    reel_summary_file_end(-1, entry->records_restored > 0);
 }
 
 void reel_dir_members(unsigned char* buffer, int32_t* length) {

@@ -104,9 +104,9 @@ int reel_open_target() {
 void reel_close_target() {
   CurrentFile& f = reel_current;
   if (f.rel == nullptr) return;
+  reel_summary_file_end(-1, true);
   M_closefile(f.rel.get());
   f.rel.reset();
-  reel_summary_file_end(-1, true);
 }
 void reel_show(char letter, int ok) {
   const CurrentFile& f = reel_current;
