@@ -3,6 +3,7 @@
 #include <cstdarg>
 #include <cstdio>
 #include <filesystem>
+#include <system_error>
 #include <vector>
 
 #include "NT/NT_access.h"
@@ -47,23 +48,6 @@ const WorkFile kWorkFiles[] = {
     {"DAM", &reel_dam_file, 0, CREATE_DIR, "Can't open file DAM\n"},
 };
 
-bool exists(const std::string& path) { return NT_access(path.c_str(), 0) == 0; }
-
-// A directory that must be there: made, unless the run only loads into
-// what exists.
-void need_directory(const std::string& path, const char* missing) {
-  const RunSettings& s = reel_settings;
-  if (exists(path)) return;
-  if (s.data_only || s.overlay) reel_fatal(missing);
-  NT_cmd_mkdir(path.c_str());
-}
-
-void touch_side_file(const char* name, const char* failure) {
-  FILE* file = std::fopen(name, "a");
-  if (file == nullptr) reel_fatal(failure);
-  std::fclose(file);
-}
-
 std::string absolute_path(const std::string& path) {
   std::error_code ec;
   const std::filesystem::path absolute = std::filesystem::absolute(path, ec);
@@ -82,6 +66,23 @@ std::string final_directory() {
   if (!tape_account.empty()) return (here.parent_path() / tape_account).string();
   if (!s.target_dir.empty()) return (here.parent_path() / s.target_dir).string();
   return here.string();
+}
+
+bool exists(const std::string& path) { return NT_access(path.c_str(), 0) == 0; }
+
+// A directory that must be there: made, unless the run only loads into
+// what exists.
+void need_directory(const std::string& path, const char* missing) {
+  const RunSettings& s = reel_settings;
+  if (exists(path)) return;
+  if (s.data_only || s.overlay) reel_fatal(missing);
+  NT_cmd_mkdir(path.c_str());
+}
+
+void touch_side_file(const char* name, const char* failure) {
+  FILE* file = std::fopen(name, "a");
+  if (file == nullptr) reel_fatal(failure);
+  std::fclose(file);
 }
 
 }  // namespace

@@ -189,6 +189,7 @@ void reel_account_block(unsigned char* buffer, int32_t* length) {
   }
   if (!tape_account.empty()) {
     // An analysis covers the first account only.
+    if (s.analyse_mode) reel_summary_end(RunEnd::EndOfPlan);
     if (s.analyse_mode) reel_finish_analysis();
     reel_close_account();
     (s.target_dir.empty() ? s.account_name : s.target_dir) = name;

@@ -40,6 +40,8 @@ constexpr rlim_t kOpenStreams = 2048;
 constexpr int32_t kDefaultLargeFiles = 1000;
 constexpr char kBreakPrompt[] = "\nBREAK: Enter Q<return> to Quit. Any other character to continue";
 
+void write_all(int fd, const char* text, size_t length) { M_write_all(fd, text, length); }
+
 }  // namespace
 
 void reel_platform_start() {
@@ -91,8 +93,8 @@ void reel_startup() {
 }
 
 int reel_get_answer() {
-  reel_progress_clear();
   std::fflush(stdout);
+  reel_progress_clear();
   bool terminal = isatty(STDIN_FILENO) != 0;
   if (terminal) tcflush(STDIN_FILENO, TCIFLUSH);
   for (;;) {
@@ -116,7 +118,7 @@ void reel_break_handler(int signal_number) {
     return;
   }
   reel_progress_clear();
-  M_write_all(STDOUT_FILENO, kBreakPrompt, sizeof kBreakPrompt - 1);
+  write_all(STDOUT_FILENO, kBreakPrompt, sizeof kBreakPrompt - 1);
   int answer = reel_get_answer();
   if (answer == 'Q' || answer == 'q') {
     std::signal(signal_number, SIG_IGN);

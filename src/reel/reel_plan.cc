@@ -8,7 +8,6 @@
 #include "reel/reel_current.h"
 #include "reel/reel_init.h"
 #include "reel/reel_settings.h"
-#include "reel/reel_summary.h"
 #include "reel/reel_util.h"
 
 namespace {
@@ -62,8 +61,6 @@ void reel_write_plan_line() {
 }
 
 void reel_finish_analysis() {
-  // An analysis that stops at the next account has written its plan.
-  reel_summary_end(RunEnd::EndOfPlan);
   reel_write_plan_line();
   if (analyse_handle != nullptr) std::fclose(analyse_handle);
   analyse_handle = nullptr;
