@@ -94,7 +94,6 @@ void reel_startup() {
 
 int reel_get_answer() {
   std::fflush(stdout);
-  reel_progress_clear();
   bool terminal = isatty(STDIN_FILENO) != 0;
   if (terminal) tcflush(STDIN_FILENO, TCIFLUSH);
   for (;;) {
