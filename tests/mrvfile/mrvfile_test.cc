@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "flib/fl_filehdr.h"
 #include "support/run_program.h"
 #include "support/temp_dir.h"
 
@@ -172,6 +173,20 @@ TEST(Mrvfile, ResizeRefusesAndLeavesTheFileAsItWas) {
   EXPECT_EQ(mrvfile("resize " + f + " x").status, 2);
   EXPECT_EQ(mrvfile("resize " + f + " 0").output, "mrvfile: " + f + ": the modulo must be 1 or more\n");
   EXPECT_EQ(mrvfile("resize " + tmp.str() + "/none 5").output, "mrvfile: " + tmp.str() + "/none: no such file\n");
+  // A file whose header counts indexes is refused: they would be lost.
+  {
+    std::fstream h(f, std::ios::in | std::ios::out | std::ios::binary);
+    h.seekp(FH_INDEX_COUNT);
+    h.put(1);
+  }
+  ProgramResult indexed = mrvfile("resize " + f + " 5");
+  EXPECT_EQ(indexed.status, 1);
+  EXPECT_NE(indexed.output.find("has 1 alternate key index(es)"), std::string::npos) << indexed.output;
+  {
+    std::fstream h(f, std::ios::in | std::ios::out | std::ios::binary);
+    h.seekp(FH_INDEX_COUNT);
+    h.put(0);
+  }
   // The trace of a resize that broke off stops the next one until removed.
   std::filesystem::create_directory(f + ".resize-old");
   ProgramResult r = mrvfile("resize " + f + " 5");

@@ -8,6 +8,7 @@
 // partitions are removed with the file they belong to.
 #include <cstdio>
 #include <filesystem>
+#include <fstream>
 #include <string>
 
 #include "flib/fl_create.h"
@@ -41,6 +42,15 @@ void remove_hashed(const std::string& path) {
     }
   }
   fs::remove_all(path, ec);
+}
+
+// The number of alternate key indexes the file's header counts; 0 when it
+// can't be read (the open that follows says why).
+int32_t index_count(const std::string& path) {
+  std::ifstream in(fs::is_directory(path) ? path + "/dat001" : path, std::ios::binary);
+  uint8_t block[FH_READ_SIZE] = {};
+  if (!in.read(reinterpret_cast<char*>(block), sizeof block)) return 0;
+  return decode_file_header(block).index_count;
 }
 
 int fail(const std::string& path, const std::string& what) {
@@ -100,6 +110,11 @@ int mrvfile_resize(const Args& args) {
   if (fs::exists(copy, ec) || fs::exists(old, ec))
     return fail(path, "a resize was left half done: remove " + copy + " or " + old + " first");
 
+  // The indexes stand beside the layout and are counted in its header; the
+  // copy would lose them.
+  if (const int32_t indexes = index_count(path); indexes > 0)
+    return fail(path, "has " + std::to_string(indexes) +
+                          " alternate key index(es): drop them with 'mrvfile index drop', resize, and add them again");
   REL_TYPE from;
   if (!mrvfile_open(&from, path, 0)) return 1;
   if (hash_is_key_range(from.hashtype)) {
