@@ -118,16 +118,4 @@ TEST_F(Summary, AnEndWithoutARecordedReasonIsFatalAndTheOpenFileIncomplete) {
   EXPECT_EQ(reel_summary_write(tmp.str() + "/no/such/dir/s.json"), 0);
 }
 
-TEST_F(Summary, EveryEndHasItsText) {
-  const std::pair<RunEnd, const char*> ends[] = {
-      {RunEnd::EndOfSave, "end of save"}, {RunEnd::Operator, "operator"}, {RunEnd::EndOfInput, "end of input"},
-      {RunEnd::Break, "break"},           {RunEnd::Fatal, "fatal"},       {RunEnd::EndOfPlan, "end of plan"}};
-  for (const auto& [end, text] : ends) {
-    reel_summary = RunSummary{};
-    reel_summary_end(end);
-    EXPECT_EQ(parsed(reel_summary_json(reel_summary, 0)).text_of("ended_by"), text);
-    EXPECT_EQ(reel_summary.completed, end == RunEnd::EndOfSave);
-  }
-}
-
 }  // namespace
