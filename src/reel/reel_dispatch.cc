@@ -188,7 +188,7 @@ void reel_account_block(unsigned char* buffer, int32_t* length) {
     return;
   }
   if (!tape_account.empty()) {
-    // An analysis covers the first account only.
+    // An analysis covers the first account only: its plan ends here.
     if (s.analyse_mode) reel_summary_end(RunEnd::EndOfPlan);
     if (s.analyse_mode) reel_finish_analysis();
     reel_close_account();
