@@ -1,12 +1,14 @@
 # Thin wrapper around CMake: `make` builds, `make test` builds and runs every
 # test, `make demo` builds and runs the restore of the bundled sample tape,
-# `make install PREFIX=...` installs the programs and man pages (default
-# /usr/local) and `make uninstall PREFIX=...` removes them again.
+# `make bench` measures the restore and point reads against key-value stores
+# (bench/run.sh; not part of `make test`), `make install PREFIX=...`
+# installs the programs and man pages (default /usr/local) and
+# `make uninstall PREFIX=...` removes them again.
 BUILD ?= build
 JOBS ?= 2
 PREFIX ?= /usr/local
 
-.PHONY: all build test demo clean install uninstall
+.PHONY: all build test demo bench clean install uninstall
 
 all: build
 
@@ -21,6 +23,9 @@ test: build
 
 demo: build
 	bash sample/demo.sh $(BUILD)
+
+bench: build
+	bash bench/run.sh $(BUILD)
 
 install: build
 	cmake --install $(BUILD) --prefix "$(PREFIX)"

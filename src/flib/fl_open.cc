@@ -18,6 +18,7 @@
 #include "flib/fl_filehdr.h"
 #include "flib/fl_globals.h"
 #include "flib/fl_hash.h"
+#include "flib/fl_io.h"
 #include "flib/fl_lock.h"
 #include "flib/fl_ovhdr.h"
 #include "flib/fl_rel.h"
@@ -245,6 +246,9 @@ int M_openfile(REL_TYPE* rel, const char* path, int32_t mode) {
 }
 
 void M_closefile(REL_TYPE* rel) {
+  // Closing a descriptor gives up the process's locks on the file.
+  M_unmap_reading(rel);
+  rel->file_lock = 0;
   if (rel_is_dynamic(rel)) {
     M_remove_part_files(rel);
     M_del_file_entry(rel);
