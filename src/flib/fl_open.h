@@ -17,5 +17,3 @@ inline constexpr int32_t OPEN_TEMPORARY = static_cast<int32_t>(0x80000000u);
 // OR-ed in. 1 opened, 0 absent or no permission, -1 error.
 int M_openfile(REL_TYPE* rel, const char* path, int32_t mode);
 void M_closefile(REL_TYPE* rel);
-// MAX_FLENGTH from the environment, or its default of 1 GiB.
-int32_t M_max_flength();
