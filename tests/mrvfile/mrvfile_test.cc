@@ -95,7 +95,7 @@ TEST(Mrvfile, FailuresNameTheFileAndTheFault) {
       {"check " + dir + "/missing", "mrvfile: " + dir + "/missing: no such file\n"},
       {"list " + dir + "/missing", "mrvfile: " + dir + "/missing: no such file\n"},
       {"get " + dir + "/plain_dir K", "mrvfile: " + dir + "/plain_dir: not a hashed file (a directory without dat001)\n"},
-      {"info " + dir + "/text", "mrvfile: " + dir + "/text: not a hashed file, or its header is damaged\n"},
+      {"info " + dir + "/text", "mrvfile: " + dir + "/text: too short to hold a file header (library message 682)\n"},
       {"load " + dir + "/text " + dir + "/none", "mrvfile: " + dir + "/none: no such file\n"},
       {"verify " + dir + "/plain_dir",
        "mrvfile: " + dir + "/plain_dir/VOC: no such file\n" + dir + "/plain_dir: not an account that can be verified\n"},

@@ -4,6 +4,7 @@
 
 #include <cerrno>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 
 #include "common/mrv_msg.h"
@@ -33,6 +34,28 @@ class QuietLibrary {
  private:
   int32_t saved_;
 };
+
+// What the library's refusals of an open mean, by message number.
+struct Refusal {
+  int32_t message_number;
+  const char* words;
+};
+constexpr Refusal kRefusals[] = {
+    {75, "its header does not agree with its size or layout (damaged)"},
+    {117, "an unknown hash type in its header"},
+    {427, "no such file"},
+    {682, "too short to hold a file header"},
+    {30372, "a directory whose header is not a dynamic file's"},
+    {30411, "made under another language group than this installation's (the marks differ)"},
+};
+
+// The words for the library's last refusal, with its number for reference.
+std::string refusal_words() {
+  const int32_t number = static_cast<int32_t>(std::strtol(last_message_number, nullptr, 10));
+  for (const Refusal& r : kRefusals)
+    if (r.message_number == number) return std::string(r.words) + " (library message " + last_message_number + ")";
+  return "not a hashed file, or its header is damaged";
+}
 
 std::string access_problem(const std::string& path, bool write) {
   if (access(path.c_str(), write ? R_OK | W_OK : R_OK) == 0) return "";
@@ -67,8 +90,9 @@ bool mrvfile_open(REL_TYPE* rel, const std::string& path, int32_t mode) {
   std::string problem = mrvfile_path_problem(path, mode != 0);
   if (problem.empty()) {
     QuietLibrary quiet;
+    M_set_last_message_number(0);
     if (M_openfile(rel, path.c_str(), mode) == 1) return true;
-    problem = "not a hashed file, or its header is damaged";
+    problem = refusal_words();
   }
   std::fprintf(stderr, "mrvfile: %s: %s\n", path.c_str(), problem.c_str());
   return false;
