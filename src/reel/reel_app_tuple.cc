@@ -17,6 +17,7 @@
 #include "common/mrv_exit.h"
 #include "common/mrv_marks.h"
 #include "common/mrv_msg.h"
+#include "common/mrv_status.h"
 #include "flib/fl_hash.h"
 #include "flib/fl_mem.h"
 #include "flib/fl_mkfile.h"
@@ -28,7 +29,9 @@
 #include "reel/reel_device.h"
 #include "reel/reel_dynamic.h"
 #include "reel/reel_resume.h"
+#include "reel/reel_progress.h"
 #include "reel/reel_settings.h"
+#include "reel/reel_summary.h"
 #include "reel/reel_tape_format.h"
 #include "reel/reel_target.h"
 #include "reel/reel_util.h"
@@ -129,12 +132,20 @@ void prefetch_text(const TupleDesc& d) {
 #endif
 }
 
+// Console text written beside the messages (the dots): the status line
+// makes way for it first.
+void console_put(const char* text, bool flush) {
+  reel_progress_clear();
+  std::fputs(text, stdout);
+  if (flush) std::fflush(stdout);
+  M_console_note(text, std::strlen(text));
+}
+
 void count_restored(bool flush_dots) {
   ++reel_records_restored;
+  reel_progress_record(reel_records_restored);
   if (reel_records_restored % kDotEvery != 0) return;
-  std::fputs(".", stdout);
-  if (reel_records_restored % kLineEvery == 0) std::fputs("\n", stdout);
-  if (flush_dots) std::fflush(stdout);
+  console_put(reel_records_restored % kLineEvery == 0 ? ".\n" : ".", flush_dots);
 }
 
 // Hands one record to the buffered writer; true when it went in. Once a
@@ -182,7 +193,7 @@ bool read_all(int fd, void* data, size_t length) {
 void spill_long_buffer() {
   TupleBuffer& b = reel_long_tuples;
   if (spill_fd < 0) spill_fd = open(kSpillFile, O_RDWR | O_CREAT | O_TRUNC, 0644);
-  if (spill_fd < 0) std::printf("Can't open large file!\n");
+  if (spill_fd < 0) console_put("Can't open large file!\n", true);
   int32_t head[2] = {b.count, static_cast<int32_t>(b.desc_begin)};
   if (spill_fd >= 0 && write_all(spill_fd, head, sizeof head) && write_all(spill_fd, b.base, b.size)) {
     reset(b);
@@ -191,12 +202,16 @@ void spill_long_buffer() {
   if (reel_current.rel != nullptr && reel_resize_check() != 0) write_long_buffer(reel_current.rel.get());
 }
 
-// The line of a closed hashed file: what stands in it, whatever was read.
-void log_restored() {
-  reel_current.records_standing = reel_count_standing();
+// The file's count goes to dispmsg and to the run summary: one number for
+// both, so that the two always agree. It is what stands in the file at its
+// close, whatever was read.
+void log_restored(bool complete) {
+  CurrentFile& f = reel_current;
+  f.records_standing = reel_count_standing();
   reel_write_failure_done();
+  reel_summary_file_end(f.records_standing, complete && reel_file_complete(f));
   if (dispmsg == nullptr) return;
-  std::fprintf(dispmsg, "%d records restored\n", reel_current.records_standing);
+  std::fprintf(dispmsg, "%d records restored\n", f.records_standing);
   std::fflush(dispmsg);
 }
 
@@ -372,6 +387,7 @@ int reel_resize_check() {
   M_voc_delete(temporary);
   reel_loading_done(REEL_OBJECT_SCRATCH, temporary, true);
   f.modulo = n;
+  if (SummaryFile* entry = reel_summary_current_file()) entry->resized_to = n;
   if (reel_open_loader(f.name) == 0) {
     reel_show('M', 0);
     return 0;
@@ -388,7 +404,7 @@ void reel_finish_file(REL_TYPE* rel) {
   // failed: the slot holds the handle in force.
   if (in_slot) rel = f.rel.get();
   if (rel == nullptr) {
-    log_restored();
+    log_restored(false);
     return;
   }
   const uint64_t failed_before = NT_write_failures;
@@ -404,10 +420,11 @@ void reel_finish_file(REL_TYPE* rel) {
       char line[512];
       std::snprintf(line, sizeof line, "\t%s \t\t%d  ------->  %d", f.name.c_str(), rel->modulo, n);
       NT_cmd_echo_append(kResizeList, NT_echo_word(line));
+      if (SummaryFile* entry = reel_summary_current_file()) entry->suggested_modulo = n;
     }
   }
   M_closefile(rel);
   if (f.rel.get() == rel) f.rel.reset();
-  if (reel_records_restored % kLineEvery >= kDotEvery) std::fputs("\n", stdout);
-  log_restored();
+  if (reel_records_restored % kLineEvery >= kDotEvery) console_put("\n", false);
+  log_restored(true);
 }

@@ -25,6 +25,8 @@ constexpr Command kCommands[] = {
     {"delete", mrvfile_delete},
     {"list", mrvfile_list},
     {"load", mrvfile_load},
+    {"resize", mrvfile_resize},
+    {"verify", mrvfile_verify},
 };
 
 }  // namespace
@@ -38,7 +40,9 @@ int mrvfile_usage() {
       "       mrvfile get PATH KEY\n"
       "       mrvfile delete PATH KEY\n"
       "       mrvfile list [--records] PATH\n"
-      "       mrvfile load PATH [FILE]\n",
+      "       mrvfile load PATH [FILE]\n"
+      "       mrvfile resize PATH MODULO\n"
+      "       mrvfile verify ACCOUNT [--summary PATH]\n",
       stderr);
   return 2;
 }
