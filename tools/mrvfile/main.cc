@@ -23,6 +23,7 @@ constexpr Command kCommands[] = {
     {"delete", mrvfile_delete},
     {"list", mrvfile_list},
     {"load", mrvfile_load},
+    {"index", mrvfile_index},
 };
 
 }  // namespace
@@ -36,7 +37,11 @@ int mrvfile_usage() {
       "       mrvfile get PATH KEY\n"
       "       mrvfile delete PATH KEY\n"
       "       mrvfile list [--records] PATH\n"
-      "       mrvfile load PATH [FILE]\n",
+      "       mrvfile load PATH [FILE]\n"
+      "       mrvfile index add PATH NAME FIELD [--multi] [--numeric] [--later] [--no-empty]\n"
+      "                         [--key-length N] [--block CODE] [--compress] [--large] [--ov-modulo N]\n"
+      "       mrvfile index list|build|check PATH, index build|scan|drop PATH NAME,\n"
+      "       mrvfile index find PATH NAME VALUE\n",
       stderr);
   return 2;
 }

@@ -9,6 +9,7 @@
 //   mrvfile delete PATH KEY
 //   mrvfile list [--records] PATH
 //   mrvfile load PATH [FILE]      (KEY<TAB>RECORD lines, buffered writer)
+//   mrvfile index add|list|build|scan|find|drop|check ...  (mrvfile_index.cc)
 //
 // Each command is one function over the arguments after its name; it
 // returns the exit status: 0 done, 1 failed (or findings), 2 usage error.
@@ -27,6 +28,7 @@ int mrvfile_get(const Args& args);
 int mrvfile_delete(const Args& args);
 int mrvfile_list(const Args& args);
 int mrvfile_load(const Args& args);
+int mrvfile_index(const Args& args);
 
 // The text form of list and load: "\\", "\t", "\n" and "\xHH" stand for
 // a backslash, a TAB, a newline and any other byte below 0x20 or above 0x7E.

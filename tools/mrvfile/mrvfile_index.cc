@@ -1,0 +1,268 @@
+// mrvfile index: the alternate key indexes of a hashed file.
+//
+//   mrvfile index add PATH NAME FIELD [--multi] [--numeric] [--later]
+//                     [--no-empty] [--key-length N] [--block CODE]
+//                     [--compress] [--large] [--ov-modulo N]
+//   mrvfile index list PATH
+//   mrvfile index build PATH [NAME]
+//   mrvfile index scan PATH NAME
+//   mrvfile index find PATH NAME VALUE
+//   mrvfile index drop PATH NAME
+//   mrvfile index check PATH
+//
+// FIELD is the field number (0: the @ID). The options after it shape the
+// index file when the first index makes it: key length (kept whole in a
+// node, 1..300, default 64), block size code (n+1 KiB, default 3), prefix
+// compression of leaf keys, a large index in parts of MAX_FLENGTH bytes,
+// and the number of tail buckets (compressed indexes only).
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <string>
+
+#include "flib/fl_idxbuild.h"
+#include "flib/fl_index.h"
+#include "flib/fl_open.h"
+#include "flib/fl_rel.h"
+#include "mrvfile.h"
+
+namespace {
+
+// Opens the file with its index; says why not in words.
+bool open_indexed(REL_TYPE* rel, const std::string& path, int32_t mode) {
+  if (access(path.c_str(), F_OK) != 0) {
+    std::fprintf(stderr, "mrvfile: %s: %s\n", path.c_str(), errno == ENOENT ? "no such file" : std::strerror(errno));
+    return false;
+  }
+  int r = M_openfile(rel, path.c_str(), mode);
+  if (r == 1) return true;
+  if (r == 0)
+    std::fprintf(stderr, "mrvfile: %s: permission denied\n", path.c_str());
+  else
+    std::fprintf(stderr, "mrvfile: cannot open %s (see the messages above; its index may be damaged)\n", path.c_str());
+  return false;
+}
+
+// The row of index NAME, or -1 after a message.
+int find_row(REL_TYPE* rel, const std::string& path, const std::string& name) {
+  int row = rel->index != nullptr ? M_index_row(rel->index, name.c_str()) : -1;
+  if (row < 0) std::fprintf(stderr, "mrvfile: %s has no index %s\n", path.c_str(), name.c_str());
+  return row;
+}
+
+bool usable_for_walk(REL_TYPE* rel, int row, const std::string& name) {
+  const IndexEntry& e = rel->index->rows[static_cast<size_t>(row)].entry;
+  if (e.root != IDX_NONE) return true;
+  std::fprintf(stderr, "mrvfile: index %s has no tree of its own (field type %c)\n", name.c_str(), e.field_type);
+  return false;
+}
+
+int walk_failed(int r, const std::string& name) {
+  if (r == 0) std::fprintf(stderr, "mrvfile: index %s is not built yet (run mrvfile index build)\n", name.c_str());
+  return 1;
+}
+
+int index_add(const Args& a) {
+  if (a.size() < 3) return mrvfile_usage();
+  long field = 0;
+  if (!mrvfile_number(a[2], &field) || field < 0) {
+    std::fprintf(stderr, "mrvfile: field must be a number 0 or above, not %s\n", a[2].c_str());
+    return 2;
+  }
+  char value_type = 'S';
+  char key_type = 'T';
+  bool later = false;
+  uint8_t option = 0;
+  IndexFileOptions o;
+  for (size_t i = 3; i < a.size(); ++i) {
+    long n = 0;
+    auto number = [&](const char* what) {
+      if (i + 1 >= a.size() || !mrvfile_number(a[i + 1], &n)) {
+        std::fprintf(stderr, "mrvfile: %s needs a number\n", what);
+        return false;
+      }
+      ++i;
+      return true;
+    };
+    if (a[i] == "--multi") {
+      value_type = 'M';
+    } else if (a[i] == "--numeric") {
+      key_type = 'N';
+    } else if (a[i] == "--later") {
+      later = true;
+    } else if (a[i] == "--no-empty") {
+      option |= IE_OPTION_SKIP_EMPTY;
+    } else if (a[i] == "--compress") {
+      o.version = IDX_VERSION_COMPRESSED;
+    } else if (a[i] == "--large") {
+      o.large = true;
+    } else if (a[i] == "--key-length") {
+      if (!number("--key-length")) return 2;
+      o.key_length = static_cast<int32_t>(n);
+    } else if (a[i] == "--block") {
+      if (!number("--block")) return 2;
+      o.block_code = static_cast<int32_t>(n);
+    } else if (a[i] == "--ov-modulo") {
+      if (!number("--ov-modulo")) return 2;
+      o.ov_modulo = static_cast<int32_t>(n);
+    } else {
+      return mrvfile_usage();
+    }
+  }
+  REL_TYPE rel;
+  if (!open_indexed(&rel, a[0], 2)) return 1;
+  if (rel.index == nullptr) {
+    if (idx_block_size(o.block_code) - ND_KEYS < static_cast<uint32_t>(4 * o.key_length + 600)) {
+      std::fprintf(stderr, "mrvfile: key length %d is too long for blocks of %u bytes\n", o.key_length,
+                   idx_block_size(o.block_code));
+      M_closefile(&rel);
+      return 2;
+    }
+    if (M_create_index_file(&rel, o) != 1) {
+      std::fprintf(stderr, "mrvfile: cannot make the index file of %s\n", a[0].c_str());
+      M_closefile(&rel);
+      return 1;
+    }
+  }
+  int r = M_add_index(&rel, a[1].c_str(), 'D', value_type, key_type, option, static_cast<int32_t>(field), nullptr, later);
+  M_closefile(&rel);
+  if (r == 0) std::fprintf(stderr, "mrvfile: %s already has an index named %s or on field %ld\n", a[0].c_str(),
+                           a[1].c_str(), field);
+  return r == 1 ? 0 : 1;
+}
+
+int index_list(const Args& a) {
+  if (a.size() != 1) return mrvfile_usage();
+  REL_TYPE rel;
+  if (!open_indexed(&rel, a[0], 0)) return 1;
+  if (rel.index != nullptr) {
+    for (size_t row = 0; row < rel.index->rows.size(); ++row) {
+      const IndexEntry& e = rel.index->rows[row].entry;
+      const char* state = "no tree";
+      if (e.root != IDX_NONE) {
+        std::vector<uint8_t> node(rel.index->node_size);
+        if (M_idx_read(rel.index, e.root, node.data(), rel.index->node_size) < 0) state = "unreadable";
+        else if (decode_node_head(node.data()).next == ROOT_TO_BUILD) state = "to be built";
+        else if (decode_node_head(node.data()).next == ROOT_RESET) state = "reset";
+        else state = "usable";
+      }
+      std::printf("%s\tfield %d\t%s\t%s\t%s\n", e.name, e.location, e.value_type == 'M' ? "multivalued" : "single",
+                  e.key_type == 'N' ? "numeric" : "text", state);
+    }
+  }
+  M_closefile(&rel);
+  return 0;
+}
+
+int index_build(const Args& a) {
+  if (a.size() != 1 && a.size() != 2) return mrvfile_usage();
+  REL_TYPE rel;
+  if (!open_indexed(&rel, a[0], 2)) return 1;
+  int status = 0;
+  if (rel.index == nullptr) {
+    std::fprintf(stderr, "mrvfile: %s has no index\n", a[0].c_str());
+    status = 1;
+  } else if (a.size() == 2) {
+    int row = find_row(&rel, a[0], a[1]);
+    if (row < 0 || M_build_index(&rel, row) != 1) status = 1;
+  } else {
+    for (size_t row = 0; row < rel.index->rows.size(); ++row)
+      if (rel.index->rows[row].entry.field_type == 'D' && M_build_index(&rel, static_cast<int>(row)) != 1) status = 1;
+  }
+  if (status != 0) std::fprintf(stderr, "mrvfile: the build of %s failed\n", a[0].c_str());
+  M_closefile(&rel);
+  return status;
+}
+
+int index_scan(const Args& a) {
+  if (a.size() != 2) return mrvfile_usage();
+  REL_TYPE rel;
+  if (!open_indexed(&rel, a[0], 0)) return 1;
+  int row = find_row(&rel, a[0], a[1]);
+  int status = 1;
+  if (row >= 0 && usable_for_walk(&rel, row, a[1])) {
+    int r = M_index_walk(rel.index, row, "", true, [](const std::string& key, const std::string& id) {
+      std::printf("%s\t%s\n", mrvfile_escape(key).c_str(), mrvfile_escape(id).c_str());
+      return 0;
+    });
+    status = r == 1 ? 0 : walk_failed(r, a[1]);
+  }
+  M_closefile(&rel);
+  return status;
+}
+
+int index_find(const Args& a) {
+  if (a.size() != 3) return mrvfile_usage();
+  std::string value;
+  if (!mrvfile_unescape(a[2], &value)) {
+    std::fprintf(stderr, "mrvfile: bad escape in %s\n", a[2].c_str());
+    return 2;
+  }
+  REL_TYPE rel;
+  if (!open_indexed(&rel, a[0], 0)) return 1;
+  int row = find_row(&rel, a[0], a[1]);
+  int status = 1;
+  if (row >= 0 && usable_for_walk(&rel, row, a[1])) {
+    char type = rel.index->rows[static_cast<size_t>(row)].entry.key_type;
+    size_t found = 0;
+    int r = M_index_walk(rel.index, row, value, false, [&](const std::string& key, const std::string& id) {
+      if (M_index_compare(type, key, value) != 0) return 1;
+      std::printf("%s\n", mrvfile_escape(id).c_str());
+      ++found;
+      return 0;
+    });
+    status = r == 1 ? (found > 0 ? 0 : 1) : walk_failed(r, a[1]);
+  }
+  M_closefile(&rel);
+  return status;
+}
+
+int index_drop(const Args& a) {
+  if (a.size() != 2) return mrvfile_usage();
+  REL_TYPE rel;
+  if (!open_indexed(&rel, a[0], 2)) return 1;
+  int row = find_row(&rel, a[0], a[1]);
+  int r = row >= 0 ? M_drop_index(&rel, a[1].c_str()) : 0;
+  M_closefile(&rel);
+  return r == 1 ? 0 : 1;
+}
+
+int index_check(const Args& a) {
+  if (a.size() != 1) return mrvfile_usage();
+  REL_TYPE rel;
+  if (!open_indexed(&rel, a[0], OPEN_NO_INDEX)) return 1;
+  int r = M_open_index(&rel);
+  int status = 0;
+  if (r < 0) {
+    std::printf("%s: the index file is damaged\n", a[0].c_str());
+    status = 1;
+  } else if (r == 1) {
+    for (const std::string& f : M_check_index(rel.index)) {
+      std::printf("%s: %s\n", a[0].c_str(), f.c_str());
+      status = 1;
+    }
+  }
+  M_closefile(&rel);
+  return status;
+}
+
+struct Sub {
+  const char* name;
+  int (*run)(const Args&);
+};
+
+constexpr Sub kSubs[] = {
+    {"add", index_add},   {"list", index_list}, {"build", index_build}, {"scan", index_scan},
+    {"find", index_find}, {"drop", index_drop}, {"check", index_check},
+};
+
+}  // namespace
+
+int mrvfile_index(const Args& args) {
+  if (args.empty()) return mrvfile_usage();
+  for (const Sub& s : kSubs)
+    if (args[0] == s.name) return s.run(Args(args.begin() + 1, args.end()));
+  return mrvfile_usage();
+}
