@@ -9,8 +9,12 @@
 #include <cstring>
 
 #include "flib/fl_errout.h"
+#include "flib/fl_globals.h"
 #include "flib/fl_idxbkt.h"
 #include "flib/fl_lock.h"
+#include "flib/fl_rel.h"
+
+int32_t M_index_dup_status = 0;
 
 namespace {
 
@@ -408,7 +412,37 @@ int check_subtree(IndexState* h, int row, const Node& n, const std::string* low,
   return 1;
 }
 
+// The neighbours of a new pair: an equal key before or after it sets the
+// status 10. A failed look-up clears the status; the insert stands.
+void set_dup_status(IndexState* h, int row, const Target& t) {
+  Node root;
+  M_Status = 0;
+  if (load_node(h, row, row_of(h, row).entry.root, &root, true) < 0) {
+    M_errout(0, "Index: DUP-status checking error while inserting an alternate key, errno = %d\n", errno);
+    return;
+  }
+  int equal = 0;
+  int w = walk(h, row, root, &t, false,
+               [&](const KeyEntry&, const std::string& whole) {
+                 if (M_index_compare(row_of(h, row).entry.key_type, whole, t.key) != 0) return 1;
+                 return ++equal > 1 ? 1 : 0;
+               },
+               0);
+  if (w < 0) {
+    M_errout(0, "Index: DUP-status checking error while inserting an alternate key, errno = %d\n", errno);
+    return;
+  }
+  if (equal > 1) M_Status = 10;
+}
+
 }  // namespace
+
+void M_index_mark_to_build(REL_TYPE* rel) {
+  IndexState* h = rel->index;
+  if (h == nullptr) return;
+  for (size_t row = 0; row < h->rows.size(); ++row)
+    if (h->rows[row].entry.root != IDX_NONE) M_set_root_state(h, static_cast<int>(row), ROOT_TO_BUILD);
+}
 
 int M_index_compare(char key_type, const std::string& a, const std::string& b) {
   if (key_type == 'N') {
@@ -526,7 +560,9 @@ int M_index_insert(IndexState* h, int row, const uint8_t* key, int32_t key_lengt
       KeyEntry e;
       if (make_entry(h, t, &e) < 0) return -1;
       n.entries.insert(n.entries.begin() + i, e);
-      return store_node(h, &n) < 0 ? -1 : 1;
+      if (store_node(h, &n) < 0) return -1;
+      if (M_index_dup_status != 0) set_dup_status(h, row, t);
+      return 1;
     }
     if (i == static_cast<int>(n.entries.size())) {
       // Above every separator: the last one takes the new key.

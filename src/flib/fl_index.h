@@ -165,6 +165,13 @@ int M_index_load_sorted(IndexState* h, int row,
                         const std::function<int(std::string* key, std::string* id)>& next_descending);
 // Sets the `next` word of a root: 0 usable, -1 to be built, -2 reset.
 int M_set_root_state(IndexState* h, int row, int32_t next);
+// Marks every tree of the file's index (if open) to be built: a writer
+// that bypasses the index (the memory-buffered load) calls this first, so
+// that no search answers from a tree the load has left behind.
+void M_index_mark_to_build(REL_TYPE* rel);
+// When set, an insert sets M_Status to 10 if the index already held an
+// equal key (with another @ID), and to 0 otherwise.
+extern int32_t M_index_dup_status;
 // Resets the index files of a hashed file that has just been cleared:
 // xlog001 goes, every tree is emptied (staying usable), the buckets are
 // reset, and the file header's index count is set to the live indexes

@@ -9,6 +9,7 @@
 #include "common/mrv_marks.h"
 #include "fl_idx_test_util.h"
 #include "flib/fl_filehdr.h"
+#include "flib/fl_globals.h"
 #include "flib/fl_idxbkt.h"
 #include "flib/fl_idxbuild.h"
 
@@ -139,6 +140,7 @@ TEST_F(IndexSearch, AnIndexToBeBuiltAnswersNothingUntilBuilt) {
 }
 
 TEST_F(IndexSearch, NumericKeysAndSkippedEmptyKeys) {
+  ScopedEnv bin("MRVBIN", REEL_BIN_DIR);
   make(true, small_nodes());
   ASSERT_EQ(add("NUM", 1, 'S', false, 0, 'N'), 1);
   ASSERT_EQ(add("NOEMPTY", 2, 'M', false, IE_OPTION_SKIP_EMPTY), 1);
@@ -150,6 +152,27 @@ TEST_F(IndexSearch, NumericKeysAndSkippedEmptyKeys) {
   EXPECT_EQ(ids_of(scan("NUM")), (std::vector<std::string>{"c", "b", "a", "d"}));
   EXPECT_EQ(scan("NOEMPTY"), (std::vector<Pair>{{"x", "a"}, {"y", "a"}}));
   EXPECT_EQ(M_index_remove(h(), row("NOEMPTY"), bytes(""), 0, bytes("b"), 1), 1) << "an empty key is a no-op";
+  // The sorted build orders numbers through its line prefix the same way.
+  for (int i = 0; i < 200; ++i) ASSERT_EQ(put("n" + std::to_string(i), field(std::to_string((i * 37) % 101 - 50) + ".5")), 1);
+  std::vector<Pair> kept = scan("NUM");
+  ASSERT_EQ(M_build_index(&rel, row("NUM")), 1);
+  EXPECT_EQ(scan("NUM"), kept);
+  ASSERT_EQ(M_build_index(&rel, row("NOEMPTY")), 1);
+  EXPECT_EQ(scan("NOEMPTY"), (std::vector<Pair>{{"x", "a"}, {"y", "a"}}));
+}
+
+TEST_F(IndexSearch, DuplicateStatusWhenAskedFor) {
+  make(true, small_nodes());
+  ASSERT_EQ(add("N", 1), 1);
+  M_index_dup_status = 1;
+  ASSERT_EQ(insert("N", "k", "a"), 1);
+  EXPECT_EQ(M_Status, 0);
+  ASSERT_EQ(insert("N", "k", "b"), 1);
+  EXPECT_EQ(M_Status, 10);
+  ASSERT_EQ(insert("N", "kk", "c"), 1);
+  EXPECT_EQ(M_Status, 0);
+  M_index_dup_status = 0;
+  EXPECT_EQ(insert("N", "k", "b"), 0) << "the same pair twice is one entry";
 }
 
 using IndexTrees = IndexedFile;

@@ -76,7 +76,11 @@ TEST(MrvfileIndex, ALoadIsCaughtUpByABuild) {
   EXPECT_NE(early.output.find("index NAME is not built yet"), std::string::npos);
   std::string text;
   for (int i = 0; i < 300; ++i) text += "R" + std::to_string(i) + "\tv" + std::to_string(i % 10) + "\n";
+  ASSERT_EQ(mrvfile("index add " + f + " ID 0").status, 0);
+  EXPECT_NE(mrvfile("index list " + f).output.find("ID\tfield 0\tsingle\ttext\tusable"), std::string::npos);
   ASSERT_EQ(mrvfile("load " + f, text).status, 0);
+  EXPECT_NE(mrvfile("index list " + f).output.find("ID\tfield 0\tsingle\ttext\tto be built"), std::string::npos)
+      << "the buffered load keeps no index, so it leaves the trees to a build";
   ASSERT_EQ(mrvfile("index build " + f + " NAME").status, 0);
   ProgramResult found = mrvfile("index find " + f + " NAME v3");
   EXPECT_EQ(std::count(found.output.begin(), found.output.end(), '\n'), 30);
