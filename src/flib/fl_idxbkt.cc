@@ -64,23 +64,6 @@ int place_text(Block* b, const std::string& text, bool slot_at_end) {
   return slot;
 }
 
-// Block lock of a bucket block for the life of the guard.
-class BlockLock {
- public:
-  BlockLock(IndexState* h, uint32_t number) : fd_(h->part_fds.empty() ? -1 : h->part_fds[0]), offset_(number * h->node_size) {
-    if (fd_ >= 0 && M_mrvlockf(fd_, LOCK_EXCLUSIVE, offset_, 4) != 0) fd_ = -1;
-  }
-  ~BlockLock() {
-    if (fd_ >= 0) M_mrvunlock(fd_, offset_, 4);
-  }
-  BlockLock(const BlockLock&) = delete;
-  BlockLock& operator=(const BlockLock&) = delete;
-
- private:
-  int fd_;
-  uint32_t offset_;
-};
-
 }  // namespace
 
 uint32_t M_tail_bucket_block(IndexState* h, const std::string& id) {
@@ -103,7 +86,7 @@ uint32_t M_store_text(IndexState* h, uint32_t first_block, const std::string& te
   uint32_t number = first_block;
   uint32_t previous = 0;
   for (int guard = 0; guard < 1 << 20; ++guard) {
-    BlockLock lock(h, number);
+    IndexRangeLock lock(h, block_address(h, number), LOCK_EXCLUSIVE);
     if (read_block(h, number, &b) < 0) return 0;
     if (!bucket_sound(h, b)) {
       M_errout(0, "Index: damaged bucket block %u\n", number);
@@ -138,7 +121,7 @@ uint32_t M_store_text(IndexState* h, uint32_t first_block, const std::string& te
   if (address == IDX_NONE || slot < 0) return 0;
   uint32_t fresh_number = block_number(h, address);
   if (free_of(fresh) >= BK_LEAVE_BELOW) {
-    BlockLock lock(h, first_block);
+    IndexRangeLock lock(h, block_address(h, first_block), LOCK_EXCLUSIVE);
     if (read_block(h, first_block, &first) < 0) return 0;
     fl_put_u32(fresh.data(), BK_NEXT, next_of(first));
     fl_put_u16(fresh.data(), BK_BUCKET, 0xFFFF);
@@ -171,7 +154,7 @@ int M_read_text(IndexState* h, uint32_t link, std::string* text) {
 int M_release_text(IndexState* h, uint32_t link, bool keep_slots) {
   uint32_t number = link_block(link);
   uint32_t slot = link_slot(link);
-  BlockLock lock(h, number);
+  IndexRangeLock lock(h, block_address(h, number), LOCK_EXCLUSIVE);
   Block b;
   if (number == 0 || read_block(h, number, &b) < 0) return -1;
   uint16_t count = count_of(b);

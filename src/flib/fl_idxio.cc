@@ -148,6 +148,22 @@ IndexVersionLock::~IndexVersionLock() {
   if (fd_ >= 0) M_idx_lockf(fd_, 0);
 }
 
+IndexRangeLock::IndexRangeLock(IndexState* h, uint32_t address, int32_t mode) {
+  if (address == IDX_NONE) return;
+  int fd = part_fd(h, part_of(h, address));
+  if (fd < 0) return;
+  if (M_mrvlockf(fd, mode, offset_of(h, address), 4) != 0) {
+    M_msgno_out(110084, "%d", errno);
+    return;
+  }
+  fd_ = fd;
+  offset_ = offset_of(h, address);
+}
+
+IndexRangeLock::~IndexRangeLock() {
+  if (fd_ >= 0) M_mrvunlock(fd_, offset_, 4);
+}
+
 int M_idx_read_head(IndexState* h, uint32_t part, IndexHead* head) { return read_part_head(h, part, head); }
 int M_idx_write_head(IndexState* h, uint32_t part, const IndexHead& head) { return write_part_head(h, part, head); }
 

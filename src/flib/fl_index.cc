@@ -7,6 +7,7 @@
 #include <cmath>
 #include <cstdlib>
 #include <cstring>
+#include <optional>
 
 #include "flib/fl_errout.h"
 #include "flib/fl_globals.h"
@@ -156,29 +157,27 @@ bool full(const IndexState* h, const Node& n) {
   return n.head.is_leaf ? f < leaf_full_below(h->head.key_length) : f < internal_full_below(h->head.key_length);
 }
 
-// The whole-tree lock of a change or a search: the root's 4 bytes.
-class TreeLock {
- public:
-  TreeLock(IndexState* h, uint32_t root, int32_t mode) : fd_(-1), offset_(0) {
-    if (root == IDX_NONE || h->part_fds.empty()) return;
-    uint32_t part = h->head.large_flag ? root & IDX_PART_MASK : 0;
-    if (part >= h->part_fds.size() || h->part_fds[part] < 0) return;
-    offset_ = h->head.large_flag ? root & ~IDX_PART_MASK : root;
-    if (M_mrvlockf(h->part_fds[part], mode, offset_, 4) == 0) fd_ = h->part_fds[part];
-    else M_msgno_out(110084, "%d", errno);
-  }
-  ~TreeLock() {
-    if (fd_ >= 0) M_mrvunlock(fd_, offset_, 4);
-  }
-  TreeLock(const TreeLock&) = delete;
-  TreeLock& operator=(const TreeLock&) = delete;
-
- private:
-  int fd_;
-  uint32_t offset_;
-};
-
 bool usable_root(const Node& root) { return root.head.next != ROOT_TO_BUILD && root.head.next != ROOT_RESET; }
+
+// Locks the tree of index row `row` (a lock on its root for the whole
+// operation) and reads the root. 1 usable, 0 none or not usable (a root
+// still to be built or reset), -1 failed.
+int open_tree(IndexState* h, int row, int32_t mode, std::optional<IndexRangeLock>* lock, Node* root,
+              bool short_forms) {
+  uint32_t address = row_of(h, row).entry.root;
+  if (address == IDX_NONE) return 0;
+  lock->emplace(h, address, mode);
+  if (load_node(h, row, address, root, short_forms) < 0) {
+    if (short_forms) M_msgno_out(110132, "%d", errno);
+    return -1;
+  }
+  return usable_root(*root) ? 1 : 0;
+}
+
+Target make_target(const IndexState* h, const uint8_t* key, int32_t key_length, const uint8_t* id, int32_t id_length) {
+  return Target{index_key(h, key, key_length),
+                std::string(reinterpret_cast<const char*>(id), static_cast<size_t>(std::max(id_length, 0)))};
+}
 
 // Splits `n` at (nkeys - 1) / 2: the left half keeps [0, s], the right the
 // rest; `sep` receives a copy of the left half's last entry. A root's two
@@ -473,15 +472,11 @@ int M_find_key(IndexState* h, int row, int mode, const std::string& key, SearchC
     return 0;
   }
   const IndexRow& r = row_of(h, row);
-  if (r.entry.root == IDX_NONE) return 0;
-  TreeLock lock(h, r.entry.root, LOCK_SHARED);
+  std::optional<IndexRangeLock> lock;
   Node root;
-  if (load_node(h, row, r.entry.root, &root, true) < 0) {
-    M_msgno_out(110132, "%d", errno);
-    return -1;
-  }
-  if (!usable_root(root)) return 0;
-  Target t{index_key(h, reinterpret_cast<const uint8_t*>(key.data()), static_cast<int32_t>(key.size())), ""};
+  int usable = open_tree(h, row, LOCK_SHARED, &lock, &root, true);
+  if (usable <= 0) return usable;
+  Target t = make_target(h, reinterpret_cast<const uint8_t*>(key.data()), static_cast<int32_t>(key.size()), nullptr, 0);
   if (mode == FIND_LESS || mode == FIND_AT_MOST) {
     int found = last_below(h, row, root, t, mode == FIND_AT_MOST, context, 0);
     context->found = found == 1;
@@ -508,13 +503,11 @@ int M_find_key(IndexState* h, int row, int mode, const std::string& key, SearchC
 
 int M_index_walk(IndexState* h, int row, const std::string& from, bool all,
                  const std::function<int(const std::string& key, const std::string& id)>& visit) {
-  const IndexRow& r = row_of(h, row);
-  if (r.entry.root == IDX_NONE) return 0;
-  TreeLock lock(h, r.entry.root, LOCK_SHARED);
+  std::optional<IndexRangeLock> lock;
   Node root;
-  if (load_node(h, row, r.entry.root, &root, true) < 0) return -1;
-  if (!usable_root(root)) return 0;
-  Target t{index_key(h, reinterpret_cast<const uint8_t*>(from.data()), static_cast<int32_t>(from.size())), ""};
+  int usable = open_tree(h, row, LOCK_SHARED, &lock, &root, true);
+  if (usable <= 0) return usable;
+  Target t = make_target(h, reinterpret_cast<const uint8_t*>(from.data()), static_cast<int32_t>(from.size()), nullptr, 0);
   int w = walk(h, row, root, all ? nullptr : &t, false,
                [&](const KeyEntry& e, const std::string& whole) { return visit(whole, e.id); }, 0);
   return w < 0 ? -1 : 1;
@@ -527,13 +520,12 @@ int M_index_insert(IndexState* h, int row, const uint8_t* key, int32_t key_lengt
     M_errout(0, "Index: invalid @ID length: %u\n", static_cast<uint32_t>(id_length));
     return -1;
   }
-  Target t{index_key(h, key, key_length), std::string(reinterpret_cast<const char*>(id), static_cast<size_t>(id_length))};
+  Target t = make_target(h, key, key_length, id, id_length);
   if (t.key.empty() && (r.entry.option & IE_OPTION_SKIP_EMPTY) != 0) return 0;
-  if (r.entry.root == IDX_NONE) return 0;
-  TreeLock lock(h, r.entry.root, LOCK_EXCLUSIVE);
+  std::optional<IndexRangeLock> lock;
   Node n;
-  if (load_node(h, row, r.entry.root, &n, false) < 0) return -1;
-  if (!usable_root(n)) return 0;
+  int usable = open_tree(h, row, LOCK_EXCLUSIVE, &lock, &n, false);
+  if (usable <= 0) return usable;
   Node parent;
   int position = 0;
   for (int depth = 0; depth < 64; ++depth) {
@@ -586,13 +578,12 @@ int M_index_remove(IndexState* h, int row, const uint8_t* key, int32_t key_lengt
                    int32_t id_length) {
   const IndexRow& r = row_of(h, row);
   if (id_length < 0 || id_length > IDX_MAX_ID_LENGTH) return 0;
-  Target t{index_key(h, key, key_length), std::string(reinterpret_cast<const char*>(id), static_cast<size_t>(id_length))};
+  Target t = make_target(h, key, key_length, id, id_length);
   if (t.key.empty() && (r.entry.option & IE_OPTION_SKIP_EMPTY) != 0) return 1;
-  if (r.entry.root == IDX_NONE) return 0;
-  TreeLock lock(h, r.entry.root, LOCK_EXCLUSIVE);
+  std::optional<IndexRangeLock> lock;
   Node n;
-  if (load_node(h, row, r.entry.root, &n, false) < 0) return -1;
-  if (!usable_root(n)) return 0;
+  int usable = open_tree(h, row, LOCK_EXCLUSIVE, &lock, &n, false);
+  if (usable <= 0) return usable;
   // The path down, for the unlinking of nodes left empty.
   std::vector<std::pair<Node, int>> path;
   for (int depth = 0; depth < 64; ++depth) {
@@ -645,7 +636,7 @@ int M_index_remove(IndexState* h, int row, const uint8_t* key, int32_t key_lengt
 int M_clear_index(IndexState* h, int row, int reset_flag) {
   const IndexRow& r = row_of(h, row);
   if (r.entry.field_type == 'S' || r.entry.root == IDX_NONE) return 1;
-  TreeLock lock(h, r.entry.root, LOCK_EXCLUSIVE);
+  IndexRangeLock lock(h, r.entry.root, LOCK_EXCLUSIVE);
   Node root;
   if (load_node(h, row, r.entry.root, &root, false) < 0) return -1;
   std::vector<uint32_t> nodes;
@@ -692,7 +683,7 @@ int M_index_load_sorted(IndexState* h, int row,
                         const std::function<int(std::string* key, std::string* id)>& next_descending) {
   const IndexRow& r = row_of(h, row);
   if (r.entry.root == IDX_NONE) return -1;
-  TreeLock lock(h, r.entry.root, LOCK_EXCLUSIVE);
+  IndexRangeLock lock(h, r.entry.root, LOCK_EXCLUSIVE);
   Node root;
   if (load_node(h, row, r.entry.root, &root, false) < 0) return -1;
   if (!root.entries.empty() || !root.head.is_leaf) {

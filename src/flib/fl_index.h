@@ -98,6 +98,20 @@ class IndexVersionLock {
  private:
   int fd_;
 };
+// A lock on the 4 bytes at `address` (a node or block of any part), held
+// for the life of the guard; a failure is reported (message 110084) and
+// leaves nothing to release.
+class IndexRangeLock {
+ public:
+  IndexRangeLock(IndexState* h, uint32_t address, int32_t mode);
+  ~IndexRangeLock();
+  IndexRangeLock(const IndexRangeLock&) = delete;
+  IndexRangeLock& operator=(const IndexRangeLock&) = delete;
+
+ private:
+  int fd_ = -1;
+  uint32_t offset_ = 0;
+};
 // The master head of a part: read (idx001's copy in h->head is refreshed)
 // and written. 0 or -1.
 int M_idx_read_head(IndexState* h, uint32_t part, IndexHead* head);

@@ -14,6 +14,7 @@
 #include <filesystem>
 #include <string>
 
+#include "../bench_util.h"
 #include "NT/NT_utils.h"
 #include "common/mrv_marks.h"
 #include "flib/fl_create.h"
@@ -28,22 +29,11 @@
 
 namespace {
 
-uint64_t mix(uint64_t x) {
-  x += 0x9E3779B97F4A7C15ull;
-  x = (x ^ (x >> 30)) * 0xBF58476D1CE4E5B9ull;
-  x = (x ^ (x >> 27)) * 0x94D049BB133111EBull;
-  return x ^ (x >> 31);
-}
-
 // About ten records share a name.
-std::string name_of(uint64_t i, long records) { return "CUSTOMER " + std::to_string(mix(i) % (records / 10 + 1)); }
+std::string name_of(uint64_t i, long records) { return "CUSTOMER " + std::to_string(bench_mix(i) % (records / 10 + 1)); }
 std::string record_of(uint64_t i, long records) {
   return name_of(i, records) + static_cast<char>(M_FM) + "street " + std::to_string(i % 997) + static_cast<char>(M_FM) +
          std::string(40, 'x');
-}
-
-double seconds_since(std::chrono::steady_clock::time_point start) {
-  return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
 }
 
 int usage() {
@@ -89,7 +79,7 @@ int main(int argc, char** argv) {
       return 1;
   }
   if (M_mem_force_flush(&rel, 1) != 1) return 1;
-  double load = seconds_since(start);
+  double load = bench_seconds_since(start);
 
   IndexFileOptions o;
   o.block_code = 3;
@@ -97,16 +87,16 @@ int main(int argc, char** argv) {
   if (M_create_index_file(&rel, o) != 1 || M_add_index(&rel, "NAME", 'D', 'S', 'T', 0, 1, nullptr, true) != 1) return 1;
   start = std::chrono::steady_clock::now();
   if (M_build_index(&rel, 0) != 1) return 1;
-  double build = seconds_since(start);
+  double build = bench_seconds_since(start);
 
   start = std::chrono::steady_clock::now();
   long hits = 0;
   for (long i = 0; i < lookups; ++i) {
     SearchContext c;
-    std::string v = name_of(mix(static_cast<uint64_t>(i)) % static_cast<uint64_t>(records), records);
+    std::string v = name_of(bench_mix(static_cast<uint64_t>(i)) % static_cast<uint64_t>(records), records);
     if (M_find_key(rel.index, 0, FIND_EQUAL, v, &c) == 1) ++hits;
   }
-  double look = seconds_since(start);
+  double look = bench_seconds_since(start);
   if (hits != lookups) {
     std::fprintf(stderr, "idxbench: %ld of %ld lookups found their value\n", hits, lookups);
     return 1;
@@ -114,13 +104,13 @@ int main(int argc, char** argv) {
 
   start = std::chrono::steady_clock::now();
   for (long i = 0; i < updates; ++i) {
-    std::string k = "R" + std::to_string(mix(static_cast<uint64_t>(i) + 7) % static_cast<uint64_t>(records));
+    std::string k = "R" + std::to_string(bench_mix(static_cast<uint64_t>(i) + 7) % static_cast<uint64_t>(records));
     std::string r = record_of(static_cast<uint64_t>(i) + static_cast<uint64_t>(records), records);
     if (M_append_strtuple(&rel, reinterpret_cast<const uint8_t*>(k.data()), static_cast<int32_t>(k.size()),
                           reinterpret_cast<const uint8_t*>(r.data()), static_cast<int32_t>(r.size()), 0, nullptr) != 1)
       return 1;
   }
-  double update = seconds_since(start);
+  double update = bench_seconds_since(start);
   uintmax_t index_bytes = std::filesystem::file_size(path + "/idx001");
   M_closefile(&rel);
   NT_RemoveFile(path.c_str(), "");

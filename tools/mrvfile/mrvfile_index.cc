@@ -52,16 +52,25 @@ int find_row(REL_TYPE* rel, const std::string& path, const std::string& name) {
   return row;
 }
 
-bool usable_for_walk(REL_TYPE* rel, int row, const std::string& name) {
-  const IndexEntry& e = rel->index->rows[static_cast<size_t>(row)].entry;
-  if (e.root != IDX_NONE) return true;
-  std::fprintf(stderr, "mrvfile: index %s has no tree of its own (field type %c)\n", name.c_str(), e.field_type);
-  return false;
+// Opens PATH for reading and finds index NAME with a tree to walk; the row,
+// or -1 after a message (the file is closed again).
+int open_tree(REL_TYPE* rel, const std::string& path, const std::string& name) {
+  if (!open_indexed(rel, path, 0)) return -1;
+  int row = find_row(rel, path, name);
+  if (row >= 0 && rel->index->rows[static_cast<size_t>(row)].entry.root == IDX_NONE) {
+    std::fprintf(stderr, "mrvfile: index %s has no tree of its own (field type %c)\n", name.c_str(),
+                 rel->index->rows[static_cast<size_t>(row)].entry.field_type);
+    row = -1;
+  }
+  if (row < 0) M_closefile(rel);
+  return row;
 }
 
-int walk_failed(int r, const std::string& name) {
+// Exit status of a walk: 0 when it ran, 1 when the index is not usable or
+// failed.
+int walk_status(int r, const std::string& name) {
   if (r == 0) std::fprintf(stderr, "mrvfile: index %s is not built yet (run mrvfile index build)\n", name.c_str());
-  return 1;
+  return r == 1 ? 0 : 1;
 }
 
 int index_add(const Args& a) {
@@ -179,18 +188,14 @@ int index_build(const Args& a) {
 int index_scan(const Args& a) {
   if (a.size() != 2) return mrvfile_usage();
   REL_TYPE rel;
-  if (!open_indexed(&rel, a[0], 0)) return 1;
-  int row = find_row(&rel, a[0], a[1]);
-  int status = 1;
-  if (row >= 0 && usable_for_walk(&rel, row, a[1])) {
-    int r = M_index_walk(rel.index, row, "", true, [](const std::string& key, const std::string& id) {
-      std::printf("%s\t%s\n", mrvfile_escape(key).c_str(), mrvfile_escape(id).c_str());
-      return 0;
-    });
-    status = r == 1 ? 0 : walk_failed(r, a[1]);
-  }
+  int row = open_tree(&rel, a[0], a[1]);
+  if (row < 0) return 1;
+  int r = M_index_walk(rel.index, row, "", true, [](const std::string& key, const std::string& id) {
+    std::printf("%s\t%s\n", mrvfile_escape(key).c_str(), mrvfile_escape(id).c_str());
+    return 0;
+  });
   M_closefile(&rel);
-  return status;
+  return walk_status(r, a[1]);
 }
 
 int index_find(const Args& a) {
@@ -201,22 +206,19 @@ int index_find(const Args& a) {
     return 2;
   }
   REL_TYPE rel;
-  if (!open_indexed(&rel, a[0], 0)) return 1;
-  int row = find_row(&rel, a[0], a[1]);
-  int status = 1;
-  if (row >= 0 && usable_for_walk(&rel, row, a[1])) {
-    char type = rel.index->rows[static_cast<size_t>(row)].entry.key_type;
-    size_t found = 0;
-    int r = M_index_walk(rel.index, row, value, false, [&](const std::string& key, const std::string& id) {
-      if (M_index_compare(type, key, value) != 0) return 1;
-      std::printf("%s\n", mrvfile_escape(id).c_str());
-      ++found;
-      return 0;
-    });
-    status = r == 1 ? (found > 0 ? 0 : 1) : walk_failed(r, a[1]);
-  }
+  int row = open_tree(&rel, a[0], a[1]);
+  if (row < 0) return 1;
+  char type = rel.index->rows[static_cast<size_t>(row)].entry.key_type;
+  size_t found = 0;
+  int r = M_index_walk(rel.index, row, value, false, [&](const std::string& key, const std::string& id) {
+    if (M_index_compare(type, key, value) != 0) return 1;
+    std::printf("%s\n", mrvfile_escape(id).c_str());
+    ++found;
+    return 0;
+  });
   M_closefile(&rel);
-  return status;
+  int status = walk_status(r, a[1]);
+  return status == 0 && found == 0 ? 1 : status;
 }
 
 int index_drop(const Args& a) {
