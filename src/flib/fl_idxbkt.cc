@@ -226,3 +226,71 @@ int M_reset_buckets(IndexState* h) {
   }
   return 1;
 }
+
+namespace {
+
+// The first block of a run. A bucket block at the end of its chain also
+// starts with six 0xFF bytes, but its free count at 8 is never -1.
+bool is_run(const Block& b) {
+  for (uint32_t i = 0; i < RUN_BLOCKS; ++i)
+    if (b[i] != 0xFF) return false;
+  return fl_get_u16(b.data(), 8) == 0xFFFF && fl_get_u16(b.data(), 10) == 0xFFFF &&
+         fl_get_u16(b.data(), 12) == RUN_TEXT;
+}
+
+}  // namespace
+
+uint32_t M_store_expression(IndexState* h, const std::string& text) {
+  if (text.find('\0') != std::string::npos) {
+    M_errout(0, "Index: an expression may not hold a NUL byte\n");
+    return 0;
+  }
+  if (text.size() + 1 + 2 <= h->node_size - BK_SLOTS) return M_store_text(h, BK_VIRTUAL_CHAIN, text);
+  if (h->head.large_flag) {
+    M_errout(0, "Index: an expression of %u bytes is too long for a large index\n", static_cast<unsigned>(text.size()));
+    return 0;
+  }
+  uint32_t blocks = static_cast<uint32_t>((text.size() + h->node_size + 14) / h->node_size);
+  std::vector<uint8_t> run(static_cast<size_t>(blocks) * h->node_size, 0);
+  std::memset(run.data(), 0xFF, RUN_BLOCKS);
+  fl_put_u16(run.data(), RUN_BLOCKS, static_cast<uint16_t>(blocks));
+  fl_put_u16(run.data(), 8, 0xFFFF);
+  fl_put_u16(run.data(), 10, 0xFFFF);
+  fl_put_u16(run.data(), 12, static_cast<uint16_t>(RUN_TEXT));
+  std::memcpy(run.data() + RUN_TEXT, text.data(), text.size());
+  uint32_t address = M_take_run(h, run.data(), blocks);
+  return address == IDX_NONE ? 0 : make_link(block_number(h, address), 0);
+}
+
+int M_read_expression(IndexState* h, uint32_t link, std::string* text) {
+  Block b;
+  uint32_t number = link_block(link);
+  if (number == 0 || read_block(h, number, &b) < 0) return -1;
+  if (!is_run(b)) return M_read_text(h, link, text);
+  uint32_t blocks = fl_get_u16(b.data(), RUN_BLOCKS);
+  if (blocks == 0 || (number + blocks) * static_cast<uint64_t>(h->node_size) > h->head.end_offset) {
+    M_errout(0, "Index: invalid expression run at block %u\n", number);
+    return -1;
+  }
+  std::vector<uint8_t> run(static_cast<size_t>(blocks) * h->node_size);
+  if (M_idx_read(h, block_address(h, number), run.data(), static_cast<uint32_t>(run.size())) < 0) return -1;
+  const void* nul = std::memchr(run.data() + RUN_TEXT, 0, run.size() - RUN_TEXT);
+  if (nul == nullptr) {
+    M_errout(0, "Index: invalid expression run at block %u\n", number);
+    return -1;
+  }
+  text->assign(reinterpret_cast<const char*>(run.data() + RUN_TEXT),
+               static_cast<size_t>(static_cast<const uint8_t*>(nul) - (run.data() + RUN_TEXT)));
+  return 1;
+}
+
+int M_release_expression(IndexState* h, uint32_t link) {
+  Block b;
+  uint32_t number = link_block(link);
+  if (number == 0 || read_block(h, number, &b) < 0) return -1;
+  if (!is_run(b)) return M_release_text(h, link, true);
+  uint32_t blocks = fl_get_u16(b.data(), RUN_BLOCKS);
+  for (uint32_t i = 0; i < blocks; ++i)
+    if (M_free_node(h, block_address(h, number + i)) < 0) return -1;
+  return 1;
+}

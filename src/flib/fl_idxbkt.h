@@ -26,5 +26,17 @@ int M_release_text(IndexState* h, uint32_t link, bool keep_slots);
 // Empties every block of every chain, keeping the chains; blocks that were
 // off their chain are linked back in. 1 or -1.
 int M_reset_buckets(IndexState* h);
+// The expression of a virtual field: in the chain of block 1 when it fits
+// a bucket block; a longer one (plain index only) in a run of whole blocks
+// at the end of idx001 (0xFF in bytes 0..5, the block count at 6, 65535 at
+// 8 and 10, 14 at 12, the text from 14), named by a link to its first block
+// with slot 0. The link, or 0 after a report.
+uint32_t M_store_expression(IndexState* h, const std::string& text);
+int M_read_expression(IndexState* h, uint32_t link, std::string* text);
+// A run's blocks go to the free list; a bucket text leaves its slot empty.
+int M_release_expression(IndexState* h, uint32_t link);
+// `blocks` whole blocks at the end of idx001 holding `buffer`; the first
+// one's address or IDX_NONE.
+uint32_t M_take_run(IndexState* h, const uint8_t* buffer, uint32_t blocks);
 // Node-sized block of idx001 for a bucket: from the free list or the end.
 uint32_t M_get_first_part_block(IndexState* h, const uint8_t* buffer);

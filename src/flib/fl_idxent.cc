@@ -209,7 +209,7 @@ int M_add_index(REL_TYPE* rel, const char* name, char field_type, char value_typ
   if (slot < 0) return -1;
   row.idx_no = static_cast<uint16_t>(slot);
   if ((field_type == 'V' || field_type == 'I') && virtual_field != nullptr) {
-    uint32_t link = M_store_text(h, BK_VIRTUAL_CHAIN, virtual_field);
+    uint32_t link = M_store_expression(h, virtual_field);
     if (link == 0) return -1;
     e.location = static_cast<int32_t>(link);
   }
@@ -245,7 +245,7 @@ int M_drop_index(REL_TYPE* rel, const char* name) {
     if (M_clear_index(h, row, 2) < 0 || M_free_node(h, r.entry.root) < 0) return -1;
   }
   if ((r.entry.field_type == 'V' || r.entry.field_type == 'I') && link_block(static_cast<uint32_t>(r.entry.location)) != 0)
-    M_release_text(h, static_cast<uint32_t>(r.entry.location), true);
+    M_release_expression(h, static_cast<uint32_t>(r.entry.location));
   std::vector<uint8_t> block(h->node_size);
   if (M_idx_read(h, r.entry_block, block.data(), h->node_size) < 0) return -1;
   std::memset(block.data() + r.entry_offset, 0, IE_SIZE);

@@ -379,6 +379,18 @@ uint32_t M_get_first_part_block(IndexState* h, const uint8_t* buffer) {
   return a;
 }
 
+uint32_t M_take_run(IndexState* h, const uint8_t* buffer, uint32_t blocks) {
+  IndexVersionLock lock(h, 0);
+  IndexHead head;
+  if (!lock.held() || read_part_head(h, 0, &head) < 0) return IDX_NONE;
+  uint32_t address = head.end_offset;
+  head.end_offset += blocks * h->node_size;
+  if (write_part_head(h, 0, head) < 0) return IDX_NONE;
+  if (M_idx_write(h, address, buffer, blocks * h->node_size) < 0) return IDX_NONE;
+  h->nodes_taken += blocks;
+  return address;
+}
+
 uint32_t M_get_node(IndexState* h, const uint8_t* buffer) {
   if (!h->head.large_flag) {
     uint32_t a = take_from_part(h, 0, buffer);

@@ -5,9 +5,11 @@
 #include <gtest/gtest.h>
 
 #include <filesystem>
+#include <random>
 
 #include "common/mrv_marks.h"
 #include "fl_idx_test_util.h"
+#include "flib/fl_errout.h"
 #include "flib/fl_filehdr.h"
 #include "flib/fl_globals.h"
 #include "flib/fl_idxbkt.h"
@@ -411,6 +413,78 @@ TEST_F(IndexTrees, ADamagedHeadKeepsTheFileShutUnlessTheDataAloneIsAsked) {
             "Index: master head has been damaged\n");
   ASSERT_EQ(M_openfile(&rel, path.c_str(), 2 | OPEN_NO_INDEX), 1);
   EXPECT_EQ(rel.index, nullptr);
+}
+
+}  // namespace
+
+namespace {
+
+// Damage at random places of an index file must end in reports, never in
+// a crash or a hang: every byte of a head, entry, bucket or node is read
+// through the checks.
+TEST_F(IndexTrees, RandomDamageIsReportedNeverFollowed) {
+  make(true, small_nodes(12));
+  ASSERT_EQ(add("A", 1), 1);
+  ASSERT_EQ(add("B", 2, 'M'), 1);
+  std::string vm(1, static_cast<char>(M_VM));
+  for (int i = 0; i < 400; ++i)
+    ASSERT_EQ(put("k" + std::to_string(i), field("value number " + std::to_string(i % 50), "t" + vm + "u" + std::to_string(i))), 1);
+  M_closefile(&rel);
+  std::vector<uint8_t> good = read_bytes(path + "/idx001");
+  std::mt19937 rng(5);
+  int32_t saved = V__Errout;
+  V__Errout = 0;
+  for (int round = 0; round < 150; ++round) {
+    std::vector<uint8_t> bad = good;
+    for (int n = 1 + static_cast<int>(rng() % 4); n > 0; --n) bad[rng() % bad.size()] = static_cast<uint8_t>(rng());
+    write_bytes(path + "/idx001", bad);
+    if (M_openfile(&rel, path.c_str(), 2) != 1) continue;
+    M_check_index(h());
+    for (const char* name : {"A", "B"}) {
+      if (row(name) < 0) continue;
+      M_index_walk(h(), row(name), "", true, [](const std::string&, const std::string&) { return 0; });
+      SearchContext c;
+      M_find_key(h(), row(name), FIND_AT_MOST, "value number 7", &c);
+    }
+    put("k" + std::to_string(rng() % 400), field("new", "t"));
+    del("k" + std::to_string(rng() % 400));
+    M_closefile(&rel);
+  }
+  V__Errout = saved;
+  write_bytes(path + "/idx001", good);
+  ASSERT_EQ(M_openfile(&rel, path.c_str(), 2), 1);
+}
+
+}  // namespace
+
+namespace {
+
+TEST_F(IndexEntries, VirtualFieldExpressionsInTheChainOrInARun) {
+  make(true, small_nodes());
+  std::string brief = "TRANS(CUSTOMERS,@1,2,'X')";
+  std::string longer(2500, 'e');  // beyond a 1 KiB block: a run of 3 blocks
+  ASSERT_EQ(M_add_index(&rel, "V1", 'V', 'S', 'T', 0, 0, brief.c_str(), false), 1);
+  ASSERT_EQ(M_add_index(&rel, "V2", 'I', 'M', 'T', 0, 0, longer.c_str(), false), 1);
+  uint32_t short_link = static_cast<uint32_t>(h()->rows[0].entry.location);
+  uint32_t run_link = static_cast<uint32_t>(h()->rows[1].entry.location);
+  EXPECT_EQ(link_block(short_link), BK_VIRTUAL_CHAIN);
+  std::string text;
+  ASSERT_EQ(M_read_expression(h(), short_link, &text), 1);
+  EXPECT_EQ(text, brief);
+  ASSERT_EQ(M_read_expression(h(), run_link, &text), 1);
+  EXPECT_EQ(text, longer);
+  std::vector<uint8_t> first(h()->node_size);
+  ASSERT_GE(M_idx_read(h(), link_block(run_link) * h()->node_size, first.data(), h()->node_size), 0);
+  EXPECT_EQ(fl_get_u32(first.data(), 0), 0xFFFFFFFFu);
+  EXPECT_EQ(fl_get_u16(first.data(), RUN_BLOCKS), 3);
+  EXPECT_EQ(fl_get_u16(first.data(), 12), RUN_TEXT);
+  // A record write leaves virtual indexes alone: nothing computes them.
+  ASSERT_EQ(put("k", field("v")), 1);
+  EXPECT_TRUE(scan("V1").empty());
+  ASSERT_EQ(M_drop_index(&rel, "V2"), 1);
+  IndexHead head;
+  ASSERT_EQ(M_idx_read_head(h(), 0, &head), 0);
+  EXPECT_EQ(head.free_node, (link_block(run_link) + 2) * h()->node_size) << "the run's blocks are free";
 }
 
 }  // namespace
