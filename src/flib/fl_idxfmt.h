@@ -170,6 +170,13 @@ inline int32_t leaf_full_below(int32_t key_length) { return key_length + 134; }
 inline int32_t internal_full_below(int32_t key_length) { return 2 * key_length + 266; }
 
 inline uint32_t idx_block_size(int32_t code) { return static_cast<uint32_t>(code + 1) * 1024u; }
+// Whether new index files may use this key length with this block size: a
+// node holding a single entry of the largest size must never count as
+// full, or it could neither be split nor take its next entry. Files made
+// elsewhere are read whatever their sizes.
+inline bool key_length_fits(int32_t key_length, uint32_t block_size) {
+  return block_size >= ND_KEYS + static_cast<uint32_t>(key_length + 138 + internal_full_below(key_length));
+}
 
 struct IndexHead {
   int32_t version = IDX_VERSION_PLAIN;

@@ -318,6 +318,10 @@ int M_create_index_file(REL_TYPE* rel, const IndexFileOptions& o) {
   head.part_size_limit = static_cast<uint32_t>(M_max_flength());
   if (!index_head_valid(head)) return -1;
   uint32_t size = idx_block_size(o.block_code);
+  if (!key_length_fits(o.key_length, size)) {
+    M_errout(0, "Index: key length %d is too long for blocks of %u bytes\n", o.key_length, size);
+    return -1;
+  }
   // Block 0, the chain of virtual field texts (block 1), the first blocks
   // of the tail buckets.
   uint32_t blocks = BK_FIRST_TAIL_BLOCK + static_cast<uint32_t>(o.ov_modulo);

@@ -91,9 +91,9 @@ TEST(MrvfileIndex, RefusalsInWords) {
   std::string f = tmp.str() + "/S";
   ASSERT_EQ(mrvfile("create " + f).status, 0);
   EXPECT_EQ(mrvfile("index add " + f + " N x").status, 2);
-  ProgramResult too_long = mrvfile("index add " + f + " N 1 --block 0 --key-length 200");
+  ProgramResult too_long = mrvfile("index add " + f + " N 1 --block 0 --key-length 250");
   EXPECT_EQ(too_long.status, 2);
-  EXPECT_NE(too_long.output.find("key length 200 is too long for blocks of 1024 bytes"), std::string::npos);
+  EXPECT_NE(too_long.output.find("key length 250 is too long for blocks of 1024 bytes"), std::string::npos);
   ASSERT_EQ(mrvfile("index add " + f + " N 1").status, 0);
   EXPECT_TRUE(std::filesystem::exists(tmp.str() + "/idxS")) << "a static file's index lies beside it";
   ProgramResult twice = mrvfile("index add " + f + " M 1");

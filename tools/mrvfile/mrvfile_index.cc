@@ -123,7 +123,8 @@ int index_add(const Args& a) {
   REL_TYPE rel;
   if (!open_indexed(&rel, a[0], 2)) return 1;
   if (rel.index == nullptr) {
-    if (idx_block_size(o.block_code) - ND_KEYS < static_cast<uint32_t>(4 * o.key_length + 600)) {
+    if (o.block_code >= 0 && o.block_code <= IDX_MAX_BLOCK_CODE && o.key_length > 0 &&
+        !key_length_fits(o.key_length, idx_block_size(o.block_code))) {
       std::fprintf(stderr, "mrvfile: key length %d is too long for blocks of %u bytes\n", o.key_length,
                    idx_block_size(o.block_code));
       M_closefile(&rel);
