@@ -9,9 +9,10 @@
 //
 // Invariants of a tree:
 //  1. An internal entry's key is an upper bound of its child's subtree and
-//     lies below every entry of the next child. Inserting tightens the bound
-//     to the child's greatest entry; removing may leave it loose, which a
-//     search never minds.
+//     lies below every entry of the next child. A split makes the bound the
+//     left half's greatest entry, an insert above every bound raises the
+//     last one to the new key, and a removal may leave a bound loose, which
+//     a search never minds.
 //  2. Changes go from the root down: a full node is split before the
 //     descent enters it, a thin node merged with a sibling, so that no split
 //     climbs back up. The root never moves; when it splits both halves go to

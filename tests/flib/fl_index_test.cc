@@ -488,3 +488,57 @@ TEST_F(IndexEntries, VirtualFieldExpressionsInTheChainOrInARun) {
 }
 
 }  // namespace
+
+namespace {
+
+TEST_F(IndexTrees, ABuildOutOfIndexSpaceWritesTheReport) {
+  ScopedEnv bin("MRVBIN", REEL_BIN_DIR);
+  create(401, 1, 0);
+  // idx001 holds its head, two bucket blocks and one node; every further
+  // part its head and one node.
+  IndexFileOptions o = small_nodes(16);
+  o.large = true;
+  {
+    ScopedEnv first("MAX_FLENGTH", "4096");
+    ASSERT_EQ(M_create_index_file(&rel, o), 1);
+  }
+  ScopedEnv flength("MAX_FLENGTH", "2048");
+  ASSERT_EQ(add("N", 1, 'S', true), 1);
+  // Some 350 leaves are needed; 255 parts give 254 nodes and idx001.
+  for (int i = 0; i < 12000; ++i) ASSERT_EQ(put("r" + std::to_string(i), field("value " + std::to_string(i))), 1);
+  std::string report = "/tmp/LARGERPT" + std::to_string(getpid());
+  std::filesystem::remove(report);
+  testing::internal::CaptureStdout();
+  EXPECT_EQ(M_build_index(&rel, row("N")), -1);
+  std::string told = testing::internal::GetCapturedStdout();
+  EXPECT_NE(told.find("Index: no room for a node: 255 parts are in use"), std::string::npos) << told;
+  EXPECT_NE(told.find("see " + report), std::string::npos);
+  std::string text = slurp(report);
+  std::filesystem::remove(report);
+  for (const char* section : {"\nExecuting Status:\n", "\nIndex File status:\n", "\nReasoning:\n", "Processing Suggestion"})
+    EXPECT_NE(text.find(section), std::string::npos) << section;
+  EXPECT_EQ(node_head(root("N")).next, ROOT_TO_BUILD) << "searches still see an index to be built";
+}
+
+}  // namespace
+
+namespace {
+
+TEST_F(IndexTrees, TheCheckFindsKeysOutOfOrderAndBeyondTheirBounds) {
+  make(true, small_nodes(16));
+  ASSERT_EQ(add("N", 1), 1);
+  for (int i = 0; i < 200; ++i) ASSERT_EQ(insert("N", "k" + std::to_string(1000 + i), "id"), 1);
+  ASSERT_EQ(check(), "");
+  // The first leaf's first key rises above its neighbours and its bound.
+  uint32_t leaf = node_entries(root("N")).front().child;
+  std::vector<uint8_t> node(h()->node_size);
+  ASSERT_GE(M_idx_read(h(), leaf, node.data(), h()->node_size), 0);
+  ASSERT_EQ(node[ND_KEYS + 2], 'k');
+  node[ND_KEYS + 2] = 'z';
+  ASSERT_GE(M_idx_write(h(), leaf, node.data(), h()->node_size), 0);
+  std::string found = check();
+  EXPECT_NE(found.find("index 'N': node " + std::to_string(leaf) + ": entries out of order"), std::string::npos) << found;
+  EXPECT_NE(found.find("entry above its separator"), std::string::npos) << found;
+}
+
+}  // namespace
