@@ -349,33 +349,34 @@ int M_create_index_file(REL_TYPE* rel, const IndexFileOptions& o) {
 
 namespace {
 
-int update_header_count(REL_TYPE* rel, int32_t value, bool absolute) {
-  char part[REL_NAME_SIZE + 16];
-  std::string path = rel->path;
-  if (rel_is_dynamic(rel)) {
-    M_part_path(rel, 1, part, sizeof part);
-    path = part;
-  }
-  int fd = open(path.c_str(), O_RDWR);
-  if (fd < 0) return -1;
-  int result = -1;
-  if (M_mrvlockf(fd, LOCK_EXCLUSIVE, 0, 1) == 0) {
-    uint8_t word[4];
-    if (pread(fd, word, 4, FH_INDEX_COUNT) == 4) {
-      int32_t count = absolute ? value : fl_get_i32(word, 0) + value;
+enum class CountChange { Read, Add, Set };
+
+// Reads the index count of the hashed file's header (block 0 of the static
+// file or of dat001) and changes it, under the lock of block 0, through the
+// file's own descriptor: closing another descriptor of the file would drop
+// this process's locks on it. The count found, or -1.
+int32_t header_count(REL_TYPE* rel, CountChange change, int32_t value) {
+  int fd = M_get_fd(rel, 0);
+  if (fd < 0 || M_lock_block(rel, 0, change == CountChange::Read ? LOCK_SHARED : LOCK_EXCLUSIVE) != 0) return -1;
+  int32_t found = -1;
+  uint8_t word[4];
+  if (pread(fd, word, 4, FH_INDEX_COUNT) == 4) {
+    found = fl_get_i32(word, 0);
+    if (change != CountChange::Read) {
+      int32_t count = change == CountChange::Set ? value : found + value;
       fl_put_i32(word, 0, count < 0 ? 0 : count);
-      if (M_ls_write(fd, word, 4, FH_INDEX_COUNT) == 4) result = 0;
+      if (M_ls_write(fd, word, 4, FH_INDEX_COUNT) != 4) found = -1;
     }
-    M_mrvunlock(fd, 0, 1);
   }
-  close(fd);
-  return result;
+  M_unlock_block(rel, 0);
+  return found;
 }
 
 }  // namespace
 
-int M_ndx_updhdr(REL_TYPE* rel, int32_t delta) { return update_header_count(rel, delta, false); }
-int M_ndx_sethdr(REL_TYPE* rel, int32_t count) { return update_header_count(rel, count, true); }
+int M_ndx_updhdr(REL_TYPE* rel, int32_t delta) { return header_count(rel, CountChange::Add, delta) < 0 ? -1 : 0; }
+int M_ndx_sethdr(REL_TYPE* rel, int32_t count) { return header_count(rel, CountChange::Set, count) < 0 ? -1 : 0; }
+int32_t M_ndx_gethdr(REL_TYPE* rel) { return header_count(rel, CountChange::Read, 0); }
 
 uint32_t M_get_first_part_block(IndexState* h, const uint8_t* buffer) {
   uint32_t a = take_from_part(h, 0, buffer, true);

@@ -85,6 +85,8 @@ int M_create_index_file(REL_TYPE* rel, const IndexFileOptions& options);
 int M_ndx_updhdr(REL_TYPE* rel, int32_t delta);
 // Sets the index count of the hashed file's header. 0 or -1.
 int M_ndx_sethdr(REL_TYPE* rel, int32_t count);
+// The index count of the hashed file's header, or -1.
+int32_t M_ndx_gethdr(REL_TYPE* rel);
 
 // The version lock of a part (4 bytes at offset 0 of its block 0), held
 // for the life of the guard; a failure is reported and held() is false.

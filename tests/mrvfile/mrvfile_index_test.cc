@@ -110,11 +110,26 @@ TEST(MrvfileIndex, RefusalsInWords) {
   EXPECT_EQ(nosort.status, 1);
   EXPECT_NE(nosort.output.find("Index: mrvsort cannot be run"), std::string::npos) << nosort.output;
   EXPECT_NE(mrvfile("index list " + f).output.find("to be built"), std::string::npos);
+  // A header that lost its count: the check names both numbers.
+  {
+    std::fstream data(f, std::ios::in | std::ios::out | std::ios::binary);
+    data.seekp(20);
+    data.put(0);
+  }
+  ProgramResult counts = mrvfile("index check " + f);
+  EXPECT_EQ(counts.status, 1);
+  EXPECT_NE(counts.output.find(f + ": the file header counts 0 indexes, the index file holds 1"), std::string::npos)
+      << counts.output;
   // A damaged head: the file no longer opens for writes; check says so.
   {
     std::fstream idx(tmp.str() + "/idxS", std::ios::in | std::ios::out | std::ios::binary);
     idx.seekp(12);
     idx.put(7);  // auto update flag
+  }
+  {
+    std::fstream data(f, std::ios::in | std::ios::out | std::ios::binary);
+    data.seekp(20);
+    data.put(1);
   }
   EXPECT_EQ(mrvfile("put " + f + " K2", "w").status, 1);
   ProgramResult check = mrvfile("index check " + f);

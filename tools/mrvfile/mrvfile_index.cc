@@ -242,6 +242,12 @@ int index_check(const Args& a) {
     std::printf("%s: the index file is damaged\n", a[0].c_str());
     status = 1;
   } else if (r == 1) {
+    int32_t counted = M_ndx_gethdr(&rel);
+    if (counted != static_cast<int32_t>(rel.index->rows.size())) {
+      std::printf("%s: the file header counts %d indexes, the index file holds %zu\n", a[0].c_str(), counted,
+                  rel.index->rows.size());
+      status = 1;
+    }
     for (const std::string& f : M_check_index(rel.index)) {
       std::printf("%s: %s\n", a[0].c_str(), f.c_str());
       status = 1;
