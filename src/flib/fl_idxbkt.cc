@@ -85,7 +85,9 @@ uint32_t M_store_text(IndexState* h, uint32_t first_block, const std::string& te
   Block b;
   uint32_t number = first_block;
   uint32_t previous = 0;
-  for (int guard = 0; guard < 1 << 20; ++guard) {
+  // A chain visits each block of idx001 once at most; more is a loop.
+  uint32_t blocks = h->head.end_offset / h->node_size + 1;
+  for (uint32_t guard = 0; guard < blocks; ++guard) {
     IndexRangeLock lock(h, block_address(h, number), LOCK_EXCLUSIVE);
     if (read_block(h, number, &b) < 0) return 0;
     if (!bucket_sound(h, b)) {
