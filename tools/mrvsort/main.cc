@@ -9,7 +9,8 @@
 //   -o FILE   output file (may be one of the inputs); standard output without
 //   -S BYTES  memory for lines in one run (default 64 MiB; a K, M or G suffix
 //             multiplies); MRVSORT_MEMORY gives the default
-//   -T DIR    directory of the runs; default MRV_TEMP, TMPDIR, then /tmp
+//   -T DIR    directory of the runs; default the system's temporary directory
+//             (MRV_TEMP, TEMP, TMP, the registry's MRVTEMP), else /tmp
 //
 // Without FILE the lines come from standard input. A last line without a
 // newline gets one. Lines compare as unsigned bytes; a line that is a
@@ -27,6 +28,8 @@
 #include <queue>
 #include <string>
 #include <vector>
+
+#include "common/readroot.h"
 
 namespace {
 
@@ -204,11 +207,8 @@ Options parse(int argc, char** argv) {
   Options o;
   if (const char* m = std::getenv("MRVSORT_MEMORY"); m != nullptr && !parse_size(m, &o.memory))
     die(std::string("bad MRVSORT_MEMORY: ") + m);
-  for (const char* name : {"MRV_TEMP", "TMPDIR"}) {
-    const char* v = std::getenv(name);
-    if (o.temp_dir.empty() && v != nullptr && *v != '\0') o.temp_dir = v;
-  }
-  if (o.temp_dir.empty()) o.temp_dir = "/tmp";
+  const char* temp = get_temp_path();
+  o.temp_dir = temp != nullptr ? temp : "/tmp";
   for (int i = 1; i < argc; ++i) {
     std::string a = argv[i];
     auto value = [&]() -> std::string {
