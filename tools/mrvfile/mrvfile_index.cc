@@ -25,6 +25,7 @@
 #include "flib/fl_idxbuild.h"
 #include "flib/fl_index.h"
 #include "flib/fl_open.h"
+#include "flib/fl_read.h"
 #include "flib/fl_rel.h"
 #include "mrvfile.h"
 
@@ -136,7 +137,15 @@ int index_add(const Args& a) {
       return 1;
     }
   }
-  int r = M_add_index(&rel, a[1].c_str(), 'D', value_type, key_type, option, static_cast<int32_t>(field), nullptr, later);
+  // An index added to a file that holds records is built at once, so that
+  // it answers for them; --later leaves that to "index build".
+  bool has_records = M_for_each_key(&rel, [](const uint8_t*, int32_t, const uint8_t*, int32_t, uint32_t) { return 1; }) == 1;
+  int r = M_add_index(&rel, a[1].c_str(), 'D', value_type, key_type, option, static_cast<int32_t>(field), nullptr,
+                      later || has_records);
+  if (r == 1 && has_records && !later && M_build_index(&rel, M_index_row(rel.index, a[1].c_str())) != 1) {
+    std::fprintf(stderr, "mrvfile: index %s was added but its build failed; run mrvfile index build\n", a[1].c_str());
+    r = -1;
+  }
   M_closefile(&rel);
   if (r == 0) std::fprintf(stderr, "mrvfile: %s already has an index named %s or on field %ld\n", a[0].c_str(),
                            a[1].c_str(), field);
