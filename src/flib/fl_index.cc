@@ -215,6 +215,26 @@ int split(IndexState* h, Node* n, Node* parent, int position) {
   return store_node(h, parent);
 }
 
+// A separator that removals have left above its child's greatest entry is
+// brought down to that entry, or to the target when the target is greater,
+// so that the bound holds once the target is in. 1 or -1.
+int tighten_bound(IndexState* h, int row, Node* n, int i, const Node& child, const Target& t) {
+  if (child.entries.empty()) return 1;
+  KeyEntry& sep = n->entries[static_cast<size_t>(i)];
+  const KeyEntry& greatest = child.entries.back();
+  int above_target = 0;
+  if (compare_entry(h, row, t, greatest, true, &above_target) < 0) return -1;
+  std::string sep_key;
+  std::string greatest_key;
+  if (above_target > 0 || whole_key(h, sep, &sep_key) < 0 || whole_key(h, greatest, &greatest_key) < 0) return above_target > 0 ? 1 : -1;
+  if (sep_key == greatest_key && sep.id == greatest.id) return 1;
+  KeyEntry tight;
+  if (copy_entry(h, greatest, sep.child, &tight) < 0) return -1;
+  release_tail(h, sep);
+  sep = tight;
+  return store_node(h, n);
+}
+
 // The root's only child moves up into the root, which keeps its address.
 int shrink_root(IndexState* h, int row, Node* root) {
   Node child;
@@ -566,9 +586,12 @@ int M_index_insert(IndexState* h, int row, const uint8_t* key, int32_t key_lengt
       n.entries[static_cast<size_t>(i)] = e;
       if (store_node(h, &n) < 0) return -1;
     }
-    parent = n;
+    Node child;
+    if (load_node(h, row, n.entries[static_cast<size_t>(i)].child, &child, false) < 0) return -1;
+    if (tighten_bound(h, row, &n, i, child, t) < 0) return -1;
+    parent = std::move(n);
     position = i;
-    if (load_node(h, row, n.entries[static_cast<size_t>(i)].child, &n, false) < 0) return -1;
+    n = std::move(child);
   }
   M_errout(0, "Index: tree deeper than 64 levels\n");
   return -1;

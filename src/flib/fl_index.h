@@ -11,8 +11,9 @@
 //  1. An internal entry's key is an upper bound of its child's subtree and
 //     lies below every entry of the next child. A split makes the bound the
 //     left half's greatest entry, an insert above every bound raises the
-//     last one to the new key, and a removal may leave a bound loose, which
-//     a search never minds.
+//     last one to the new key, and a removal may leave a bound loose (a
+//     search never minds) until an insert passing through brings it down to
+//     the child's greatest entry again.
 //  2. Changes go from the root down: a full node is split before the
 //     descent enters it, a thin node merged with a sibling, so that no split
 //     climbs back up. The root never moves; when it splits both halves go to

@@ -542,3 +542,21 @@ TEST_F(IndexTrees, TheCheckFindsKeysOutOfOrderAndBeyondTheirBounds) {
 }
 
 }  // namespace
+
+namespace {
+
+TEST_F(IndexTrees, AnInsertBringsALooseSeparatorDownToItsChildsGreatestEntry) {
+  make(true, small_nodes(16));
+  ASSERT_EQ(add("N", 1), 1);
+  for (int i = 0; depth("N") < 2; ++i) ASSERT_EQ(insert("N", "k" + std::to_string(1000 + i), "id"), 1);
+  KeyEntry bound = node_entries(root("N")).front();
+  ASSERT_EQ(remove("N", bound.key, "id"), 1);
+  EXPECT_EQ(node_entries(root("N")).front().key, bound.key) << "a removal leaves the bound loose";
+  ASSERT_EQ(insert("N", "k0", "id"), 1);
+  KeyEntry tight = node_entries(root("N")).front();
+  EXPECT_EQ(tight.key, node_entries(tight.child).back().key);
+  EXPECT_LT(tight.key, bound.key);
+  EXPECT_EQ(check(), "");
+}
+
+}  // namespace
