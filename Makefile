@@ -1,9 +1,11 @@
 # Thin wrapper around CMake: `make` builds, `make test` builds and runs every
-# test, `make demo` builds and runs the restore of the bundled sample tape.
+# test, `make demo` builds and runs the restore of the bundled sample tape,
+# `make bench` measures the restore and point reads against key-value stores
+# (bench/run.sh; not part of `make test`).
 BUILD ?= build
 JOBS ?= 2
 
-.PHONY: all build test demo clean
+.PHONY: all build test demo bench clean
 
 all: build
 
@@ -18,6 +20,9 @@ test: build
 
 demo: build
 	bash sample/demo.sh $(BUILD)
+
+bench: build
+	bash bench/run.sh $(BUILD)
 
 clean:
 	rm -rf $(BUILD)

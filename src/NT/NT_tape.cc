@@ -10,6 +10,7 @@
 #include <cerrno>
 #include <cstring>
 #include <map>
+#include <memory>
 #include <string>
 
 #include "NT/NT_logerror.h"
@@ -45,6 +46,10 @@ constexpr int32_t kPauseMs = 250;
 
 enum class Medium { kDrive, kImage, kFile };
 
+// Images are read through a window of this many bytes: a record and its
+// length words come out of memory, and the file is read in large requests.
+constexpr size_t kImageWindow = size_t{1} << 20;
+
 struct Slot {
   int fd = -1;
   bool writable = false;
@@ -52,6 +57,13 @@ struct Slot {
   std::string name;  // without the rewind prefix
   int64_t pos = 0;   // images: offset of the next record; files: kept at close
   bool at_end = false;
+  // Images: bytes of the file from window_at, and the file's size when the
+  // window was read; window_at -1 when nothing is held. Every write to the
+  // image drops the window.
+  std::shared_ptr<unsigned char[]> window;
+  int64_t window_at = -1;
+  int64_t window_len = 0;
+  int64_t window_size = -1;
 };
 
 Slot g_slots[MNT_TAPE_SLOTS];
@@ -111,14 +123,51 @@ int64_t file_size(int fd) {
   return fstat(fd, &st) == 0 ? static_cast<int64_t>(st.st_size) : -1;
 }
 
+// pread of an image through the slot's window. A request that the window
+// does not hold reads the window anew, from the start of the current
+// record when the request lies behind it (so that the record's length
+// words and bytes come from one read), else from the request's offset.
+// A window shorter than kImageWindow ends at the end of the file.
+ssize_t image_pread(Slot& s, void* buffer, size_t count, int64_t offset) {
+  const auto want = static_cast<int64_t>(count);
+  auto inside = [&] { return s.window_at >= 0 && offset >= s.window_at && offset + want <= s.window_at + s.window_len; };
+  const int64_t from = std::min(offset, s.pos);
+  if (!inside() && offset + want - from <= static_cast<int64_t>(kImageWindow)) {
+    if (!s.window) s.window = std::shared_ptr<unsigned char[]>(new unsigned char[kImageWindow]);
+    ssize_t got = pread(s.fd, s.window.get(), kImageWindow, from);
+    if (got < 0) {
+      s.window_at = -1;
+      return -1;
+    }
+    s.window_at = from;
+    s.window_len = got;
+    s.window_size = file_size(s.fd);
+  }
+  if (inside()) {
+    std::memcpy(buffer, s.window.get() + (offset - s.window_at), count);
+    return want;
+  }
+  if (s.window_at >= 0 && offset >= s.window_at && s.window_len < static_cast<int64_t>(kImageWindow)) {
+    // The request runs past the end of the file: a short answer, as pread
+    // gives.
+    int64_t have = std::clamp<int64_t>(s.window_at + s.window_len - offset, 0, want);
+    if (have > 0) std::memcpy(buffer, s.window.get() + (offset - s.window_at), static_cast<size_t>(have));
+    return have;
+  }
+  return pread(s.fd, buffer, count, offset);
+}
+
+void drop_window(Slot& s) { s.window_at = -1; }
+
 // One record of an image. A damaged image (a length that runs past the end
 // of the file or disagrees with its copy behind the record) is a fault that
 // no retry cures: the position goes to the end, so the next read ends.
 Attempt image_read(Slot& s, void* buffer, int count) {
-  const int64_t size = file_size(s.fd);
   for (;;) {
     unsigned char word[kImageWord];
-    ssize_t got = pread(s.fd, word, kImageWord, s.pos);
+    ssize_t got = image_pread(s, word, kImageWord, s.pos);
+    // The file's size as it was when the bytes in hand were read.
+    const int64_t size = s.window_at >= 0 ? s.window_size : file_size(s.fd);
     if (got < 0) return {Got::kRetry, -1};
     if (got < kImageWord) return {Got::kEnd, 0};
     uint32_t w = get_le32(word);
@@ -136,7 +185,7 @@ Attempt image_read(Slot& s, void* buffer, int count) {
     const int64_t next = s.pos + 2 * kImageWord + padded;
     unsigned char trailer[kImageWord];
     if (size < 0 || next > size ||
-        pread(s.fd, trailer, kImageWord, next - kImageWord) != kImageWord ||
+        image_pread(s, trailer, kImageWord, next - kImageWord) != kImageWord ||
         get_le32(trailer) != w) {
       s.pos = size < 0 ? s.pos : size;
       errno = EIO;
@@ -148,7 +197,7 @@ Attempt image_read(Slot& s, void* buffer, int count) {
       return {Got::kFault, -1};
     }
     const int take = static_cast<int>(std::min<int64_t>(length, count));
-    if (pread(s.fd, buffer, static_cast<size_t>(take), s.pos + kImageWord) != take)
+    if (image_pread(s, buffer, static_cast<size_t>(take), s.pos + kImageWord) != take)
       return {Got::kRetry, -1};
     s.pos = next;
     return {Got::kData, take};
@@ -167,6 +216,7 @@ Attempt medium_read(Slot& s, void* buffer, int count) {
 // Writes one record (image, drive) or bytes (file). Writing on a tape ends
 // it: whatever an image held behind the new record is cut off.
 int medium_write(Slot& s, const void* buffer, int count) {
+  drop_window(s);
   if (s.medium != Medium::kImage) {
     ssize_t n = write(s.fd, buffer, static_cast<size_t>(count));
     return n < 0 ? -1 : static_cast<int>(n);
@@ -187,6 +237,7 @@ int medium_write(Slot& s, const void* buffer, int count) {
 }
 
 int image_mark(Slot& s) {
+  drop_window(s);
   unsigned char word[kImageWord];
   put_le32(word, kImageMark);
   if (pwrite(s.fd, word, kImageWord, s.pos) != kImageWord) return -1;
@@ -199,7 +250,7 @@ int image_mark(Slot& s) {
 bool image_back_marks(Slot& s, int marks) {
   while (marks > 0) {
     unsigned char word[kImageWord];
-    if (s.pos < kImageWord || pread(s.fd, word, kImageWord, s.pos - kImageWord) != kImageWord) {
+    if (s.pos < kImageWord || image_pread(s, word, kImageWord, s.pos - kImageWord) != kImageWord) {
       s.pos = 0;
       return false;
     }

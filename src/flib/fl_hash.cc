@@ -36,10 +36,22 @@ uint32_t reverse_bits(uint32_t x) {
   return r;
 }
 
+// h = (h * 10 + byte) mod modulus over the key. Reducing once per eight
+// bytes (and once for the rest) gives the same value, since every step is
+// arithmetic modulo the modulus, and h * 10^8 plus eight bytes' worth
+// stays far below 2^64 for any h below 2^32.
 uint32_t decimal_loop(const uint8_t* key, int32_t length, uint32_t modulus) {
   if (modulus == 0) return 0;
   uint64_t h = 0;
-  for (int32_t i = 0; i < length; ++i) h = (h * 10 + key[i]) % modulus;
+  for (int32_t i = 0; i < length; i += 8) {
+    const int32_t n = std::min(8, length - i);
+    uint64_t part = 0, scale = 1;
+    for (int32_t j = 0; j < n; ++j) {
+      part = part * 10 + key[i + j];
+      scale *= 10;
+    }
+    h = (h * scale + part) % modulus;
+  }
   return static_cast<uint32_t>(h);
 }
 

@@ -1,5 +1,7 @@
 #include "flib/fl_io.h"
 
+#include <sys/mman.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -86,6 +88,36 @@ int M_get_fd(REL_TYPE* rel, uint32_t address) {
   return open_large_file(rel, number);
 }
 
+void M_map_for_reading(REL_TYPE* rel) {
+  M_unmap_reading(rel);
+  struct stat st;
+  if (rel_is_dynamic(rel) || rel->fd < 0 || fstat(rel->fd, &st) != 0 || st.st_size <= 0) return;
+  void* map = mmap(nullptr, static_cast<size_t>(st.st_size), PROT_READ, MAP_SHARED, rel->fd, 0);
+  if (map == MAP_FAILED) return;
+  rel->read_map = static_cast<const uint8_t*>(map);
+  rel->read_map_length = static_cast<size_t>(st.st_size);
+}
+
+void M_unmap_reading(REL_TYPE* rel) {
+  if (rel->read_map != nullptr) munmap(const_cast<uint8_t*>(rel->read_map), rel->read_map_length);
+  rel->read_map = nullptr;
+  rel->read_map_length = 0;
+}
+
+namespace {
+
+// A block of a static file: from the read session's mapping when it holds
+// the block, else by a read call.
+ssize_t read_block(REL_TYPE* rel, int fd, uint8_t* buffer, uint32_t b, uint32_t offset) {
+  if (rel->read_map != nullptr && fd == rel->fd && static_cast<size_t>(offset) + b <= rel->read_map_length) {
+    std::memcpy(buffer, rel->read_map + offset, b);
+    return static_cast<ssize_t>(b);
+  }
+  return pread(fd, buffer, b, offset);
+}
+
+}  // namespace
+
 int M_blkread(REL_TYPE* rel, uint32_t address, uint8_t* buffer, int check) {
   errno = 0;
   uint32_t b = rel->block_size;
@@ -100,7 +132,7 @@ int M_blkread(REL_TYPE* rel, uint32_t address, uint8_t* buffer, int check) {
   }
   uint32_t offset = file_offset(address);
   if (b == 0 || offset % b != 0) return blkread_error(rel, "block offset");
-  ssize_t n = M_mem_active(rel) ? M_memread(rel, address, buffer) : pread(fd, buffer, b, offset);
+  ssize_t n = M_mem_active(rel) ? M_memread(rel, address, buffer) : read_block(rel, fd, buffer, b, offset);
   if (n != static_cast<ssize_t>(b)) {
     std::snprintf(text, sizeof text,
                   "M_pread return error. fd=%d, blkbuf addr=%lX, blksize=%d, blkoff=%d. ret=%d, "

@@ -77,12 +77,37 @@ int unlock_range(REL_TYPE* rel, uint32_t address, uint32_t length) {
   return result;
 }
 
+// Under a whole-file lock of this handle, a block lock of the same or a
+// weaker mode is already had: no call is made. (A byte-range unlock inside
+// the file lock would even open a hole in it for other processes.)
+bool covered_by_file_lock(const REL_TYPE* rel, int32_t mode) {
+  return rel->file_lock == LOCK_EXCLUSIVE || (rel->file_lock == LOCK_SHARED && (mode & 0xFF) == LOCK_SHARED);
+}
+
 }  // namespace
 
-int M_lock_block(REL_TYPE* rel, uint32_t address, int32_t mode) { return lock_range(rel, address, mode, 1); }
-int M_unlock_block(REL_TYPE* rel, uint32_t address) { return unlock_range(rel, address, 1); }
-int M_lock_file(REL_TYPE* rel, int32_t mode) { return lock_range(rel, 0, mode, 0); }
-int M_unlock_file(REL_TYPE* rel) { return unlock_range(rel, 0, 0); }
+int M_lock_block(REL_TYPE* rel, uint32_t address, int32_t mode) {
+  if (covered_by_file_lock(rel, mode)) return 0;
+  return lock_range(rel, address, mode, 1);
+}
+
+int M_unlock_block(REL_TYPE* rel, uint32_t address) {
+  if (rel->file_lock != 0) return 0;
+  return unlock_range(rel, address, 1);
+}
+
+int M_lock_file(REL_TYPE* rel, int32_t mode) {
+  if (lock_range(rel, 0, mode, 0) != 0) return -1;
+  rel->file_lock = mode & 0xFF;
+  if (rel->file_lock == LOCK_SHARED) M_map_for_reading(rel);
+  return 0;
+}
+
+int M_unlock_file(REL_TYPE* rel) {
+  M_unmap_reading(rel);
+  rel->file_lock = 0;
+  return unlock_range(rel, 0, 0);
+}
 
 int M_LLM_Lock(const char* kind, const uint32_t file_id[2], const char* key, int32_t function,
                int32_t wait, int32_t owner, int32_t kind_length, int32_t key_length) {

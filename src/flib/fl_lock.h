@@ -32,8 +32,10 @@ int M_mrvunlock(int fd, uint32_t start, uint32_t length);
 int M_lock_block(REL_TYPE* rel, uint32_t address, int32_t mode);
 int M_unlock_block(REL_TYPE* rel, uint32_t address);
 // The whole-file lock: the static file, or dat001, from byte 0 to the end.
-// Block locks of this process inside it are merged into it, so take none
-// while it is held. 0 or -1.
+// Block locks of this process inside it are merged into it, so none are
+// taken while it is held: M_lock_block of a mode the file lock covers, and
+// every M_unlock_block, do nothing then. A reader that holds the file
+// shared reads without a lock call per record. 0 or -1.
 int M_lock_file(REL_TYPE* rel, int32_t mode);
 int M_unlock_file(REL_TYPE* rel);
 

@@ -45,6 +45,44 @@ struct MemState {
 };
 MemState g_mem;
 
+// Blocks that miss the pools are read from the disk through a window of
+// kReadWindow bytes: a restore asks for group heads in ascending order, so
+// one read serves many misses. The window holds the disk's bytes as they
+// were when it was read; every flush writes to the disk and drops it, and
+// no other path writes the file while the writer is active (invariant 1).
+constexpr size_t kReadWindow = 256 * 1024;
+
+struct ReadWindow {
+  int fd = -1;  // -1: nothing held
+  uint32_t at = 0;
+  uint32_t length = 0;
+  std::vector<uint8_t> bytes;
+};
+ReadWindow g_window;
+
+void drop_window() { g_window.fd = -1; }
+
+// Reads the block at `offset` of `fd` into `buffer`, through the window.
+// True when all B bytes were had.
+bool window_read(int fd, uint32_t offset, uint8_t* buffer) {
+  uint32_t b = g_mem.block_size;
+  ReadWindow& w = g_window;
+  auto inside = [&] { return w.fd == fd && offset >= w.at && offset - w.at + b <= w.length; };
+  if (!inside()) {
+    w.bytes.resize(std::max<size_t>(kReadWindow, b));
+    ssize_t n = pread(fd, w.bytes.data(), w.bytes.size(), offset);
+    if (n < static_cast<ssize_t>(b)) {
+      drop_window();
+      return false;
+    }
+    w.fd = fd;
+    w.at = offset;
+    w.length = static_cast<uint32_t>(n);
+  }
+  std::memcpy(buffer, w.bytes.data() + (offset - w.at), b);
+  return true;
+}
+
 bool is_overflow(uint32_t address) {
   if (hash_is_dynamic(g_mem.rel->hashtype)) return addr_is_overflow(address);
   return address >= g_mem.boundary;
@@ -71,15 +109,17 @@ int M_mem_write_run(REL_TYPE* rel, bool overflow, const uint8_t* bytes, uint32_t
   uint32_t part = g_mem.current_part;
   int fd = rel->fd;
   if (hash_is_dynamic(rel->hashtype)) fd = M_get_fd(rel, make_addr(overflow, 0, part));
-  if (fd < 0 || lseek(fd, offset, SEEK_SET) < 0) {
+  if (fd < 0) {
     M_errout(0, "m_lseek error,name=%s,offset=%d.\n", rel->path, static_cast<int>(offset));
     return -1;
   }
+  // Each piece is a positioned write: one call, where a seek and a write
+  // would be two.
   size_t done = 0;
   while (done < length) {
     size_t piece = std::min<size_t>(length - done, MEM_WRITE_PIECE);
     ++M_mem_write_calls;
-    ssize_t n = write(fd, bytes + done, piece);
+    ssize_t n = pwrite(fd, bytes + done, piece, static_cast<off_t>(offset) + static_cast<off_t>(done));
     if (n < 0 && errno == EINTR) continue;
     if (n != static_cast<ssize_t>(piece)) {
       M_errout(0, "m_write error,name=%s,offset=%d.\n", rel->path, static_cast<int>(offset + done));
@@ -157,6 +197,7 @@ int M_init_mem_buffers(REL_TYPE* rel) {
   // This writer keeps no index: the file's trees wait for a build.
   M_index_mark_to_build(rel);
   g_mem = MemState{};
+  drop_window();
   g_mem.rel = rel;
   g_mem.block_size = rel->block_size;
   g_mem.boundary = static_cast<uint32_t>(rel->modulo + 1) * rel->block_size;
@@ -181,7 +222,7 @@ int M_memread(REL_TYPE* rel, uint32_t address, uint8_t* buffer) {
     }
   }
   int fd = M_get_fd(rel, address);
-  if (fd < 0 || pread(fd, buffer, b, key_of(address)) != static_cast<ssize_t>(b)) {
+  if (fd < 0 || !window_read(fd, key_of(address), buffer)) {
     M_errout(0, "M_memread error.\n");
     return -1;
   }
@@ -222,6 +263,7 @@ int mem_file_io(REL_TYPE* rel, uint32_t address, uint8_t* buffer, int write) {
 }
 
 int M_mem_flush(REL_TYPE* rel) {
+  drop_window();
   if (flush_pool(rel, g_mem.group, false) != 0) return -1;
   return flush_pool(rel, g_mem.over, true);
 }
@@ -232,6 +274,7 @@ int M_mem_force_flush(REL_TYPE* rel, int unlock) {
   if (result != 1) M_errout(0, "forceflush error.\n");
   if (unlock != 0) {
     g_mem = MemState{};
+    drop_window();
     if (M_unlock_file(rel) != 0) result = -1;
   }
   return result;

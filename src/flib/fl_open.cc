@@ -19,6 +19,7 @@
 #include "flib/fl_globals.h"
 #include "flib/fl_hash.h"
 #include "flib/fl_index.h"
+#include "flib/fl_io.h"
 #include "flib/fl_lock.h"
 #include "flib/fl_ovhdr.h"
 #include "flib/fl_rel.h"
@@ -258,6 +259,9 @@ int M_openfile(REL_TYPE* rel, const char* path, int32_t mode) {
 
 void M_closefile(REL_TYPE* rel) {
   M_close_index(rel);
+  // Closing a descriptor gives up the process's locks on the file.
+  M_unmap_reading(rel);
+  rel->file_lock = 0;
   if (rel_is_dynamic(rel)) {
     M_remove_part_files(rel);
     M_del_file_entry(rel);

@@ -73,6 +73,13 @@ struct REL_TYPE {
   std::vector<PartEntry> primary;   // size = primary parts known here
   std::vector<PartEntry> overflow;  // size = overflow parts known here
   int32_t open_mode = 0;
+  // The mode of the whole-file lock this handle holds (LOCK_SHARED or
+  // LOCK_EXCLUSIVE), 0 when it holds none.
+  int32_t file_lock = 0;
+  // A static file held shared is read through a read-only mapping of the
+  // length it had when the lock was taken; null when there is none.
+  const uint8_t* read_map = nullptr;
+  size_t read_map_length = 0;
   SharedFileRow* sfd = nullptr;
   uint8_t temporary = 0;
   const char* path_prefix = nullptr;

@@ -63,7 +63,7 @@ void finish_record(int32_t key_len) {
   g.phase = kFresh;
   if (reel_settings.analyse_mode) return;
 
-  for (int32_t i = 0; i < key_len; ++i) g.key[i] ^= TAPE_FLIP;
+  tape_flip_copy(g.key, g.key, static_cast<size_t>(key_len));
   char line[kKeyShown + 64];
   if (key_len < STATIC_KEY_LIMIT) {
     reel_add_tuple(reinterpret_cast<const char*>(g.key), key_len,
@@ -142,8 +142,7 @@ int reel_group_record(const unsigned char* pos, const unsigned char* end, int32_
     }
     const int32_t m = std::min(g.chunk_left, avail - cur);
     reserve_data(g.held + m);
-    for (int32_t i = 0; i < m; ++i)
-      g.data[static_cast<size_t>(g.held + i)] = pos[cur + i] ^ TAPE_FLIP;
+    tape_flip_copy(g.data.data() + g.held, pos + cur, static_cast<size_t>(m));
     g.chunk_left -= m;
     g.held += m;
     g.consumed += m + m % 2;

@@ -57,6 +57,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 #include <optional>
 #include <string>
 #include <vector>
@@ -177,6 +178,20 @@ inline constexpr int32_t STATIC_KEY_LIMIT = 127;
 inline constexpr int32_t STATIC_KEY_MAX = 188;
 // Static record bytes are flipped whole: a zero byte becomes 0x80.
 inline constexpr unsigned char TAPE_FLIP = 0x80;
+
+// Copies n bytes of static record text, flipping each: eight at a time
+// through a word, the rest one by one. `out` and `in` may be the same.
+inline void tape_flip_copy(unsigned char* out, const unsigned char* in, size_t n) {
+  constexpr uint64_t kFlipWord = 0x0101010101010101ull * TAPE_FLIP;
+  size_t i = 0;
+  for (; i + 8 <= n; i += 8) {
+    uint64_t w;
+    std::memcpy(&w, in + i, 8);
+    w ^= kFlipWord;
+    std::memcpy(out + i, &w, 8);
+  }
+  for (; i < n; ++i) out[i] = static_cast<unsigned char>(in[i] ^ TAPE_FLIP);
+}
 
 // Size of the static record at `p`, in bytes.
 inline int32_t tape_record_size(const unsigned char* p) {

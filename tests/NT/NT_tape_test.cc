@@ -74,6 +74,39 @@ TEST(MNTTapeImage, RecordsMarksAndTheEnd) {
   EXPECT_EQ(MNT_TapeClose(slot), 0);
 }
 
+// Images are read through a window of memory: records that straddle its
+// edges, odd lengths, and a write in the middle of reading (which cuts the
+// image there) all read back as written.
+TEST(MNTTapeImage, RecordsAcrossTheReadWindowAndAWriteBehindThem) {
+  std::string path = scratch("window") + "/w.tap";
+  std::vector<std::string> records;
+  size_t total = 0;
+  for (int i = 0; total < 3u << 20; ++i) {
+    size_t n = 1 + (static_cast<size_t>(i) * 7919) % 40000;
+    records.push_back(std::string(n, static_cast<char>('a' + i % 26)));
+    total += n;
+  }
+  records.push_back("");
+  records.push_back("after the mark");
+  write_image(path, records);
+  int slot = MNT_TapeOpen(path.c_str(), MNT_TAPE_READ);
+  ASSERT_GE(slot, 0);
+  for (const auto& r : records) ASSERT_EQ(read_one(slot, 50000), r);
+  EXPECT_EQ(read_one(slot), "");  // the mark written at close
+  EXPECT_EQ(read_one(slot), "");  // the end of the image
+  EXPECT_EQ(MNT_TapeClose(slot), 0);
+
+  slot = MNT_TapeOpen(("r" + path).c_str(), MNT_TAPE_WRITE);
+  ASSERT_GE(slot, 0);
+  for (size_t i = 0; i < 3; ++i) ASSERT_EQ(read_one(slot, 50000), records[i]);
+  ASSERT_EQ(MNT_TapeWrite(slot, "new", 3), 3);
+  ASSERT_EQ(MNT_TapeRewind(slot), 0);
+  for (size_t i = 0; i < 3; ++i) ASSERT_EQ(read_one(slot, 50000), records[i]);
+  EXPECT_EQ(read_one(slot), "new");
+  EXPECT_EQ(read_one(slot), "");
+  EXPECT_EQ(MNT_TapeClose(slot), 0);
+}
+
 TEST(MNTTapeImage, PositionIsKeptAcrossReopenAndRewoundByTheRName) {
   std::string dir = scratch("keep");
   std::string path = dir + "/k.tap";

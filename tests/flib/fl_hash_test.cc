@@ -59,6 +59,30 @@ TEST(FlHash, DynamicBitrevTakesTheNextBitForSplitGroups) {
   EXPECT_EQ(dyn_bitrev("4", 16, 16), 13u);
 }
 
+// The decimal hash read one byte at a time, as the format defines it.
+uint32_t decimal_by_byte(const uint8_t* key, int32_t length, uint32_t modulus) {
+  uint64_t h = 0;
+  for (int32_t i = 0; i < length; ++i) h = (h * 10 + key[i]) % modulus;
+  return static_cast<uint32_t>(h);
+}
+
+TEST(FlHash, StaticDecimalMatchesTheByteByByteDefinition) {
+  // Keys of every length up to the limit, bytes up to 0xFF, and moduli up
+  // to the largest 32-bit value: the eight-byte steps must agree.
+  uint8_t key[127];
+  uint64_t x = 1;
+  for (int32_t length = 0; length <= 126; ++length) {
+    for (uint32_t modulus : {1u, 7u, 1009u, 65521u, 25229u, 0x7FFFFFFFu, 0xFFFFFFFBu, 0xFFFFFFFFu}) {
+      for (int32_t i = 0; i < length; ++i) {
+        x = x * 6364136223846793005ull + 1442695040888963407ull;
+        key[i] = length % 3 == 0 ? 0xFF : static_cast<uint8_t>(x >> 56);
+      }
+      ASSERT_EQ(hash_decimal_static(key, length, modulus), decimal_by_byte(key, length, modulus))
+          << "length " << length << ", modulus " << modulus;
+    }
+  }
+}
+
 TEST(FlHash, EmptyKeyGoesToGroupZeroUnderEveryHash) {
   EXPECT_EQ(hash_decimal_static(key_bytes(""), 0, 7), 0u);
   EXPECT_EQ(hash_bitrev_static(key_bytes(""), 0, 7), 0u);

@@ -1,10 +1,14 @@
 #include "flib/fl_lock.h"
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <string>
 
 #include "fl_test_util.h"
+#include "flib/fl_hash.h"
 
 namespace {
 
@@ -28,6 +32,50 @@ TEST(FlLock, NamedLocksAreGrantedAtOnceAndCutAt127) {
   testing::internal::CaptureStdout();
   EXPECT_EQ(M_LLM_Release("record", kFile, first.c_str(), 0, -1, -1), -1);
   EXPECT_EQ(testing::internal::GetCapturedStdout(), "M_LLM_Release error 2097154.\n");
+}
+
+// Whether another process can lock the byte at `offset` of `path`
+// exclusively at once.
+bool other_process_can_lock(const std::string& path, uint32_t offset) {
+  pid_t pid = fork();
+  if (pid == 0) {
+    int fd = open(path.c_str(), O_RDWR);
+    _exit(fd >= 0 && M_mrvlockf(fd, LOCK_EXCLUSIVE | LOCK_NOWAIT, offset, 1) == 0 ? 0 : 1);
+  }
+  int status = 0;
+  waitpid(pid, &status, 0);
+  return WIFEXITED(status) && WEXITSTATUS(status) == 0;
+}
+
+class FlFileLock : public RecordFile {};
+
+// A read under a shared whole-file lock takes no group lock of its own: its
+// unlock would otherwise open a hole in the file lock at the group's head,
+// where a writer of another process could then get in. Writes of this
+// process during the session read back at once.
+TEST_F(FlFileLock, ReadsUnderASharedFileLockLeaveItWhole) {
+  create(7, 1, 0);
+  ASSERT_EQ(put("K1", "one"), 1);
+  uint32_t head = M_get_head_off(&rel, M_hash(bytes(std::string("K1")), 2, &rel));
+  ASSERT_EQ(M_lock_file(&rel, LOCK_SHARED), 0);
+  EXPECT_FALSE(other_process_can_lock(path, head));
+  EXPECT_EQ(get("K1"), "one");
+  EXPECT_FALSE(other_process_can_lock(path, head));
+  // Reads come from the session's mapping; blocks the file gains after the
+  // lock was taken lie beyond it and are read by call.
+  EXPECT_NE(rel.read_map, nullptr);
+  const std::string big(5000, 'b');
+  ASSERT_EQ(put("K2", big), 1);
+  ASSERT_EQ(put("K1", "uno"), 1);
+  EXPECT_EQ(get("K2"), big);
+  EXPECT_EQ(get("K1"), "uno");
+  ASSERT_EQ(M_unlock_file(&rel), 0);
+  EXPECT_EQ(rel.read_map, nullptr);
+  EXPECT_TRUE(other_process_can_lock(path, head));
+  ASSERT_EQ(put("K1", "one"), 1);
+  // Without the file lock a read locks its group and gives it back.
+  EXPECT_EQ(get("K1"), "one");
+  EXPECT_TRUE(other_process_can_lock(path, head));
 }
 
 TEST(FlLock, LockFifoOnlyForExactlyOne) {

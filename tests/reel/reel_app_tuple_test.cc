@@ -2,12 +2,16 @@
 // end of a file, and the spill of the long buffer.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <filesystem>
 #include <string>
 
 #include "common/mrv_marks.h"
 #include "flib/fl_test_util.h"
+#include "flib/fl_create.h"
+#include "flib/fl_hash.h"
+#include "flib/fl_mem.h"
 #include "flib/fl_open.h"
 #include "flib/fl_read.h"
 #include "reel/account_child.h"
@@ -95,6 +99,53 @@ TEST(Loader, FlushesResizesAndEnds) {
     for (const auto& e : std::filesystem::directory_iterator(dir + "/ACC"))
       EXPECT_FALSE(e.path().filename().string().starts_with("resz__")) << trace;
   }
+}
+
+// Records land in the file in group order, and within a group latest
+// first (the descriptors grow down from the top of the buffer, and the
+// sort keeps their order): the keys of the loaded file, walked block by
+// block, are those of a file written directly in that order.
+TEST(Loader, RecordsOfAGroupGoInLatestFirst) {
+  const int records = 60;
+  std::string dir = tape_test::scratch("loader-order");
+  ProgramResult r = in_account(
+      dir, [&](RunSettings& s) { reel_init_tuples(s.buffer_factor = 64); },
+      [&] {
+        load(5, records, 3);
+        reel_close_account();
+      });
+  auto keys_of = [](const std::string& path) {
+    std::string keys;
+    REL_TYPE rel;
+    if (M_openfile(&rel, path.c_str(), 0) != 1) return keys;
+    M_for_each_key(&rel, [&](const uint8_t* key, int32_t length, const uint8_t*, int32_t, uint32_t) {
+      keys.append(reinterpret_cast<const char*>(key), static_cast<size_t>(length)).push_back(' ');
+      return 0;
+    });
+    M_closefile(&rel);
+    return keys;
+  };
+  const std::string loaded = keys_of(dir + "/ACC/CUST");
+
+  std::string direct = dir + "/DIRECT";
+  ASSERT_EQ(M_create_hashed(direct.c_str(), 5, 1, 0, 0, nullptr), 1);
+  REL_TYPE rel;
+  ASSERT_EQ(M_openfile(&rel, direct.c_str(), 2), 1);
+  ASSERT_EQ(M_init_mem_buffers(&rel), 1);
+  const std::string data = "ddd";
+  for (uint32_t group = 0; group < 5; ++group) {
+    for (int i = records - 1; i >= 0; --i) {
+      std::string key = key_of(i);
+      auto k = reinterpret_cast<const uint8_t*>(key.data());
+      if (M_hash(k, static_cast<int32_t>(key.size()), &rel) != group) continue;
+      ASSERT_EQ(M_mem_add_tuple(&rel, k, static_cast<int32_t>(key.size()),
+                                reinterpret_cast<const uint8_t*>(data.data()), 3), 1);
+    }
+  }
+  ASSERT_EQ(M_mem_force_flush(&rel, 1), 1);
+  M_closefile(&rel);
+  EXPECT_EQ(loaded, keys_of(direct)) << r.output;
+  EXPECT_EQ(std::count(loaded.begin(), loaded.end(), ' '), records);
 }
 
 // The tape's marks become those in force, only when the record mark
