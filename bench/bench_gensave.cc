@@ -48,7 +48,7 @@ unsigned source_modulo(uint64_t records) {
 // file's pages (the mkreel directive for these is "dynfile").
 std::string records_line(bool dynamic, uint64_t records) {
   return std::string(dynamic ? "dynfile" : "subfile") + " modulo=" + std::to_string(source_modulo(records)) +
-         " room=" + std::to_string(kRoom) + " chunk=" + std::to_string(kChunk) + "\n";
+         " room=" + std::to_string(kRoom) + (dynamic ? "" : " chunk=" + std::to_string(kChunk)) + "\n";
 }
 
 // Bytes of a static record in the tape stream: header, key and pad,

@@ -65,4 +65,6 @@ echo "-- SALES/SAM/NOTES:"
 cat "$work/SALES/SAM/NOTES"
 echo "-- SALES/pgm_list:"
 cat "$work/SALES/pgm_list"
+echo "-- SALES/idx_list (indexes of dynamic files, to be made again):"
+cat "$work/SALES/idx_list"
 [ "$status" -eq 1 ] && [ -f "$work/SALES/VOC" ] && [ -f "$work/STOCK/VOC" ]

@@ -81,6 +81,16 @@ int32_t overflow_part_count(int32_t spread, int32_t primary_parts) {
   return spread - 1;
 }
 
+// A part of the layout. One that stands already belongs to a file being
+// laid out again (a cleared file keeps its parts): it is emptied and used
+// where it is, which may be another partition behind a link.
+int layout_part(REL_TYPE* rel, const char* path, uint32_t size) {
+  struct stat st;
+  if (stat(path, &st) == 0) return open(path, O_RDWR | O_TRUNC);
+  uint32_t device = 0;
+  return M_create_part_file(rel, path, &device, size, 0);
+}
+
 int create_part_error(REL_TYPE* rel, const char* function, const char* cause, int fd, const char* path) {
   if (fd >= 0) {
     close(fd);
@@ -90,6 +100,14 @@ int create_part_error(REL_TYPE* rel, const char* function, const char* cause, in
 }
 
 }  // namespace
+
+void M_load_settings(int32_t hashtype, int32_t* split_load, int32_t* merge_load) {
+  bool keydata = hash_is_keydata(hashtype);
+  *split_load = keydata ? load_setting("KEYDATA_SPLIT_LOAD", DEFAULT_KEYDATA_SPLIT_LOAD)
+                        : load_setting("SPLIT_LOAD", DEFAULT_SPLIT_LOAD);
+  *merge_load = keydata ? load_setting("KEYDATA_MERGE_LOAD", DEFAULT_KEYDATA_MERGE_LOAD)
+                        : load_setting("MERGE_LOAD", DEFAULT_MERGE_LOAD);
+}
 
 int M_initfile(int fd, REL_TYPE* rel) {
   int32_t k = std::clamp<int32_t>(static_cast<int32_t>(rel->block_size / 1024), 0, 16);
@@ -165,8 +183,7 @@ int M_initfile(int fd, REL_TYPE* rel) {
       char path[REL_NAME_SIZE + 16];
       M_part_path(rel, static_cast<uint32_t>(g / groups_per_part + 1), path, sizeof path);
       uint32_t size = static_cast<uint32_t>(std::min(modulo - g + 1, groups_per_part)) * b;
-      uint32_t device = 0;
-      part_fd = M_create_part_file(rel, path, &device, size, 0);
+      part_fd = layout_part(rel, path, size);
       if (part_fd < 0) return initfile_error(rel, "M_create_part_file", -1);
       std::memset(block, 0, b);
       encode_file_header(copy, block);
@@ -194,18 +211,12 @@ int M_initfile(int fd, REL_TYPE* rel) {
   oh.next_block = b;
   oh.modulo = static_cast<uint32_t>(modulo);
   oh.min_modulo = static_cast<uint32_t>(modulo);
-  bool keydata = hash_is_keydata(rel->hashtype);
   bool key_range_groups = hash_is_key_range(rel->hashtype) && modulo != 0;
-  int32_t split = key_range_groups ? 100
-                  : rel->split_load != 0
-                      ? rel->split_load
-                      : (keydata ? load_setting("KEYDATA_SPLIT_LOAD", DEFAULT_KEYDATA_SPLIT_LOAD)
-                                 : load_setting("SPLIT_LOAD", DEFAULT_SPLIT_LOAD));
-  int32_t merge = key_range_groups ? 0
-                  : rel->merge_load != 0
-                      ? rel->merge_load
-                      : (keydata ? load_setting("KEYDATA_MERGE_LOAD", DEFAULT_KEYDATA_MERGE_LOAD)
-                                 : load_setting("MERGE_LOAD", DEFAULT_MERGE_LOAD));
+  int32_t split_setting = 0;
+  int32_t merge_setting = 0;
+  M_load_settings(rel->hashtype, &split_setting, &merge_setting);
+  int32_t split = key_range_groups ? 100 : rel->split_load != 0 ? rel->split_load : split_setting;
+  int32_t merge = key_range_groups ? 0 : rel->merge_load != 0 ? rel->merge_load : merge_setting;
   oh.split_load = static_cast<uint8_t>(std::clamp(split, 0, 255));
   oh.merge_load = static_cast<uint8_t>(std::clamp(merge, 0, MAX_MERGE_LOAD));
   oh.max_flength = h.max_flength;
@@ -216,8 +227,7 @@ int M_initfile(int fd, REL_TYPE* rel) {
     char path[REL_NAME_SIZE + 16];
     M_part_path(rel, static_cast<uint32_t>(p) | PART_OVERFLOW, path, sizeof path);
     uint32_t size = static_cast<uint32_t>(std::min(modulo + 1, groups_per_part)) * b;
-    uint32_t device = 0;
-    int over_fd = M_create_part_file(rel, path, &device, size, 0);
+    int over_fd = layout_part(rel, path, size);
     if (over_fd < 0) return initfile_error(rel, "M_create_part_file", -1);
     std::memset(block, 0, b);
     encode_overflow_header(oh, block);

@@ -15,11 +15,17 @@ inline constexpr int32_t DEFAULT_SPLIT_LOAD = 60;
 inline constexpr int32_t DEFAULT_MERGE_LOAD = 40;
 inline constexpr int32_t DEFAULT_KEYDATA_SPLIT_LOAD = 95;
 inline constexpr int32_t DEFAULT_KEYDATA_MERGE_LOAD = 40;
+// The split and merge loads of a new dynamic file of hash type word
+// `hashtype` (its KEYDATA bit chooses the pair), from the settings
+// SPLIT_LOAD and MERGE_LOAD, or KEYDATA_SPLIT_LOAD and KEYDATA_MERGE_LOAD,
+// in the environment; the defaults where a setting is missing.
+void M_load_settings(int32_t hashtype, int32_t* split_load, int32_t* merge_load);
 // Largest static file: (modulo+1) * (B div 1024) may not exceed this.
 inline constexpr int64_t MAX_STATIC_KBLOCKS = 2097152;
 
 // Lays out a new file on `fd` (the static file, or dat001 of the directory
-// rel->path). The handle gives path, modulo, hash type word, block size,
+// rel->path). Parts of a dynamic file that exist already are emptied and
+// reused. The handle gives path, modulo, hash type word, block size,
 // RFS field, split and merge load (0 = the setting) and trigger names; it
 // receives the part counts. 1 done, 0 failed (the file is removed).
 int M_initfile(int fd, REL_TYPE* rel);

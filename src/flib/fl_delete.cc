@@ -206,6 +206,6 @@ int M_delete_tuple(REL_TYPE* rel, const uint8_t* key, int32_t key_length, void* 
     if (!overflow_rows && is_head) gb_set_over_part(block, 0);
   }
   if (M_blkwrite(rel, address, block) != 1) return finish(-1);
-  if (rel_is_dynamic(rel) && M_merge_seam != nullptr) M_merge_seam(rel, block, address);
+  if (rel_is_dynamic(rel)) M_merge_routine(rel, block, address);
   return finish(1);
 }

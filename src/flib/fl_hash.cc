@@ -184,6 +184,12 @@ uint32_t M_hash(const uint8_t* key, int32_t length, REL_TYPE* rel) {
   return M_hash_with_modulo(key, length, static_cast<uint32_t>(rel->modulo), rel->hashtype);
 }
 
+size_t M_primary_row_of(const REL_TYPE* rel, uint32_t group) {
+  for (size_t i = rel->primary.size(); i-- > 0;)
+    if (rel->primary[i].first_group <= group) return i;
+  return 0;
+}
+
 uint32_t M_get_head_off(REL_TYPE* rel, uint32_t group) {
   uint32_t b = rel->block_size;
   if (!rel_is_dynamic(rel)) return b * (group + 1);
@@ -196,13 +202,7 @@ uint32_t M_get_head_off(REL_TYPE* rel, uint32_t group) {
     }
   }
   if (rel->primary.empty()) return 0;
-  size_t row = 0;
-  for (size_t i = rel->primary.size(); i-- > 0;) {
-    if (rel->primary[i].first_group <= group) {
-      row = i;
-      break;
-    }
-  }
+  size_t row = M_primary_row_of(rel, group);
   uint32_t first = rel->primary[row].first_group;
   uint64_t offset = static_cast<uint64_t>(b) * (group - std::min(first, group) + 1);
   if (offset > ADDR_OFFSET_MASK) return 0;

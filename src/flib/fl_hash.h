@@ -9,6 +9,7 @@
 // way, which error reports and block checks read.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 
 struct REL_TYPE;
@@ -40,6 +41,9 @@ void set_split_base(REL_TYPE* rel);
 uint32_t M_hash(const uint8_t* key, int32_t length, REL_TYPE* rel);
 // REQUIRES: M_split_base is set for `modulo`.
 uint32_t M_hash_with_modulo(const uint8_t* key, int32_t length, uint32_t modulo, int32_t hashtype);
+// Row of the primary part that holds a group's head: the last row whose
+// first group is not above the group (row 0 when none is).
+size_t M_primary_row_of(const REL_TYPE* rel, uint32_t group);
 // BLOCK_ADDRESS of a group's head block; 0 on failure.
 uint32_t M_get_head_off(REL_TYPE* rel, uint32_t group);
 // Head block address of the key's group, locked with `lock_mode`; -1 after

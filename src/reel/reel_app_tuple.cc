@@ -27,6 +27,7 @@
 #include "reel/reel_device.h"
 #include "reel/reel_dynamic.h"
 #include "reel/reel_settings.h"
+#include "reel/reel_tape_format.h"
 #include "reel/reel_target.h"
 #include "reel/reel_util.h"
 
@@ -43,8 +44,6 @@ constexpr char kResizeList[] = "resize_list";
 constexpr char kResizeTemplate[] = "resz__XXXXXX";
 constexpr int32_t kDotEvery = 5000;
 constexpr int32_t kLineEvery = 400000;
-constexpr int32_t kPageHead = 22;
-constexpr size_t kPageBufferSize = 0x4000;
 // Room a record takes beyond its text: its descriptor and two terminators.
 constexpr size_t kSmallOverhead = sizeof(TupleDesc) + 2;
 constexpr size_t kLongOverhead = sizeof(TupleDesc) + 1;
@@ -300,7 +299,7 @@ void reel_flush_ltuples() {
 void reel_load_ltuple(REL_TYPE* rel, const char* key, int32_t key_len, int32_t data_len,
                       int32_t first_page) {
   std::vector<char> data(static_cast<size_t>(data_len) + 1);
-  std::vector<unsigned char> page(kPageBufferSize);
+  std::vector<unsigned char> page(DYN_PAGE_ROOM);
   int32_t got = 0;
   for (int32_t number = first_page; number > 0 && got < data_len;) {
     int32_t length = 0;
@@ -308,10 +307,10 @@ void reel_load_ltuple(REL_TYPE* rel, const char* key, int32_t key_len, int32_t d
       reel_log_error(REEL_ERR_RECORD, key);
       return;
     }
-    number = (page[13] << 16) | (page[14] << 8) | page[15];
-    int32_t take = std::min(data_len - got, length - kPageHead);
+    number = dyn_page_next(page.data());
+    int32_t take = std::min(data_len - got, length - DYN_PAGE_HEAD);
     if (take <= 0) continue;
-    reel_mask_copy(data.data() + got, page.data() + kPageHead, take);
+    reel_mask_copy(data.data() + got, page.data() + DYN_PAGE_HEAD, take);
     got += take;
   }
   if (got != data_len) reel_log_error(REEL_ERR_RECORD, key);

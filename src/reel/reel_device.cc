@@ -124,9 +124,10 @@ int32_t reel_next_block(unsigned char* buffer) {
       continue;  // the same block read twice
     } else {
       // The block is dropped, but the numbering picks up from it, so one
-      // missing block costs one block. The line names the unexpected block.
-      last_block_no = number;
+      // missing block costs one block. The line is written before the new
+      // number is taken: it names the last block accepted.
       reel_log_error(REEL_ERR_READ, "block No. error");
+      last_block_no = number;
       continue;
     }
     if (n < length) {

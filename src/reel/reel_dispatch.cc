@@ -4,6 +4,7 @@
 #include <cstring>
 #include <filesystem>
 #include <system_error>
+#include <utility>
 
 #include "NT/NT_command.h"
 #include "NT/NT_utils.h"
@@ -172,6 +173,10 @@ std::string reel_file_name(const char* tape_name, int32_t* file_kind) {
     *file_kind = FILE_KIND_DICT;
   }
   if (name == kTapeVoc) name = kTapeVocRenamed;
+  return reel_guard_reserved_name(std::move(name));
+}
+
+std::string reel_guard_reserved_name(std::string name) {
   if (reel_is_reserved_name(name.c_str())) name.insert(0, kReservedPrefix);
   return name;
 }

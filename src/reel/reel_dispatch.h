@@ -27,6 +27,8 @@ void reel_account_block(unsigned char* buffer, int32_t* length);
 // 1 when a file of this name belongs to every target account, so that a
 // tape file of the name is restored as "XX" + name; the match is exact.
 int reel_is_reserved_name(const char* name);
+// `name`, with "XX" in front when it is reserved.
+std::string reel_guard_reserved_name(std::string name);
 
 // The name under which a file of the tape is restored: a leading "D_" is
 // dropped and makes the file a dictionary (*file_kind 1, else 0), "VOC"

@@ -222,18 +222,9 @@ void reel_hashed_subfiles(unsigned char* buffer, int32_t* length) {
       CurrentFile& f = reel_current;
       f.modulo = reel_next_prime(tape_get_u16(buffer + SUBFILE_OFF_MODULO));
       if (f.modulo == 0) f.modulo = reel_next_prime(*length / 1024 + 1);
-      if (!s.analyse_mode) {
-        bool made = true;
-        if (s.data_only || s.overlay) {
-          reel_target_from_voc();
-          reel_show('L', 1);
-        } else {
-          made = reel_create_target(0) != 0;
-        }
-        if (!made || reel_open_target() == 0) {
-          reel_skip_blocks(buffer, length, kSkipObject);
-          return;
-        }
+      if (!s.analyse_mode && reel_prepare_hashed_target(0) == 0) {
+        reel_skip_blocks(buffer, length, kSkipObject);
+        return;
       }
     }
     int first = 1;

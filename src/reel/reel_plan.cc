@@ -4,10 +4,18 @@
 
 #include <cmath>
 #include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+#include <string>
+#include <vector>
 
+#include "reel/reel_account.h"
 #include "reel/reel_current.h"
+#include "reel/reel_dispatch.h"
 #include "reel/reel_init.h"
 #include "reel/reel_settings.h"
+#include "reel/reel_target.h"
 #include "reel/reel_util.h"
 
 namespace {
@@ -18,9 +26,55 @@ constexpr int64_t kRecordOverhead = 10;
 
 FILE* analyse_handle = nullptr;
 
-const char* plan_kind_text(int32_t kind) {
-  constexpr const char* kTexts[] = {"DATA", "DICT", " DIR", " SAM", " DAM"};
-  return kind >= 0 && kind <= 4 ? kTexts[kind] : "????";
+// A plan line is read into this many bytes: 1,087 characters and the end.
+constexpr size_t kPlanLineSize = 1088;
+constexpr char kPlanSeparators[] = ", \t\r\n";
+// The fields that -C reads: kind, name, modulo. The counts after them are
+// for the administrator, so an edited plan may drop them.
+constexpr size_t kPlanFieldsRead = 3;
+
+constexpr const char* kPlanKinds[] = {"DATA", "DICT", " DIR", " SAM", " DAM"};
+
+const char* plan_kind_text(int32_t kind) { return kind >= 0 && kind <= 4 ? kPlanKinds[kind] : "????"; }
+
+// The kind of a plan line's first token; -1 for a line that -C passes
+// over (" SAM" and " DAM" among them, and any kind not in capitals).
+int32_t plan_kind_of(const std::string& token) {
+  if (token == "DATA") return FILE_KIND_DATA;
+  if (token == "DICT") return FILE_KIND_DICT;
+  if (token == "DIR") return FILE_KIND_DIR;
+  return -1;
+}
+
+// The plan of -C lies in the directory above the account, where -A left
+// it; the run works inside the account. An absolute name is taken as it is.
+std::string plan_path(const std::string& name) { return name.starts_with("/") ? name : "../" + name; }
+
+struct CloseFile {
+  void operator()(FILE* file) const { std::fclose(file); }
+};
+
+// Reads one line of at most kPlanLineSize - 1 characters; the rest of a
+// longer line is passed. False at the end of the plan.
+bool read_plan_line(FILE* plan, std::string* line) {
+  char buffer[kPlanLineSize];
+  if (std::fgets(buffer, sizeof buffer, plan) == nullptr) return false;
+  *line = buffer;
+  if (!line->ends_with("\n"))
+    for (int c = std::fgetc(plan); c != EOF && c != '\n'; c = std::fgetc(plan)) {
+    }
+  return true;
+}
+
+std::vector<std::string> plan_tokens(const std::string& line) {
+  std::vector<std::string> tokens;
+  size_t at = line.find_first_not_of(kPlanSeparators);
+  while (at != std::string::npos) {
+    size_t end = line.find_first_of(kPlanSeparators, at);
+    tokens.push_back(line.substr(at, end == std::string::npos ? std::string::npos : end - at));
+    at = end == std::string::npos ? end : line.find_first_not_of(kPlanSeparators, end);
+  }
+  return tokens;
 }
 
 }  // namespace
@@ -66,4 +120,28 @@ void reel_finish_analysis() {
   analyse_handle = nullptr;
   unlink("overflow");
   reel_finish();
+}
+
+void reel_apply_plan() {
+  std::unique_ptr<FILE, CloseFile> plan(std::fopen(plan_path(reel_settings.create_file).c_str(), "r"));
+  if (plan == nullptr) reel_fatal("Can't open create file\n");
+  std::string line;
+  while (read_plan_line(plan.get(), &line)) {
+    size_t start = line.find_first_not_of(" \t");
+    if (start == std::string::npos || line[start] == '\n' || line[start] == '\r') continue;
+    std::vector<std::string> tokens = plan_tokens(line);
+    if (tokens.size() < kPlanFieldsRead) {
+      line.erase(line.find_last_not_of("\r\n") + 1);
+      reel_tell("Plan line passed over (fewer than three fields): %s\n", line.c_str() + start);
+      continue;
+    }
+    const int32_t kind = plan_kind_of(tokens[0]);
+    if (kind < 0) continue;
+    CurrentFile& f = reel_current;
+    f = CurrentFile{};
+    f.file_kind = kind;
+    f.name = reel_guard_reserved_name(tokens[1]);
+    f.modulo = std::atoi(tokens[2].c_str());
+    reel_create_target(0);
+  }
 }

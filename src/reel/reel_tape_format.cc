@@ -110,3 +110,32 @@ bool tape_encode_text(std::vector<unsigned char>& out, const std::string& text) 
   }
   return true;
 }
+
+void tape_encode_dyn_head(unsigned char* page, const DynPageHead& head) {
+  std::memset(page, 0, DYN_PAGE_HEAD);
+  page[DYN_PAGE_OFF_UNITS] = static_cast<unsigned char>(head.units);
+  tape_put_u24(page + DYN_PAGE_OFF_NUMBER, head.number);
+  page[DYN_PAGE_OFF_MARK] = head.marked ? DYN_PAGE_MARK : 0;
+  page[DYN_PAGE_OFF_KIND] = head.kind;
+  page[DYN_PAGE_OFF_GROUP_PAGE] = head.group_page ? 1 : 0;
+  page[DYN_PAGE_OFF_HAS_NEXT] = head.next > 0 ? 1 : 0;
+  tape_put_u24(page + DYN_PAGE_OFF_NEXT, head.next);
+  tape_put_u24(page + DYN_PAGE_OFF_GROUP, head.group);
+}
+
+void tape_encode_dyn_record(std::vector<unsigned char>& out, const std::string& key,
+                            const std::string& data, int32_t data_len, int32_t first_page) {
+  const size_t start = out.size();
+  out.resize(start + DYN_REC_HEADER, 0);
+  out[start + DYN_REC_OFF_KEY_LEN] = static_cast<unsigned char>(key.size());
+  for (char c : key) out.push_back(tape_dyn_flip(static_cast<unsigned char>(c)));
+  if (key.size() % 2 != 0) out.push_back(0);
+  if (first_page == 0) {
+    for (char c : data) out.push_back(tape_dyn_flip(static_cast<unsigned char>(c)));
+    if (data.size() % 2 != 0) out.push_back(0);
+  }
+  const int32_t length = data_len >= 0 ? data_len : static_cast<int32_t>(data.size());
+  tape_put_u16(&out[start + DYN_REC_OFF_SIZE], static_cast<uint16_t>((out.size() - start) / 2));
+  tape_put_u24(&out[start + DYN_REC_OFF_DATA_LEN], length);
+  tape_put_u24(&out[start + DYN_REC_OFF_FIRST_PAGE], first_page);
+}

@@ -268,6 +268,154 @@ inline void tape_put_header(unsigned char* block, uint16_t number, int32_t lengt
   block[TAPE_OFF_TYPE] = type;
 }
 
+// ---- Dynamic files -------------------------------------------------------------
+//
+// A dynamic file of the source is a hashed file whose first sub-file is a
+// direct one: the primary part, one page chain head per group; a second
+// direct sub-file is the overflow part. Each part is a byte stream of
+// pages that data blocks cut at any point; the first data block of a part
+// is at least DYN_FIRST_BLOCK_MIN long and its stream opens with a header
+// page of DYN_PAGE_UNIT bytes, so the pages start at block offset
+// DYN_PAGES_START. Later blocks carry the stream from offset 6.
+//
+// Header page, offsets in the first data block of the primary part:
+//
+//   OFFSET  SIZE  DESCRIPTION
+//   41      3     source modulo (number of groups)
+//   57      3     page number of the index description page, 0 for none
+//
+// Page, DYN_PAGE_UNIT bytes or a multiple of it (at most DYN_PAGE_MAX_UNITS):
+//
+//   OFFSET  SIZE  DESCRIPTION
+//   0       1     size in units of DYN_PAGE_UNIT bytes
+//   1       3     page number
+//   4       1     page mark "q"
+//   5       1     page kind: "f" a free page, "k" never part of a group chain
+//   6       5     not used
+//   11      1     non-zero on a group page
+//   12      1     non-zero when the chain goes on
+//   13      3     next page of the chain, 0 at its end
+//   16      3     not used
+//   19      3     group number
+//   22      ..    records, ended by 0xFF 0xFE; on a page of a large record's
+//                 data, that data
+//
+// The records of a group run as one stream through the pages of its chain,
+// cut wherever a page ends.
+//
+// Page record, key and data with every non-zero byte XOR 0x80:
+//
+//   OFFSET  SIZE  DESCRIPTION
+//   0       1     0xFF with byte 1 makes a mark: 0xFF 0xFE ends the records,
+//                 0xFF 0xFF is a record passed over
+//   1       1     key length
+//   2       2     not used
+//   4       2     record size in 16-bit words, this header included
+//   6       1     not used
+//   7       3     data length in bytes
+//   10      1     not used
+//   11      3     large record: first page of the chain that holds its data
+//   14      k     key
+//   14+k    0/1   pad when k is odd
+//   ..      d     data when the record holds it in line
+//   ..      0/1   pad when d is odd
+//
+// A record holds its data in line when its size covers the padded key and
+// data; a large record's size covers only its header and padded key.
+//
+// Index description page, a page of the overflow part:
+//
+//   OFFSET  SIZE  DESCRIPTION
+//   18      2     byte count of the text
+//   20      ..    the text, every byte XOR 0x80: fields parted by 0xFE; field
+//                 2 the count of indexes, 6 and 7 the counts of D and I
+//                 indexes, and from field 11 one field per index, whose
+//                 value-mark parts 2 to 5 are its name, type, number and
+//                 one more letter
+inline constexpr int32_t DYN_PAGE_UNIT = 2048;
+inline constexpr int32_t DYN_PAGE_MAX_UNITS = 4;
+inline constexpr int32_t DYN_PAGE_ROOM = 0x4000;  // a page buffer; the longest in-line record
+inline constexpr int32_t DYN_FIRST_BLOCK_MIN = 4096;
+inline constexpr int32_t DYN_PAGES_START = TAPE_HEADER_SIZE + DYN_PAGE_UNIT;
+inline constexpr int32_t DYN_HDR_OFF_MODULO = 41;
+inline constexpr int32_t DYN_HDR_OFF_INDEX = 57;
+
+inline constexpr int32_t DYN_PAGE_OFF_UNITS = 0;
+inline constexpr int32_t DYN_PAGE_OFF_NUMBER = 1;
+inline constexpr int32_t DYN_PAGE_OFF_MARK = 4;
+inline constexpr int32_t DYN_PAGE_OFF_KIND = 5;
+inline constexpr int32_t DYN_PAGE_OFF_GROUP_PAGE = 11;
+inline constexpr int32_t DYN_PAGE_OFF_HAS_NEXT = 12;
+inline constexpr int32_t DYN_PAGE_OFF_NEXT = 13;
+inline constexpr int32_t DYN_PAGE_OFF_GROUP = 19;
+inline constexpr int32_t DYN_PAGE_HEAD = 22;
+inline constexpr unsigned char DYN_PAGE_MARK = 'q';
+inline constexpr unsigned char DYN_KIND_FREE = 'f';
+inline constexpr unsigned char DYN_KIND_NO_CHAIN = 'k';
+// A page whose mark is not where it is expected is looked for among the
+// stream bytes that end at the page's 22nd byte.
+inline constexpr int32_t DYN_SHIFT_WINDOW = 32;
+
+inline constexpr int32_t DYN_REC_OFF_KEY_LEN = 1;
+inline constexpr int32_t DYN_REC_OFF_SIZE = 4;
+inline constexpr int32_t DYN_REC_OFF_DATA_LEN = 7;
+inline constexpr int32_t DYN_REC_OFF_FIRST_PAGE = 11;
+inline constexpr int32_t DYN_REC_HEADER = 14;
+inline constexpr unsigned char DYN_MARK = 0xFF;
+inline constexpr unsigned char DYN_MARK_END = 0xFE;
+inline constexpr unsigned char DYN_MARK_SKIP = 0xFF;
+// Limits of a page record: keys below DYN_KEY_LIMIT are taken, up to
+// DYN_KEY_MAX refused, above it wrong; in-line data below DYN_INLINE_LIMIT,
+// large data below DYN_LARGE_LIMIT.
+inline constexpr int32_t DYN_KEY_LIMIT = 128;
+inline constexpr int32_t DYN_KEY_MAX = STATIC_KEY_MAX;  // the same bound as a static key
+inline constexpr int32_t DYN_INLINE_LIMIT = 16384;
+inline constexpr int32_t DYN_LARGE_LIMIT = 0x7FC00;
+
+inline constexpr int32_t DYN_INDEX_OFF_COUNT = 18;
+inline constexpr int32_t DYN_INDEX_OFF_TEXT = 20;
+
+inline int32_t tape_get_u24(const unsigned char* p) { return p[0] << 16 | p[1] << 8 | p[2]; }
+inline void tape_put_u24(unsigned char* p, int32_t v) {
+  p[0] = static_cast<unsigned char>(v >> 16);
+  p[1] = static_cast<unsigned char>(v >> 8);
+  p[2] = static_cast<unsigned char>(v);
+}
+
+inline int32_t dyn_page_units(const unsigned char* page) { return page[DYN_PAGE_OFF_UNITS]; }
+inline int32_t dyn_page_number(const unsigned char* page) { return tape_get_u24(page + DYN_PAGE_OFF_NUMBER); }
+inline bool dyn_page_marked(const unsigned char* page) { return page[DYN_PAGE_OFF_MARK] == DYN_PAGE_MARK; }
+inline int32_t dyn_page_next(const unsigned char* page) { return tape_get_u24(page + DYN_PAGE_OFF_NEXT); }
+inline int32_t dyn_page_group(const unsigned char* page) { return tape_get_u24(page + DYN_PAGE_OFF_GROUP); }
+inline bool dyn_is_end_mark(const unsigned char* p) { return p[0] == DYN_MARK && p[1] == DYN_MARK_END; }
+// Record size in bytes, data length and first data page of the record at p.
+inline int32_t dyn_record_size(const unsigned char* p) { return 2 * tape_get_u16(p + DYN_REC_OFF_SIZE); }
+inline int32_t dyn_record_data_len(const unsigned char* p) { return tape_get_u24(p + DYN_REC_OFF_DATA_LEN); }
+inline int32_t dyn_record_first_page(const unsigned char* p) { return tape_get_u24(p + DYN_REC_OFF_FIRST_PAGE); }
+
+// Dynamic text: every non-zero byte XOR 0x80, zero bytes kept (a plain
+// 0x80 cannot be carried).
+inline unsigned char tape_dyn_flip(unsigned char c) { return c == 0 ? 0 : c ^ TAPE_FLIP; }
+
+// The head of one page, over its first DYN_PAGE_HEAD bytes.
+struct DynPageHead {
+  int32_t units = 1;
+  int32_t number = 0;
+  unsigned char kind = 0;  // 0, DYN_KIND_FREE or DYN_KIND_NO_CHAIN
+  bool group_page = false;
+  int32_t next = 0;        // 0: the chain ends here
+  int32_t group = 0;
+  bool marked = true;      // false writes no page mark (damage)
+};
+// REQUIRES: page has DYN_PAGE_HEAD bytes.
+void tape_encode_dyn_head(unsigned char* page, const DynPageHead& head);
+// Appends the tape form of one page record: key and data flipped, with
+// their pads. A large record (first_page above 0) carries its key only
+// and claims `data_len` bytes on the chain from first_page.
+// REQUIRES: key.size() <= 255.
+void tape_encode_dyn_record(std::vector<unsigned char>& out, const std::string& key,
+                            const std::string& data, int32_t data_len = -1, int32_t first_page = 0);
+
 // Label fields in plain form.
 struct TapeLabel {
   int32_t tape_no = 0;

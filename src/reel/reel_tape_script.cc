@@ -34,6 +34,7 @@ struct Script {
   TapeWriter writer;
   bool open = false;
   std::optional<PendingSubfile> subfile;
+  std::optional<TapeDynFile> dynfile;  // a dynamic file whose items are being listed
 };
 
 int hex_digit(char c) {
@@ -170,8 +171,13 @@ std::string plain_text(const std::vector<Token>& t, size_t first) {
   return text;
 }
 
-// Writes the sub-file whose records have been listed.
+// Writes the sub-file or dynamic file whose records have been listed.
 void flush_subfile(Script& s) {
+  if (s.dynfile) {
+    TapeDynFile file = std::move(*s.dynfile);
+    s.dynfile.reset();
+    check(s, reel_writer_dyn_file(s.writer, file));
+  }
   if (!s.subfile) return;
   PendingSubfile sub = std::move(*s.subfile);
   s.subfile.reset();
@@ -323,10 +329,73 @@ const std::map<std::string, Directive>& directives() {
        }},
       {"item",
        [](Script& s, const std::vector<Token>& t) {
-         if (!s.subfile) throw ScriptError{"'item' stands below a 'subfile' line"};
+         if (!s.subfile && !s.dynfile) throw ScriptError{"'item' stands below a 'subfile' or 'dynfile' line"};
          if (t.size() < 2) throw ScriptError{"'item' needs a key"};
          if (t[1].text.size() > 255) throw ScriptError{"a key has at most 255 bytes"};
-         s.subfile->records.push_back({t[1].text, plain_text(t, 2)});
+         if (s.dynfile)
+           s.dynfile->records.push_back({t[1].text, plain_text(t, 2)});
+         else
+           s.subfile->records.push_back({t[1].text, plain_text(t, 2)});
+       }},
+      {"dynfile",
+       [](Script& s, const std::vector<Token>& t) {
+         need_tape(s);
+         TapeDynFile file;
+         std::string v;
+         for (size_t i = 1; i < t.size(); ++i) {
+           if (option(t[i], "modulo", &v)) {
+             file.modulo = static_cast<int32_t>(number(v, 1, 0xFFFFFF));
+           } else if (option(t[i], "units", &v)) {
+             file.units = static_cast<int32_t>(number(v, 1, DYN_PAGE_MAX_UNITS));
+           } else if (option(t[i], "room", &v)) {
+             file.room = static_cast<size_t>(number(v, 2, TAPE_MAX_BLOCK - TAPE_HEADER_SIZE));
+           } else if (option(t[i], "first", &v)) {
+             file.cuts = {static_cast<size_t>(number(v, 2, TAPE_MAX_BLOCK - TAPE_HEADER_SIZE))};
+           } else if (option(t[i], "order", &v)) {
+             if (v != "chain" && v != "reversed") throw ScriptError{"order is chain or reversed"};
+             file.order = v == "chain" ? TapeDynOrder::kChain : TapeDynOrder::kReversed;
+           } else if (option(t[i], "free", &v)) {
+             file.free_pages = static_cast<int32_t>(number(v, 0, 1000));
+           } else if (option(t[i], "slip", &v)) {
+             const size_t colon = v.find(':');
+             if (colon == std::string::npos) throw ScriptError{"slip is PAGE:BYTES"};
+             file.slip_page = static_cast<int32_t>(number(v.substr(0, colon), 1, 0xFFFFFF));
+             file.slip_bytes = static_cast<int32_t>(number(v.substr(colon + 1), 1, DYN_PAGE_UNIT));
+           } else if (option(t[i], "nomark", &v)) {
+             file.unmarked_page = static_cast<int32_t>(number(v, 1, 0xFFFFFF));
+           } else if (t[i].quote == 0 && t[i].text == "third") {
+             file.third_subfile = true;
+           } else {
+             throw ScriptError{"unknown dynfile field '" + t[i].text + "'"};
+           }
+         }
+         s.dynfile = std::move(file);
+       }},
+      {"large",
+       [](Script& s, const std::vector<Token>& t) {
+         if (!s.dynfile) throw ScriptError{"'large' stands below a 'dynfile' line"};
+         if (t.size() < 2) throw ScriptError{"'large' needs a key"};
+         if (t[1].text.size() > 255) throw ScriptError{"a key has at most 255 bytes"};
+         long repeat = 1;
+         std::string v;
+         size_t first = 2;
+         if (t.size() > 2 && option(t[2], "repeat", &v)) {
+           repeat = number(v, 1, DYN_LARGE_LIMIT);
+           first = 3;
+         }
+         std::string data;
+         const std::string once = plain_text(t, first);
+         for (long r = 0; r < repeat; ++r) data += once;
+         s.dynfile->records.push_back({t[1].text, data, true});
+       }},
+      {"index",
+       [](Script& s, const std::vector<Token>& t) {
+         if (!s.dynfile) throw ScriptError{"'index' stands below a 'dynfile' line"};
+         need_args(t, 5);
+         if (t[2].text.size() != 1 || t[4].text.size() != 1)
+           throw ScriptError{"an index has a one-letter type and a one-letter kind"};
+         s.dynfile->indexes.push_back({t[1].text, t[2].text[0], static_cast<int32_t>(number(t[3].text, 0, 999999)),
+                                       t[4].text[0]});
        }},
       {"text",
        [](Script& s, const std::vector<Token>& t) {
@@ -373,7 +442,8 @@ int reel_run_tape_script(std::istream& in, std::string* error) {
       auto it = directives().find(tokens[0].text);
       if (tokens[0].quote != 0 || it == directives().end())
         throw ScriptError{"unknown directive '" + tokens[0].text + "'"};
-      if (tokens[0].text != "item") flush_subfile(s);
+      if (tokens[0].text != "item" && tokens[0].text != "large" && tokens[0].text != "index")
+        flush_subfile(s);
       it->second(s, tokens);
     }
     line_no = 0;

@@ -36,7 +36,18 @@
 //                   room bytes (default 1024) with chunks of at most chunk
 //                   bytes (default 255)
 //   item KEY [DATA...]
-//                   a record of the sub-file: key and data as plain text
+//                   a record of the sub-file or dynamic file above: key and
+//                   data as plain text
+//   dynfile [modulo=N] [units=N] [room=N] [first=N] [order=chain|reversed]
+//           [free=N] [slip=PAGE:BYTES] [nomark=PAGE] [third]
+//                   a dynamic file's two direct sub-files below the last
+//                   file; the item, large and index lines that follow are
+//                   its records and indexes (layout in reel_tape_writer.h)
+//   large KEY [repeat=N] DATA...
+//                   a record of the dynamic file whose data stands in a
+//                   page chain of its own; repeat=N writes the data N times
+//   index NAME TYPE NUMBER LETTER
+//                   an index of the dynamic file on its description page
 //   text [room=N] [repeat=N] TEXT...
 //                   member text, compressed, in data blocks of at most room
 //                   bytes (default 2048); repeat=N writes it N times

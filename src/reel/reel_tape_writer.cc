@@ -7,6 +7,7 @@
 #include <cstring>
 
 #include "NT/NT_tape.h"
+#include "common/mrv_marks.h"
 #include "reel/reel_convert.h"
 
 namespace {
@@ -275,4 +276,178 @@ int reel_writer_text(TapeWriter& w, const std::string& text, size_t room) {
     at += n;
   }
   return 0;
+}
+
+// ---- Dynamic files ------------------------------------------------------------
+
+namespace {
+
+struct DynPage {
+  DynPageHead head;
+  std::vector<unsigned char> body;  // bytes behind the head
+};
+
+struct DynLayout {
+  std::vector<DynPage> primary;
+  std::vector<DynPage> large;
+  std::vector<DynPage> chained;  // overflow pages of the group chains
+  std::vector<DynPage> other;    // free pages and the index page
+  int32_t index_page = 0;
+  int32_t next_number = 0;
+};
+
+int32_t page_body(const TapeDynFile& f) { return f.units * DYN_PAGE_UNIT - DYN_PAGE_HEAD; }
+
+// Cuts `bytes` into pages of a chain; the first takes `first_number`, the
+// others numbers from the layout.
+std::vector<DynPage> chain_pages(DynLayout& l, const TapeDynFile& f, const std::vector<unsigned char>& bytes,
+                                 int32_t first_number, bool group_page, int32_t group, unsigned char kind) {
+  const size_t room = static_cast<size_t>(page_body(f));
+  std::vector<DynPage> pages;
+  for (size_t at = 0; at == 0 || at < bytes.size(); at += room) {
+    DynPage p;
+    p.head.units = f.units;
+    p.head.number = pages.empty() ? first_number : l.next_number++;
+    p.head.kind = kind;
+    p.head.group_page = group_page;
+    p.head.group = group;
+    const size_t n = std::min(room, bytes.size() - at);
+    p.body.assign(bytes.begin() + static_cast<std::ptrdiff_t>(at), bytes.begin() + static_cast<std::ptrdiff_t>(at + n));
+    p.body.resize(room, 0);
+    if (!pages.empty()) pages.back().head.next = p.head.number;
+    pages.push_back(std::move(p));
+  }
+  return pages;
+}
+
+std::vector<unsigned char> index_text(const std::vector<TapeDynIndex>& indexes) {
+  int32_t d = 0, i = 0;
+  for (const TapeDynIndex& x : indexes) (x.type == 'I' ? i : d) += 1;
+  const std::string fm(1, static_cast<char>(TAPE_FM)), vm(1, static_cast<char>(TAPE_VM));
+  std::string text = "INDEX" + fm + std::to_string(indexes.size()) + fm + fm + fm + fm + std::to_string(d) +
+                     fm + std::to_string(i) + fm + fm + fm;
+  for (const TapeDynIndex& x : indexes)
+    text += fm + "0" + vm + x.name + vm + x.type + vm + std::to_string(x.number) + vm + x.letter;
+  text += static_cast<char>(TAPE_RM);
+  std::vector<unsigned char> out;
+  for (char c : text) out.push_back(static_cast<unsigned char>(c) ^ TAPE_FLIP);
+  return out;
+}
+
+int dyn_layout(TapeWriter& w, const TapeDynFile& f, DynLayout& l) {
+  if (f.modulo < 1 || f.units < 1 || f.units > DYN_PAGE_MAX_UNITS)
+    return fail(w, "a dynamic file has a modulo of 1 or more and pages of 1 to 4 units");
+  l.next_number = f.modulo + 1;
+  std::vector<std::vector<unsigned char>> groups(static_cast<size_t>(f.modulo));
+  for (size_t i = 0; i < f.records.size(); ++i) {
+    const TapeDynRecord& r = f.records[i];
+    if (r.key.size() > 255) return fail(w, "a key has at most 255 bytes");
+    if ((r.key + r.data).find('\x80') != std::string::npos)
+      return fail(w, "a dynamic record cannot carry the byte 0x80");
+    std::vector<unsigned char>& g = groups[static_cast<size_t>(reel_dyn_group(f, i))];
+    const size_t in_line = DYN_REC_HEADER + r.key.size() + r.key.size() % 2 + r.data.size() + r.data.size() % 2;
+    if (!r.large && in_line < static_cast<size_t>(DYN_INLINE_LIMIT)) {
+      tape_encode_dyn_record(g, r.key, r.data);
+      continue;
+    }
+    std::vector<unsigned char> data;
+    for (char c : r.data) data.push_back(tape_dyn_flip(static_cast<unsigned char>(c)));
+    std::vector<DynPage> pages = chain_pages(l, f, data, l.next_number++, false, 0, DYN_KIND_NO_CHAIN);
+    tape_encode_dyn_record(g, r.key, "", static_cast<int32_t>(r.data.size()), pages.front().head.number);
+    l.large.insert(l.large.end(), pages.begin(), pages.end());
+  }
+  for (int32_t g = 0; g < f.modulo; ++g) {
+    std::vector<unsigned char>& bytes = groups[static_cast<size_t>(g)];
+    bytes.push_back(DYN_MARK);
+    bytes.push_back(DYN_MARK_END);
+    std::vector<DynPage> pages = chain_pages(l, f, bytes, g + 1, true, g, 0);
+    l.primary.push_back(std::move(pages.front()));
+    l.chained.insert(l.chained.end(), std::make_move_iterator(pages.begin() + 1),
+                     std::make_move_iterator(pages.end()));
+  }
+  if (f.order == TapeDynOrder::kReversed) std::reverse(l.chained.begin(), l.chained.end());
+  for (int32_t i = 0; i < f.free_pages; ++i) {
+    DynPage p;
+    p.head = {.units = f.units, .number = l.next_number++, .kind = DYN_KIND_FREE};
+    p.body.assign(static_cast<size_t>(page_body(f)), 0);
+    l.other.push_back(std::move(p));
+  }
+  if (!f.indexes.empty()) {
+    const std::vector<unsigned char> text = index_text(f.indexes);
+    if (text.size() + DYN_INDEX_OFF_TEXT > static_cast<size_t>(f.units * DYN_PAGE_UNIT))
+      return fail(w, "the index description does not fit its page");
+    DynPage p;
+    p.head = {.units = f.units, .number = l.next_number++, .kind = DYN_KIND_NO_CHAIN};
+    p.body.assign(static_cast<size_t>(page_body(f)), 0);
+    l.index_page = p.head.number;
+    l.other.push_back(std::move(p));
+  }
+  return 0;
+}
+
+// The stream of one part: its header page, then its pages, with the damage
+// asked for.
+std::vector<unsigned char> part_stream(const TapeDynFile& f, const DynLayout& l,
+                                       const std::vector<const DynPage*>& pages) {
+  std::vector<unsigned char> out(DYN_PAGE_UNIT, 0);
+  tape_put_u24(&out[DYN_HDR_OFF_MODULO - TAPE_HEADER_SIZE], f.modulo);
+  tape_put_u24(&out[DYN_HDR_OFF_INDEX - TAPE_HEADER_SIZE], l.index_page);
+  for (const DynPage* p : pages) {
+    if (p->head.number == f.slip_page && f.slip_page > 0)
+      out.resize(out.size() - std::min(out.size(), static_cast<size_t>(f.slip_bytes)));
+    const size_t at = out.size();
+    out.resize(at + DYN_PAGE_HEAD, 0);
+    DynPageHead head = p->head;
+    head.marked = head.number != f.unmarked_page;
+    tape_encode_dyn_head(&out[at], head);
+    out.insert(out.end(), p->body.begin(), p->body.end());
+    if (p->head.number == l.index_page) {
+      const std::vector<unsigned char> text = index_text(f.indexes);
+      tape_put_u16(&out[at + DYN_INDEX_OFF_COUNT], static_cast<uint16_t>(text.size()));
+      std::copy(text.begin(), text.end(), out.begin() + static_cast<std::ptrdiff_t>(at + DYN_INDEX_OFF_TEXT));
+    }
+  }
+  return out;
+}
+
+struct DynBlocks {
+  TapeWriter& w;
+  const TapeDynFile& f;
+  size_t written = 0;
+
+  int block(const unsigned char* bytes, size_t n) {
+    if (reel_writer_block(w, TAPE_BLOCK_DATA, bytes, n) != 0) return -1;
+    if (++written == f.break_after && f.break_after > 0) {
+      if (reel_writer_next_reel(w, f.next_reel) != 0 || reel_writer_label(w, {}) != 0) return -1;
+    }
+    return 0;
+  }
+  int part(const std::vector<unsigned char>& stream, const std::vector<size_t>& cuts) {
+    if (reel_writer_sub(w, {{"", TAPE_OBJECT_DAM}}) != 0) return -1;
+    size_t at = 0;
+    for (size_t i = 0; at < stream.size(); ++i) {
+      const size_t want = i < cuts.size() ? cuts[i] : f.room;
+      if (want < 2 || want % 2 != 0) return fail(w, "a block carries an even count of bytes");
+      const size_t n = std::min(want, stream.size() - at);
+      if (block(stream.data() + at, n) != 0) return -1;
+      at += n;
+    }
+    return 0;
+  }
+};
+
+}  // namespace
+
+int reel_writer_dyn_file(TapeWriter& w, const TapeDynFile& file) {
+  DynLayout l;
+  if (dyn_layout(w, file, l) != 0) return -1;
+  std::vector<const DynPage*> primary, overflow;
+  for (const DynPage& p : l.primary) primary.push_back(&p);
+  for (const auto* list : {&l.large, &l.chained, &l.other})
+    for (const DynPage& p : *list) overflow.push_back(&p);
+  DynBlocks blocks{w, file};
+  if (blocks.part(part_stream(file, l, primary), file.cuts) != 0) return -1;
+  if (blocks.part(part_stream(file, l, overflow), {}) != 0) return -1;
+  if (!file.third_subfile) return 0;
+  return blocks.part(std::vector<unsigned char>(DYN_PAGE_UNIT * 2, 0), {});
 }

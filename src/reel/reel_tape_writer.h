@@ -145,6 +145,66 @@ int reel_writer_static_subfile(TapeWriter& w, uint16_t modulo,
 // byte the form cannot carry is refused.
 int reel_writer_text(TapeWriter& w, const std::string& text, size_t room = 2048);
 
+// ---- Dynamic files ------------------------------------------------------------
+
+// A record of a dynamic file, in plain bytes (a byte 0x80 cannot be carried:
+// it would read back as 0).
+struct TapeDynRecord {
+  std::string key;      // at most 255 bytes
+  std::string data;
+  bool large = false;   // data in a chain of pages of its own; also whenever
+                        // the record would not stay below DYN_INLINE_LIMIT in line
+};
+
+// One index of the file's index description page.
+struct TapeDynIndex {
+  std::string name;
+  char type = 'D';
+  int32_t number = 0;
+  char letter = 'N';
+};
+
+enum class TapeDynOrder {
+  kChain,     // overflow pages of a group in the order of its chain
+  kReversed,  // all of them the other way round: most arrive before their group
+};
+
+// A dynamic file as the writer lays it out. Group g's chain starts at
+// primary page g + 1 and goes on in overflow pages; the group's records run
+// through the chain as one stream, cut wherever a page ends, closed by the
+// end mark. Overflow pages are numbered from modulo + 1: first the pages of
+// large records, then the groups' pages, then free pages, then the index
+// page. Every page has `units` units.
+struct TapeDynFile {
+  int32_t modulo = 1;  // source modulo, 1 or more
+  int32_t units = 1;   // 1..DYN_PAGE_MAX_UNITS
+  std::vector<TapeDynRecord> records;  // record i goes to group i % modulo
+  std::vector<TapeDynIndex> indexes;   // with any, an index description page
+  int32_t free_pages = 0;
+  TapeDynOrder order = TapeDynOrder::kChain;
+  size_t room = 4096;          // stream bytes per data block (even)
+  std::vector<size_t> cuts;    // primary part: stream bytes of its first blocks
+  bool third_subfile = false;  // a third direct sub-file with one data block
+  // Damage: `slip_bytes` bytes of the stream dropped right before page
+  // `slip_page` (take them from unused room of the page before it); page
+  // `unmarked_page` written without its mark.
+  int32_t slip_page = 0;
+  int32_t slip_bytes = 0;
+  int32_t unmarked_page = 0;
+  // After this many data blocks of the file, the reel ends and the rest
+  // goes to a new reel at `next_reel` (with a label); 0 for none.
+  size_t break_after = 0;
+  std::string next_reel;
+};
+
+// Group of record `index` of `file` in the source.
+inline int32_t reel_dyn_group(const TapeDynFile& file, size_t index) {
+  return static_cast<int32_t>(index % static_cast<size_t>(file.modulo));
+}
+// Writes the file's two direct sub-files (descriptions below the last file
+// and their data blocks), and the third when asked.
+int reel_writer_dyn_file(TapeWriter& w, const TapeDynFile& file);
+
 // Tape text: each character with its high bit set, as names and text stand
 // on the foreign tape.
 std::vector<unsigned char> reel_tape_text(const std::string& text);

@@ -1,5 +1,6 @@
 #include "reel/reel_target.h"
 
+#include "flib/fl_clear.h"
 #include "flib/fl_mem.h"
 #include "flib/fl_mkfile.h"
 #include "flib/fl_open.h"
@@ -84,8 +85,25 @@ int reel_open_loader(const std::string& name) {
   return 1;
 }
 
+int reel_prepare_hashed_target(int dynamic) {
+  const RunSettings& s = reel_settings;
+  if (s.data_only || s.overlay) {
+    reel_target_from_voc();
+    reel_show('L', 1);
+  } else if (reel_create_target(dynamic) == 0) {
+    return 0;
+  }
+  return reel_open_target();
+}
+
 int reel_open_target() {
+  const RunSettings& s = reel_settings;
   CurrentFile& f = reel_current;
+  // -E empties a file that is loaded into rather than made: every file
+  // with -O, the data files with -D. Whether that worked, the open below
+  // tells.
+  if (s.erase_first && (s.overlay || (s.data_only && f.file_kind == FILE_KIND_DATA)))
+    M_clear_file(f.name.c_str(), f.file_kind == FILE_KIND_DICT ? CLEAR_DICT : CLEAR_DATA, 1, 0, 0);
   if (f.file_kind == FILE_KIND_DICT || f.file_kind == FILE_KIND_DATA) {
     if (reel_open_loader(f.name) != 0) return 1;
   } else {

@@ -49,6 +49,10 @@ int reel_create_under_name(const std::string& tape_name, const std::string& targ
 void reel_target_from_voc();
 // Opens the slot's target for the load; 1 or 0.
 int reel_open_target();
+// The target of a hashed file whose modulo the slot holds: with -D or -O
+// the existing file named in the VOC, otherwise a new one (dynamic or
+// static); then opened for the load. 1, or 0 when the file is to be skipped.
+int reel_prepare_hashed_target(int dynamic);
 // Opens the slot's hashed target `name` through the VOC (its data or its
 // dictionary by the slot's kind) and starts the buffered writer. 1 or 0.
 int reel_open_loader(const std::string& name);

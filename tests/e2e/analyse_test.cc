@@ -35,15 +35,16 @@ const char kTwoAccounts[] =
     "subfile modulo=1\n"
     "item NAME 'D\\xFE1'\n"
     "file ORDERS 3\n"  // a dynamic source: its first sub-file is direct
-    "sub '' dam\n"
-    "block data zeros:100\n"
-    "sub '' dam\n"
+    "dynfile modulo=2\n"
+    "item O1 first\n"
+    "item O22 second\n"
+    "large O333 repeat=1000 abc\n"
     "file VOC hashed\n"
     "file BP dir\n"
     "block data 'directory data'\n"
     "sub MAIN sam\n"
     "block data \"PRINT 1\"\n"
-    "sub SUBDIR dir DEEP sam\n"  // block 19
+    "sub SUBDIR dir DEEP sam\n"  // block 22
     "block data \"X\"\n"
     "sub OTHER dam\n"
     "file PROGS 5\n"
@@ -79,7 +80,7 @@ TEST(Analyse, WalksTheFirstAccountToTheEndAndPlansEachFileInTapeOrder) {
   EXPECT_EQ(slurp(box.run() + "/plan"),
             "DATA, CUSTOMERS, 3, 3, 9, 15, 3\n"
             "DICT, CUSTOMERS, 1, 1, 4, 3, 1\n"
-            "DATA, ORDERS, 1, 0, 0, 0, 0\n"
+            "DATA, ORDERS, 5, 5, 9, 3011, 3\n"
             "DATA, DUMP_VOC, 1, 0, 0, 0, 0\n"
             " DIR, BP, 0, 0, 0, 0, 0\n"
             " DIR, PROGS, 0, 0, 0, 0, 0\n"
@@ -89,7 +90,7 @@ TEST(Analyse, WalksTheFirstAccountToTheEndAndPlansEachFileInTapeOrder) {
   // arrives at the top as a block of no known length.
   EXPECT_EQ(slurp(box.run() + "/dispmsg"),
             "\t\t\tACCT_NAME  ---  SALES\n"
-            "Blkno = 19 \tGet file description error: block length error\n");
+            "Blkno = 22 \tGet file description error: block length error\n");
 }
 
 TEST(Analyse, WithAnAccountWordTheWalkTouchesNoFileData) {

@@ -31,13 +31,16 @@ class Sandbox {
   std::string run() const { return (dir_.path() / "run").string(); }
   std::string tape() const { return run() + "/t.tap"; }
   std::string account(const std::string& name) const { return run() + "/" + name; }
-  ProgramResult reel(std::vector<std::string> args) const {
+  // A run of REEL_INTAKE in the run directory; `input` is what the operator
+  // types.
+  ProgramResult reel(std::vector<std::string> args, const std::string& input = "") const {
     const std::string root = dir_.str();
     const bool analyse = std::find(args.begin(), args.end(), "-A") != args.end();
     spill(dir_.path() / "home/sys/tapeinfo",
           analyse ? "0 t.tap rt.tap 8192\n" : "0 ../t.tap r../t.tap 8192\n");
     return run_program({.program = "REEL_INTAKE",
                         .args = std::move(args),
+                        .input = input,
                         .directory = run(),
                         .env = {{"MRVHOME", root + "/home"},
                                 {"MRVBIN", root + "/bin"},

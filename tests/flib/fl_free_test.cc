@@ -193,11 +193,8 @@ TEST_F(FlFree, AWriteTooLargeForItsPartJumpsBackAndTheAddGivesUpCleanly) {
   rel.block_size = 0;
   ProgramResult run = run_in_child([&] {
     REL_TYPE child;
-    if (M_openfile(&child, path.c_str(), 2) != 1) _exit(10);
     // No file may grow beyond six blocks: the fifth block of "B" fails.
-    signal(SIGXFSZ, SIG_IGN);
-    rlimit limit{6 * B, 6 * B};
-    if (setrlimit(RLIMIT_FSIZE, &limit) != 0) _exit(11);
+    if (int failed = open_under_size_limit(&child, path, 6 * B)) _exit(failed);
     std::string record(5 * kUsable - 1, 'b');
     int r = M_append_strtuple(&child, bytes(std::string("B")), 1, bytes(record), static_cast<int32_t>(record.size()), 0,
                               nullptr);

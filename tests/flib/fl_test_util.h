@@ -3,10 +3,12 @@
 #pragma once
 
 #include <fcntl.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <csignal>
 #include <cstdint>
 #include <cstdlib>
 #include <string>
@@ -73,6 +75,17 @@ inline std::vector<uint8_t> make_group_block(uint32_t b, uint32_t offset, uint32
   gb_set_key_bytes(block.data(), key_bytes);
   gb_set_byteleft(block.data(), static_cast<int16_t>(b - data));
   return block;
+}
+
+// In a child process: opens the file at `path` for update and forbids any
+// file to grow beyond `limit` bytes, so that a write past it fails with
+// EFBIG. 0, or the exit status naming the step that failed (10 the open,
+// 11 the limit).
+inline int open_under_size_limit(REL_TYPE* rel, const std::string& path, rlim_t limit) {
+  if (M_openfile(rel, path.c_str(), 2) != 1) return 10;
+  signal(SIGXFSZ, SIG_IGN);
+  rlimit r{limit, limit};
+  return setrlimit(RLIMIT_FSIZE, &r) != 0 ? 11 : 0;
 }
 
 // The findings of the structural check of a file, one a line ("" when sound).

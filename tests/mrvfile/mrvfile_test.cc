@@ -109,4 +109,32 @@ TEST(Mrvfile, RecordsGoInComeOutAndGo) {
   EXPECT_EQ(mrvfile("get " + f + " K5").status, 1);
 }
 
+// Puts one by one grow a dynamic file by splits; a load through the
+// memory-buffered writer does not split.
+TEST(Mrvfile, PutsGrowAKeyDataFileALoadDoesNot) {
+  TempDir tmp;
+  std::string f = tmp.str() + "/KD";
+  ASSERT_EQ(mrvfile("create --keydata " + f).status, 0);
+  std::string text;
+  for (int i = 0; i < 120; ++i) {
+    std::string record(100, static_cast<char>('a' + i % 26));
+    ASSERT_EQ(mrvfile("put " + f + " P" + std::to_string(i), record).status, 0);
+    text += "L" + std::to_string(i) + "\t" + record + "\n";
+  }
+  ProgramResult info = mrvfile("info " + f);
+  EXPECT_NE(info.output.find("hash type: 96 (function 0, KEYDATA)\n"), std::string::npos) << info.output;
+  EXPECT_NE(info.output.find("split load: 95\n"), std::string::npos);
+  EXPECT_EQ(info.output.find("\nmodulo: 1\n"), std::string::npos) << info.output;
+  EXPECT_NE(info.output.find("primary parts: 1\n"), std::string::npos);
+  EXPECT_EQ(mrvfile("check " + f).status, 0);
+
+  std::string g = tmp.str() + "/LD";
+  ASSERT_EQ(mrvfile("create --keydata " + g).status, 0);
+  ASSERT_EQ(mrvfile("load " + g, text).status, 0);
+  info = mrvfile("info " + g);
+  EXPECT_NE(info.output.find("\nmodulo: 1\n"), std::string::npos) << info.output;
+  EXPECT_EQ(mrvfile("get " + g + " L119").output, std::string(100, 'a' + 119 % 26));
+  EXPECT_EQ(mrvfile("check " + g).status, 0);
+}
+
 }  // namespace

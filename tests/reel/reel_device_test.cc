@@ -78,18 +78,19 @@ TEST_P(BlockChecks, HandOutAndLog) {
 INSTANTIATE_TEST_SUITE_P(
     Numbers, BlockChecks,
     testing::Values(
-        // 65534 after a label is a gap; from there 65535, 0, 1 pass, and
-        // the second 1 is dropped without a word.
+        // 65534 after a label is a gap, logged under the label's 0; from
+        // there 65535, 0, 1 pass, and the second 1 is dropped without a word.
         BlockCase{"wrap",
                   "number 65534\nblock data 'a'\nblock data 'b'\nblock data 'c'\n"
                   "block data 'd'\nblock data no=1 'again'\nblock data 'e'\n",
                   {65535, 0, 1, 2, 3},
-                  "Blkno = 65534 \tphysical read tape error block No. error\n"},
+                  "Blkno = 0 \tphysical read tape error block No. error\n"},
+        // 5 then 7: the line names 5, the last block accepted.
         BlockCase{"gap",
                   "block data '1'\nblock data '2'\nblock data '3'\nblock data '4'\n"
                   "block data '5'\nnumber 7\nblock data '7'\nblock data '8'\n",
                   {1, 2, 3, 4, 5, 8, 9},
-                  "Blkno = 7 \tphysical read tape error block No. error\n"},
+                  "Blkno = 5 \tphysical read tape error block No. error\n"},
         BlockCase{"short",
                   "block data 'ok'\nblock data words=40 'claims 80 bytes'\nraw hex:0003\n"
                   "block data no=3 'fine'\n",

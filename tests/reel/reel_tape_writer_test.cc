@@ -165,6 +165,13 @@ TEST(Mkreel, NamesTheFaultyLine) {
             "characters\n");
   out = run_mkreel(dir, "tape a.tap\ntext 'a\\x11b'\n", &status);
   EXPECT_EQ(out, "mkreel: line 2: a.tap: the text holds a byte the tape form cannot carry\n");
+  out = run_mkreel(dir, "tape a.tap\nlarge K x\n", &status);
+  EXPECT_EQ(out, "mkreel: line 2: 'large' stands below a 'dynfile' line\n");
+  out = run_mkreel(dir, "tape a.tap\ndynfile order=sideways\n", &status);
+  EXPECT_EQ(out, "mkreel: line 2: order is chain or reversed\n");
+  // A dynamic file is written when its lines end: the fault names that line.
+  out = run_mkreel(dir, "tape a.tap\naccount A\nfile F hashed\ndynfile\nitem K '\\x80'\nend\n", &status);
+  EXPECT_EQ(out, "mkreel: line 6: a.tap: a dynamic record cannot carry the byte 0x80\n");
 }
 
 // Member text through its tape form and back: blank runs (also longer than

@@ -88,6 +88,11 @@ TEST(TargetName, TheVocDecidesForPairsAndGivesWayForOtherItems) {
     create("BP", FILE_KIND_DIR);
     std::printf("BP: %s\nSAM: %s\nDAM: %s\npgm_map: %s\n", voc_text("BP").c_str(), voc_text("SAM").c_str(),
                 voc_text("DAM").c_str(), voc_text("pgm_map").c_str());
+    // A directory and its dictionary, in either order.
+    create("PROGS", FILE_KIND_DICT, 1);
+    create("PROGS", FILE_KIND_DIR);
+    create("BP", FILE_KIND_DICT, 1);
+    std::printf("PROGS: %s\nBP: %s\n", voc_text("PROGS").c_str(), voc_text("BP").c_str());
     std::printf("temporary names left: %s\n", voc_text("LONG_NAMEa").c_str());
   });
   EXPECT_EQ(r.output,
@@ -106,12 +111,19 @@ TEST(TargetName, TheVocDecidesForPairsAndGivesWayForOtherItems) {
             "SAM: DIR|SAM|D_SAM\n"
             "DAM: DIR|DAM|D_DAM\n"
             "pgm_map: F|pgm_map|D_pgm_map\n"
+            "Create DICT PROGS --- 1 \n"
+            "Create DIR  PROGS --- 7 \n"
+            "Create DICT BP --- 1 \n"
+            "PROGS: DIR|PROGS|D_PROGS\n"
+            "BP: DIR|BP|D_BP\n"
             "temporary names left: <none>\n");
   for (const char* file : {"ACC/LONG_NAMEa", "ACC/D_LONG_NAMEa", "ACC/ORDERS", "ACC/D_SAM", "ACC/VOC"}) {
     EXPECT_EQ(check_findings(dir + "/" + file), "") << file;
   }
   EXPECT_TRUE(std::filesystem::is_directory(dir + "/ACC/BP"));
-  EXPECT_FALSE(std::filesystem::exists(dir + "/ACC/D_BP"));
+  EXPECT_TRUE(std::filesystem::is_directory(dir + "/ACC/PROGS"));
+  EXPECT_EQ(check_findings(dir + "/ACC/D_PROGS"), "");
+  EXPECT_EQ(check_findings(dir + "/ACC/D_BP"), "");
 }
 
 // An existing file: "BP" and items that are no files are overwritten

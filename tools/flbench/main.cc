@@ -7,6 +7,12 @@
 // --single loads one record at a time through M_append_strtuple instead, to
 // compare the count of writes.
 //
+//   flbench --grow [--records N] [--block CODE] [--keydata] [--hash 0|1] DIR
+//
+// --grow puts N records one by one into a dynamic file of modulo 1, so that
+// it grows by splits alone, reads them back, deletes them one by one in the
+// same order, and prints the modulo reached and the rates of each phase.
+//
 // DIR must exist; the file DIR/BENCH is made anew and removed at the end.
 #include <sys/resource.h>
 
@@ -21,6 +27,8 @@
 #include "../bench_util.h"
 #include "NT/NT_utils.h"
 #include "flib/fl_create.h"
+#include "flib/fl_delete.h"
+#include "flib/fl_filehdr.h"
 #include "flib/fl_hash.h"
 #include "flib/fl_io.h"
 #include "flib/fl_mem.h"
@@ -51,15 +59,60 @@ std::string record_of(uint64_t i) {
 }
 
 int usage() {
-  std::fputs("usage: flbench [--records N] [--static] [--block CODE] [--modulo N] [--single] DIR\n", stderr);
+  std::fputs("usage: flbench [--records N] [--static] [--block CODE] [--modulo N] [--single] DIR\n"
+             "       flbench --grow [--records N] [--block CODE] [--keydata] [--hash 0|1] DIR\n",
+             stderr);
   return 2;
+}
+
+const uint8_t* bytes_of(const std::string& s) { return reinterpret_cast<const uint8_t*>(s.data()); }
+int32_t length_of(const std::string& s) { return static_cast<int32_t>(s.size()); }
+
+// Growth by splits and shrinking by merges under single writes.
+int run_grow(const std::string& path, long records, long block, int32_t type) {
+  if (M_create_hashed(path.c_str(), 1, static_cast<int32_t>(block), type, 0, nullptr) != 1) {
+    std::fprintf(stderr, "flbench: cannot create %s\n", path.c_str());
+    return 1;
+  }
+  REL_TYPE rel;
+  if (M_openfile(&rel, path.c_str(), 2) != 1) return 1;
+  auto phase = [&](const char* what, auto&& step) {
+    auto start = std::chrono::steady_clock::now();
+    for (uint32_t i = 0; i < static_cast<uint32_t>(records); ++i)
+      if (!step(i)) {
+        std::fprintf(stderr, "flbench: %s of record %u failed\n", what, i);
+        return -1.0;
+      }
+    double took = seconds_since(start);
+    std::printf("%s: %.2f s, %.0f records/s, modulo %d, split base %u, %zu primary and %zu overflow parts\n", what,
+                took, records / took, rel.modulo, rel.split_base, rel.primary.size(), rel.overflow.size());
+    return took;
+  };
+  std::printf("%ld records one by one into a dynamic %s file of modulo 1, hash %d, block %u\n", records,
+              (type & HASH_KEYDATA) != 0 ? "KEYDATA" : "KEYONLY", type & 1, rel.block_size);
+  std::string got;
+  bool ok = phase("put", [&](uint32_t i) {
+              std::string k = key_of(i), r = record_of(i);
+              return M_append_strtuple(&rel, bytes_of(k), length_of(k), bytes_of(r), length_of(r), 0, nullptr) == 1;
+            }) >= 0 &&
+            phase("read", [&](uint32_t i) {
+              std::string k = key_of(i);
+              return M_read_tuple(&rel, bytes_of(k), length_of(k), &got) == 1 && got == record_of(i);
+            }) >= 0 &&
+            phase("delete", [&](uint32_t i) {
+              std::string k = key_of(i);
+              return M_delete_tuple(&rel, bytes_of(k), length_of(k), nullptr) == 1;
+            }) >= 0;
+  M_closefile(&rel);
+  NT_RemoveFile(path.c_str(), "");
+  return ok ? 0 : 1;
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
-  long records = 1000000, block = 4, modulo = 0;
-  bool dynamic = true, single = false;
+  long records = 1000000, block = 4, modulo = 0, hash = 0;
+  bool dynamic = true, single = false, grow = false, keydata = false;
   std::string dir;
   for (int i = 1; i < argc; ++i) {
     std::string a = argv[i];
@@ -67,18 +120,28 @@ int main(int argc, char** argv) {
       dynamic = false;
     } else if (a == "--single") {
       single = true;
-    } else if ((a == "--records" || a == "--block" || a == "--modulo") && i + 1 < argc) {
+    } else if (a == "--grow") {
+      grow = true;
+    } else if (a == "--keydata") {
+      keydata = true;
+    } else if ((a == "--records" || a == "--block" || a == "--modulo" || a == "--hash") && i + 1 < argc) {
       long v = std::strtol(argv[++i], nullptr, 10);
-      (a == "--records" ? records : a == "--block" ? block : modulo) = v;
+      (a == "--records" ? records : a == "--block" ? block : a == "--hash" ? hash : modulo) = v;
     } else if (dir.empty() && a[0] != '-') {
       dir = a;
     } else {
       return usage();
     }
   }
-  if (dir.empty() || records < 1 || block < 0 || block > 16) return usage();
+  if (dir.empty() || records < 1 || block < 0 || block > 16 || hash < 0 || hash > 1) return usage();
   M_init_pools();
   if (M_load_part_table() < 0) return 1;
+  if (grow) {
+    std::string path = dir + "/BENCH";
+    NT_RemoveFile(path.c_str(), "");
+    return run_grow(path, records, block,
+                    HASH_DYNAMIC | (keydata ? HASH_KEYDATA : 0) | static_cast<int32_t>(hash));
+  }
   uint32_t b = block == 0 ? 512 : static_cast<uint32_t>(block) * 1024;
   // About two thirds of a block of short records per group.
   if (modulo == 0) modulo = std::max<long>(1, records * 200 / (b * 2 / 3));

@@ -30,7 +30,7 @@ constexpr Command kCommands[] = {
 
 int mrvfile_usage() {
   std::fputs(
-      "usage: mrvfile create [--dynamic] [--modulo N] [--block CODE] [--hash TYPE] [--spread N] PATH\n"
+      "usage: mrvfile create [--dynamic] [--keydata] [--modulo N] [--block CODE] [--hash TYPE] [--spread N] PATH\n"
       "       mrvfile info PATH\n"
       "       mrvfile check PATH\n"
       "       mrvfile put PATH KEY < RECORD\n"

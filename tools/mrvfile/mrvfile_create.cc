@@ -7,6 +7,7 @@
 
 int mrvfile_create(const Args& args) {
   bool dynamic = false;
+  bool keydata = false;
   long modulo = 1, block = 1, hash = 0, spread = 0;
   std::string path;
   for (size_t i = 0; i < args.size(); ++i) {
@@ -15,6 +16,8 @@ int mrvfile_create(const Args& args) {
                                              : a == "--spread" ? &spread : nullptr;
     if (a == "--dynamic") {
       dynamic = true;
+    } else if (a == "--keydata") {
+      keydata = true;
     } else if (target != nullptr) {
       if (i + 1 >= args.size() || !mrvfile_number(args[++i], target)) return mrvfile_usage();
     } else if (path.empty() && !a.empty() && a[0] != '-') {
@@ -24,6 +27,8 @@ int mrvfile_create(const Args& args) {
     }
   }
   if (path.empty()) return mrvfile_usage();
+  // KEYDATA accounting belongs to dynamic files: it makes one.
+  if (keydata) dynamic = true;
   if (modulo < 1 || block < 0 || block > 16 || hash < 0 || hash > (dynamic ? 1 : 2) || spread < 0 ||
       spread > 255) {
     std::fprintf(stderr, "mrvfile: modulo must be 1 or more, block 0..16, hash 0..%d, spread 0..255\n",
@@ -31,7 +36,7 @@ int mrvfile_create(const Args& args) {
     return 2;
   }
   M_spread = static_cast<int32_t>(spread);
-  int32_t type = static_cast<int32_t>(hash) | (dynamic ? HASH_DYNAMIC : 0);
+  int32_t type = static_cast<int32_t>(hash) | (dynamic ? HASH_DYNAMIC : 0) | (keydata ? HASH_KEYDATA : 0);
   if (M_create_hashed(path.c_str(), static_cast<int32_t>(modulo), static_cast<int32_t>(block), type, 0,
                       nullptr) != 1) {
     std::fprintf(stderr, "mrvfile: cannot create %s\n", path.c_str());

@@ -30,6 +30,7 @@ int mrvfile_info(const Args& args) {
     std::printf("group free blocks: %d\n", rel.grp_free_blk);
     std::printf("spread: %u\n", rel.spread);
     std::printf("blocks per part: %d\n", rel.groups_per_part);
+    std::printf("primary parts: %zu\n", rel.primary.size());
     for (size_t i = 0; i < rel.primary.size(); ++i)
       std::printf("dat%03zu: first group %u\n", i + 1, rel.primary[i].first_group);
     std::printf("overflow parts: %zu\n", rel.overflow.size());
