@@ -83,7 +83,7 @@ int run_grow(const std::string& path, long records, long block, int32_t type) {
         std::fprintf(stderr, "flbench: %s of record %u failed\n", what, i);
         return -1.0;
       }
-    double took = seconds_since(start);
+    double took = bench_seconds_since(start);
     std::printf("%s: %.2f s, %.0f records/s, modulo %d, split base %u, %zu primary and %zu overflow parts\n", what,
                 took, records / took, rel.modulo, rel.split_base, rel.primary.size(), rel.overflow.size());
     return took;
