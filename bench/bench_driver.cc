@@ -37,6 +37,7 @@
 #include <vector>
 
 #include "bench/bench_records.h"
+#include "common/init_params.h"
 #include "flib/fl_lock.h"
 #include "flib/fl_mempool.h"
 #include "flib/fl_open.h"
@@ -157,6 +158,14 @@ void make_home() {
   FILE* f = std::fopen((home / "sys" / "tapeinfo").c_str(), "w");
   std::fputs("0 ../t.tap r../t.tap 32768\n", f);
   std::fclose(f);
+  // A complete configuration, as an installed home has: without one every
+  // program would report each parameter missing.
+  ConfigRecord config;
+  config_default_record(home.string() + "/", &config);
+  std::string text = config_file_text(config);
+  FILE* c = std::fopen((home / "include" / "mrvconfig").c_str(), "w");
+  std::fputs(text.c_str(), c);
+  std::fclose(c);
   setenv("MRVHOME", home.c_str(), 1);
   setenv("MRVBIN", (home / "bin").c_str(), 1);
   setenv("TMP", (home / "Temp").c_str(), 1);

@@ -7,7 +7,8 @@ sample="$(cd "$(dirname "$0")" && pwd)"
 bin="$(cd "$build/bin" && pwd)"
 home="$(cd "$build" && pwd)/demo-home"
 rm -rf "$home"
-mkdir -p "$home/include" "$home/sys" "$home/bin" "$home/Temp" "$home/work"
+"$bin/mrvhome" init "$home" > /dev/null || exit 1   # include/mrvconfig, sys/, Temp/
+mkdir -p "$home/bin" "$home/work"
 ln -s "$bin/newacct" "$home/bin/newacct"   # the account maker, found through MRVBIN
 export MRVHOME="$home" MRVBIN="$home/bin" TMP="$home/Temp" MRV_REGISTRY="$home/registry"
 export MRV_MSG_PAUSE_MS="${MRV_MSG_PAUSE_MS:-0}"

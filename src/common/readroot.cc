@@ -63,6 +63,10 @@ std::string find_directory(const char* name, const char* missing_text, const cha
   return dir;
 }
 
+// The short form of a path. Paths here have no short form, so the path
+// stands as it is.
+std::string short_form(const char* path) { return path; }
+
 bool usable_temp_dir(const char* path) {
   struct stat st;
   return stat(path, &st) == 0 && S_ISDIR(st.st_mode) && check_access(path, 2) == 0;
@@ -134,13 +138,22 @@ const char* get_temp_path() {
   static const char* const kNames[] = {"MRV_TEMP", "TEMP", "TMP"};
   for (const char* name : kNames) {
     const char* value = std::getenv(name);
-    if (value != nullptr && *value != '\0' && usable_temp_dir(value)) {
-      // Paths have no short form here, so the exports of the winner and of
-      // the names below it would write back what is already there.
-      g_temp = value;
-      g_temp_done = true;
-      return g_temp.c_str();
+    if (value == nullptr || *value == '\0') continue;
+    std::string form = short_form(value);
+    if (!usable_temp_dir(form.c_str())) continue;
+    // The short form is what stands in the environment from now on, for the
+    // winner and, untested, for the names below it.
+    g_temp = form;
+    setenv(name, form.c_str(), 1);
+    bool after = false;
+    for (const char* below : kNames) {
+      if (after)
+        if (const char* v = std::getenv(below); v != nullptr && *v != '\0')
+          setenv(below, short_form(v).c_str(), 1);
+      if (below == name) after = true;
     }
+    g_temp_done = true;
+    return g_temp.c_str();
   }
   if (auto reg = registry_value("MRVTEMP"); reg && !reg->empty()) g_temp = *reg;
   g_temp_done = true;
@@ -158,13 +171,18 @@ std::string mrv_bin_dir() {
   return dir;
 }
 
-std::string get_include_dir_if_known() {
-  if (!g_home.empty()) return g_home + "include";
+std::string mrv_home_dir_if_known() {
+  if (!g_home.empty()) return g_home;
   const char* env = std::getenv("MRVHOME");
   if (env == nullptr || *env == '\0') return {};
   std::string dir = env;
   if (dir.back() != '/') dir += '/';
-  return dir + "include";
+  return dir;
+}
+
+std::string get_include_dir_if_known() {
+  std::string home = mrv_home_dir_if_known();
+  return home.empty() ? home : home + "include";
 }
 
 void reset_root_for_tests() {

@@ -25,6 +25,9 @@ const char* get_temp_path();
 std::string mrv_home_dir();
 std::string mrv_bin_dir();
 std::string get_include_dir_if_known();
+// The home read_root found, else MRVHOME of the environment with a trailing
+// "/"; empty when neither is known.
+std::string mrv_home_dir_if_known();
 
 std::optional<std::string> registry_value(const char* name);
 int set_registry_value(const char* name, const char* text);

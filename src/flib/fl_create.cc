@@ -63,11 +63,6 @@ uint32_t time_stamp() {
   return static_cast<uint32_t>(M_file_time_stamp != 0 ? M_file_time_stamp : std::time(nullptr));
 }
 
-int32_t load_setting(const char* name, int32_t fallback) {
-  int32_t v = M_env_param(name, fallback);
-  return v > 0 ? v : fallback;
-}
-
 // Byte 28 of group g's head block under a spread layout.
 uint8_t spread_part(int32_t spread, int32_t g, int32_t groups_per_part, int32_t modulo) {
   if (spread == 0) return 0;
@@ -103,10 +98,8 @@ int create_part_error(REL_TYPE* rel, const char* function, const char* cause, in
 
 void M_load_settings(int32_t hashtype, int32_t* split_load, int32_t* merge_load) {
   bool keydata = hash_is_keydata(hashtype);
-  *split_load = keydata ? load_setting("KEYDATA_SPLIT_LOAD", DEFAULT_KEYDATA_SPLIT_LOAD)
-                        : load_setting("SPLIT_LOAD", DEFAULT_SPLIT_LOAD);
-  *merge_load = keydata ? load_setting("KEYDATA_MERGE_LOAD", DEFAULT_KEYDATA_MERGE_LOAD)
-                        : load_setting("MERGE_LOAD", DEFAULT_MERGE_LOAD);
+  *split_load = M_cfg_split_load(keydata);
+  *merge_load = M_cfg_merge_load(keydata);
 }
 
 int M_initfile(int fd, REL_TYPE* rel) {
@@ -119,7 +112,7 @@ int M_initfile(int fd, REL_TYPE* rel) {
   FileHeader h;
   h.rfs = rel->rfs != 0 ? 1 : 0;
   h.block_code = k - 1;
-  h.max_flength = M_max_flength();
+  h.max_flength = M_cfg_max_flength();
   int32_t groups_per_part = h.max_flength / static_cast<int32_t>(b) - 1;
   if (dynamic && modulo > groups_per_part) {
     h.modulo = groups_per_part;
@@ -220,7 +213,7 @@ int M_initfile(int fd, REL_TYPE* rel) {
   oh.split_load = static_cast<uint8_t>(std::clamp(split, 0, 255));
   oh.merge_load = static_cast<uint8_t>(std::clamp(merge, 0, MAX_MERGE_LOAD));
   oh.max_flength = h.max_flength;
-  oh.grp_free_blk = static_cast<int16_t>(load_setting("GRP_FREE_BLK", DEFAULT_GRP_FREE_BLK));
+  oh.grp_free_blk = static_cast<int16_t>(M_cfg_grp_free_blk());
   oh.stack_capacity = static_cast<int16_t>(overflow_stack_capacity(b));
   oh.stack_count = 0;
   for (int32_t p = 1; p <= overflow_parts; ++p) {
@@ -259,7 +252,7 @@ int write_file_header(REL_TYPE* rel, uint32_t part) {
     fl_put_i32(block, FH_HASHTYPE, rel->hashtype);
     fl_put_i32(block, FH_FIRST_GROUP,
                static_cast<int32_t>(rel->sfd != nullptr ? rel->sfd->modulo : static_cast<uint32_t>(rel->modulo)));
-    fl_put_i32(block, FH_MAX_FLENGTH, rel->max_flength != 0 ? rel->max_flength : M_max_flength());
+    fl_put_i32(block, FH_MAX_FLENGTH, rel->max_flength != 0 ? rel->max_flength : M_cfg_max_flength());
   }
   return M_blkwrite(rel, make_addr(overflow, 0, index), block) == 1 ? 0 : -1;
 }
@@ -403,7 +396,7 @@ int M_create_hashed(const char* path, int32_t modulo, int32_t block, int32_t typ
     }
     if (part_table != nullptr)
       M_errmsg(0, "NT doesn't support per-file part table, ingore the per-file part table.\n");
-    int64_t g = M_max_flength() / static_cast<int64_t>(b);
+    int64_t g = M_cfg_max_flength() / static_cast<int64_t>(b);
     int64_t blocks = static_cast<int64_t>(modulo) + 1 < g ? static_cast<int64_t>(modulo) + 1 : g;
     rel.groups_per_part = static_cast<int32_t>(g);
     char first[REL_NAME_SIZE + 16];

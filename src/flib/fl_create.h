@@ -10,15 +10,10 @@
 
 struct REL_TYPE;
 
-// Settings of new dynamic files and their defaults.
-inline constexpr int32_t DEFAULT_SPLIT_LOAD = 60;
-inline constexpr int32_t DEFAULT_MERGE_LOAD = 40;
-inline constexpr int32_t DEFAULT_KEYDATA_SPLIT_LOAD = 95;
-inline constexpr int32_t DEFAULT_KEYDATA_MERGE_LOAD = 40;
 // The split and merge loads of a new dynamic file of hash type word
 // `hashtype` (its KEYDATA bit chooses the pair), from the settings
 // SPLIT_LOAD and MERGE_LOAD, or KEYDATA_SPLIT_LOAD and KEYDATA_MERGE_LOAD,
-// in the environment; the defaults where a setting is missing.
+// as the configuration exported them (common/readconf.h has their defaults).
 void M_load_settings(int32_t hashtype, int32_t* split_load, int32_t* merge_load);
 // Largest static file: (modulo+1) * (B div 1024) may not exceed this.
 inline constexpr int64_t MAX_STATIC_KBLOCKS = 2097152;

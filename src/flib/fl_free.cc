@@ -8,6 +8,7 @@
 #include <set>
 #include <vector>
 
+#include "common/readconf.h"
 #include "flib/fl_block.h"
 #include "flib/fl_create.h"
 #include "flib/fl_hash.h"
@@ -352,7 +353,7 @@ int get_free_blocks(REL_TYPE* rel, int32_t count, int charge) {
   uint32_t rest = need - static_cast<uint32_t>(taken.size());
   if (rest > 0) {
     int64_t end = part_end(rel, header);
-    int64_t limit = h.max_flength != 0 ? h.max_flength : M_max_flength();
+    int64_t limit = h.max_flength != 0 ? h.max_flength : M_cfg_max_flength();
     if (end < 0 || end + static_cast<int64_t>(rest) * b > limit ||
         end + static_cast<int64_t>(rest) * b > static_cast<int64_t>(ADDR_OFFSET_MASK)) {
       M_unlock_block(rel, header);

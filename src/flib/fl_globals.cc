@@ -6,5 +6,4 @@ extern "C" {
 int32_t M_Status = 0;
 }
 int32_t M_no_wait = 0;
-uint8_t M_langgrp[3] = {255, 192, 129};
 int32_t M_spread = 0;

@@ -3,6 +3,8 @@
 
 #include <cstdint>
 
+#include "common/mrv_marks.h"
+
 // While on, a failed file open says "Open %s error.\n" on the console. The
 // tool turns it on at start-up and off once its account is open.
 extern int32_t M_startup_messages;
@@ -16,10 +18,8 @@ extern "C" int32_t M_Status;
 // The no-wait switch: when on, a full disk fails the write at once instead
 // of waiting for the operator.
 extern int32_t M_no_wait;
-// The running language group: record mark, print-at character, null value.
-// Files record it in header bytes 52..54.
-extern uint8_t M_langgrp[3];
-inline constexpr uint8_t DEFAULT_LANGGRP[3] = {255, 192, 129};
+// The running language group (M_langgrp, common/mrv_marks.h) is what files
+// record in header bytes 52..54.
 // How new dynamic files lay out their overflow parts: 0 one part, 1 one per
 // primary part, n > 1 n-1 parts spread over the groups.
 extern int32_t M_spread;

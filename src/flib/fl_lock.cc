@@ -156,7 +156,7 @@ int M_upl_unlock(const REL_TYPE* rel, uint32_t group) {
   return 0;
 }
 
-void M_check_lock_config() { M_lock_fifo = M_env_param("LOCKFIFO", 0) == 1 ? 1 : 0; }
+void M_check_lock_config() { M_lock_fifo = M_cfg_lockfifo() ? 1 : 0; }
 
 int M_idx_lockf(int fd, int32_t mode) {
   int result = mode == 0 ? M_mrvunlock(fd, 0, 1) : M_mrvlockf(fd, mode, 0, 1);

@@ -87,7 +87,7 @@ void set_up_pool(int number) {
 
 uint32_t size_setting(const char* name) {
   uint32_t unit = M_mem_sizes.block_unit;
-  int32_t v = M_env_param(name, 0);
+  int32_t v = M_cfg_memory_setting(name);
   return v > 0 ? unit * static_cast<uint32_t>(v) : unit * (kPageSize / unit / 4 + 1);
 }
 

@@ -111,11 +111,6 @@ int open_index_of(REL_TYPE* rel, const FileHeader& h, int32_t mode) {
 
 }  // namespace
 
-int32_t M_max_flength() {
-  int32_t v = M_env_param("MAX_FLENGTH", DEFAULT_MAX_FLENGTH);
-  return v > 0 ? v : DEFAULT_MAX_FLENGTH;
-}
-
 int M_openfile(REL_TYPE* rel, const char* path, int32_t mode) {
   *rel = REL_TYPE{};
   std::snprintf(rel->name, sizeof rel->name, "%s", path);
@@ -177,7 +172,7 @@ int M_openfile(REL_TYPE* rel, const char* path, int32_t mode) {
   if (dynamic) {
     rel->spread = static_cast<uint32_t>(h.spread);
     rel->max_flength = h.max_flength;
-    int32_t length = h.max_flength != 0 ? h.max_flength : M_max_flength();
+    int32_t length = h.max_flength != 0 ? h.max_flength : M_cfg_max_flength();
     rel->groups_per_part = rel->block_size != 0 ? length / static_cast<int32_t>(rel->block_size) : 0;
   }
   MRV_STAT id;
@@ -226,7 +221,7 @@ int M_openfile(REL_TYPE* rel, const char* path, int32_t mode) {
   OverflowHeader oh = decode_overflow_header(over);
   rel->grp_free_blk = oh.grp_free_blk != 0
                           ? oh.grp_free_blk
-                          : static_cast<int16_t>(M_env_param("GRP_FREE_BLK", DEFAULT_GRP_FREE_BLK));
+                          : static_cast<int16_t>(M_cfg_grp_free_blk());
   rel->split_load = oh.split_load;
   rel->merge_load = oh.merge_load;
   rel->min_modulo = static_cast<int32_t>(oh.min_modulo);

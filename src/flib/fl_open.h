@@ -20,5 +20,3 @@ inline constexpr int32_t OPEN_NO_INDEX = 0x40000000;
 // OR-ed in. 1 opened, 0 absent or no permission, -1 error.
 int M_openfile(REL_TYPE* rel, const char* path, int32_t mode);
 void M_closefile(REL_TYPE* rel);
-// MAX_FLENGTH from the environment, or its default of 1 GiB.
-int32_t M_max_flength();

@@ -18,7 +18,6 @@ int32_t M_large_file_limit = 1000;
 
 namespace {
 
-constexpr int32_t kDefaultNfiles = 512;
 constexpr int32_t kReservedDescriptors = 20;
 
 struct LargeFdEntry {
@@ -38,8 +37,7 @@ PartEntry* entry_part(const LargeFdEntry& e) {
 }
 
 int32_t descriptor_limit() {
-  int32_t nfiles = M_env_param("NFILES", kDefaultNfiles);
-  if (nfiles < 1) nfiles = kDefaultNfiles;
+  int32_t nfiles = M_cfg_nfiles();
   return std::max(nfiles - kReservedDescriptors, 1);
 }
 

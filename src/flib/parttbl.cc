@@ -8,12 +8,14 @@
 #include <cstdio>
 #include <algorithm>
 #include <cstring>
+#include <cstdlib>
 #include <fstream>
 #include <sstream>
 #include <string>
 
 #include "NT/NT_utils.h"
 #include "common/mrv_msg.h"
+#include "common/readconf.h"
 #include "common/readroot.h"
 #include "flib/fl_errout.h"
 #include "flib/fl_globals.h"
@@ -84,9 +86,8 @@ int create_error(const char* format, const char* a, const char* b = "") {
 
 int M_load_part_table() {
   M_part_table.assign(1, default_row());
-  std::string home = mrv_home_dir();
-  if (home.empty()) return 0;
-  std::ifstream in(home + "parttbl");
+  if (std::getenv("PART_TBL") == nullptr && mrv_home_dir().empty()) return 0;
+  std::ifstream in(M_cfg_part_tbl());
   if (!in) return 0;
   std::string line;
   while (std::getline(in, line)) {

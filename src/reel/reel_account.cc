@@ -9,6 +9,7 @@
 #include "NT/NT_utils.h"
 #include "common/mrv_msg.h"
 #include "flib/fl_globals.h"
+#include "flib/fl_lang.h"
 #include "flib/fl_mem.h"
 #include "flib/fl_mkfile.h"
 #include "flib/fl_open.h"
@@ -74,6 +75,7 @@ void reel_open_account() {
     if (NT_run_program("newacct", {}) != 0) reel_fatal("newacct is failed!\n");
   }
   if (M_open_voc("VOC") != 1) reel_fatal("Can't open file VOC\n");
+  M_lang_startup();  // a language that can't be loaded leaves number-only messages
   M_startup_messages = 0;
 
   touch_side_file("pgm_list", "Can't open pgm_list file");
@@ -111,6 +113,7 @@ void reel_close_account() {
   if (exists(kOverflowFile)) std::remove(kOverflowFile);
   if (dispmsg != nullptr) std::fclose(dispmsg);
   dispmsg = nullptr;
+  M_lang_close();
   M_close_voc();
 
   if (overflow_count > 0) {

@@ -33,7 +33,6 @@
 namespace {
 
 constexpr rlim_t kOpenStreams = 2048;
-constexpr int32_t kDefaultLargeFiles = 1000;
 constexpr char kBreakPrompt[] = "\nBREAK: Enter Q<return> to Quit. Any other character to continue";
 
 void write_all(int fd, const char* text, size_t length) {
@@ -56,6 +55,7 @@ void reel_platform_start() {
                          : limit.rlim_max;
     setrlimit(RLIMIT_NOFILE, &limit);
   }
+  NT_console_init(0);
 }
 
 void reel_startup() {
@@ -68,8 +68,7 @@ void reel_startup() {
   reel_init_levels();
   read_root();
   if (M_load_part_table() < 0) MRV_EXIT(1);
-  int32_t large_files = M_env_param("MAX_DSFILES", 0);
-  M_set_large_file_limit(large_files > 0 ? large_files : kDefaultLargeFiles);
+  M_set_large_file_limit(M_cfg_max_dsfiles());
 }
 
 [[noreturn]] void reel_fatal(const char* message) {
@@ -94,7 +93,7 @@ void reel_startup() {
 
 int reel_get_answer() {
   std::fflush(stdout);
-  bool terminal = isatty(STDIN_FILENO) != 0;
+  bool terminal = NT_console_init(0).input_is_device;
   if (terminal) tcflush(STDIN_FILENO, TCIFLUSH);
   for (;;) {
     unsigned char c;
@@ -118,17 +117,13 @@ void reel_break_handler(int signal_number) {
   write_all(STDOUT_FILENO, kBreakPrompt, sizeof kBreakPrompt - 1);
   int answer = reel_get_answer();
   if (answer == 'Q' || answer == 'q') {
-    std::signal(signal_number, SIG_IGN);
+    NT_signal(signal_number, NT_SIG_IGNORE);
     stop_requested = 1;
   }
 }
 
 void reel_install_break_handler() {
-  struct sigaction action {};
-  action.sa_handler = reel_break_handler;
-  sigemptyset(&action.sa_mask);
-  action.sa_flags = SA_RESTART;
-  sigaction(SIGINT, &action, nullptr);
+  NT_signal(SIGINT, reel_break_handler);
 }
 
 [[noreturn]] void reel_block_loop(unsigned char* buffer) {

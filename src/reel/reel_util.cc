@@ -1,29 +1,18 @@
 #include "reel/reel_util.h"
 
-#include <cmath>
 #include <cstdio>
 #include <cstring>
 
+#include "common/init_params.h"
 #include "common/mrv_marks.h"
 #include "common/mrv_msg.h"
 #include "reel/reel_device.h"
 #include "reel/reel_settings.h"
 #include "reel/reel_tape_format.h"
 
-namespace {
-
-constexpr int32_t kPrimeLimit = 1000000000;
-
-}  // namespace
-
 int32_t reel_next_prime(int32_t n) {
-  if (n < 4) return n;
-  for (int32_t c = (n / 2) * 2 + 1; c < kPrimeLimit; c += 2) {
-    int32_t q = static_cast<int32_t>(std::sqrt(static_cast<double>(c))) + 1;
-    bool prime = true;
-    for (int32_t d = 3; d <= q && prime; d += 2) prime = c % d != 0;
-    if (prime) return c;
-  }
+  int32_t p = prime_at_or_above(n);
+  if (p >= 0) return p;
   M_errmsg(0, "Number %d out of prime number table range.\n", n);
   return n;
 }

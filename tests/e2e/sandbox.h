@@ -1,4 +1,5 @@
-// A sandbox for runs of the built programs: a home with tapeinfo (unit 0 is
+// A sandbox for runs of the built programs: a home laid out by mrvhome,
+// with tapeinfo (unit 0 is
 // "t.tap" in the run directory), the program directory with newacct, the
 // temporary directory, and a run directory that holds the tape. A restore
 // works inside the account, one below the run directory.
@@ -18,8 +19,9 @@
 class Sandbox {
  public:
   Sandbox() {
-    for (const char* d : {"home/include", "home/sys", "bin", "tmp", "run"})
-      std::filesystem::create_directories(dir_.path() / d);
+    for (const char* d : {"bin", "tmp", "run"}) std::filesystem::create_directories(dir_.path() / d);
+    ProgramResult home = run_program({.program = "mrvhome", .args = {"init", home_dir()}});
+    EXPECT_EQ(home.status, 0) << home.output;
     std::filesystem::create_symlink(std::filesystem::path(REEL_BIN_DIR) / "newacct",
                                     dir_.path() / "bin/newacct");
   }
@@ -29,23 +31,31 @@ class Sandbox {
     EXPECT_EQ(made.status, 0) << made.output;
   }
   std::string run() const { return (dir_.path() / "run").string(); }
+  std::string home_dir() const { return (dir_.path() / "home").string(); }
+  std::string config_path() const { return home_dir() + "/include/mrvconfig"; }
   std::string tape() const { return run() + "/t.tap"; }
   std::string account(const std::string& name) const { return run() + "/" + name; }
   // A run of REEL_INTAKE in the run directory; `input` is what the operator
   // types.
   ProgramResult reel(std::vector<std::string> args, const std::string& input = "") const {
-    const std::string root = dir_.str();
     const bool analyse = std::find(args.begin(), args.end(), "-A") != args.end();
     spill(dir_.path() / "home/sys/tapeinfo",
           analyse ? "0 t.tap rt.tap 8192\n" : "0 ../t.tap r../t.tap 8192\n");
-    return run_program({.program = "REEL_INTAKE",
-                        .args = std::move(args),
-                        .input = input,
-                        .directory = run(),
-                        .env = {{"MRVHOME", root + "/home"},
-                                {"MRVBIN", root + "/bin"},
-                                {"TMP", root + "/tmp"},
-                                {"MRV_REGISTRY", root + "/no-registry"}}});
+    return run_program(
+        {.program = "REEL_INTAKE", .args = std::move(args), .input = input, .directory = run(), .env = env()});
+  }
+  // The environment of a run in this home.
+  std::vector<std::pair<std::string, std::string>> env() const {
+    const std::string root = dir_.str();
+    return {{"MRVHOME", root + "/home"},
+            {"MRVBIN", root + "/bin"},
+            {"TMP", root + "/tmp"},
+            {"MRV_REGISTRY", registry()}};
+  }
+  std::string registry() const { return dir_.str() + "/no-registry"; }
+  // A program of the build run in this home, from the run directory.
+  ProgramResult program(const std::string& name, std::vector<std::string> args) const {
+    return run_program({.program = name, .args = std::move(args), .directory = run(), .env = env()});
   }
 
  private:

@@ -5,6 +5,7 @@
 #include <string>
 #include <vector>
 
+#include "common/readconf.h"
 #include "fl_test_util.h"
 #include "flib/fl_block.h"
 #include "flib/fl_filehdr.h"
@@ -83,7 +84,7 @@ void expect_overflow_header(const std::vector<uint8_t>& f, uint32_t b, uint32_t 
   EXPECT_EQ(o[40], split);
   EXPECT_EQ(o[41], merge);
   EXPECT_EQ(fl_get_i16(o, 42), 5);
-  EXPECT_EQ(fl_get_i32(o, 44), M_max_flength());
+  EXPECT_EQ(fl_get_i32(o, 44), M_cfg_max_flength());
   EXPECT_EQ(fl_get_u32(o, 48), 0u);
   EXPECT_EQ(fl_get_u16(o, 52), primary);
   EXPECT_EQ(fl_get_u16(o, 54), overflow);

@@ -2,9 +2,11 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "common/readconf.h"
 #include "common/readroot.h"
 #include "flib/fl_mempool.h"
 #include "flib/parttbl.h"
+#include "shmem/shmaddr.h"
 #include "mrvfile.h"
 
 namespace {
@@ -57,8 +59,12 @@ bool mrvfile_number(const std::string& text, long* out) {
 
 int main(int argc, char** argv) {
   if (argc < 2) return mrvfile_usage();
-  // An installation's part table applies when its home is known.
-  if (std::getenv("MRVHOME") != nullptr) read_root();
+  // An installation's configuration, marks and part table apply when its
+  // home is known.
+  if (std::getenv("MRVHOME") != nullptr) {
+    M_readconfg();
+    M_init_process(-1, 1);
+  }
   M_init_pools();
   if (M_load_part_table() < 0) return 1;
   for (const auto& command : kCommands) {

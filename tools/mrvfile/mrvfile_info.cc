@@ -1,9 +1,28 @@
 #include <cstdio>
+#include <filesystem>
+#include <fstream>
+#include <string>
 
 #include "flib/fl_filehdr.h"
 #include "flib/fl_open.h"
 #include "flib/fl_rel.h"
+#include "common/readconf.h"
 #include "mrvfile.h"
+
+namespace {
+
+// The language group that wrote the file, from its header (the first part
+// of a dynamic file).
+void print_language(const std::string& path) {
+  std::string header_path = std::filesystem::is_directory(path) ? path + "/dat001" : path;
+  std::ifstream in(header_path, std::ios::binary);
+  uint8_t block[FH_READ_SIZE] = {};
+  if (!in.read(reinterpret_cast<char*>(block), sizeof block)) return;
+  FileHeader h = decode_file_header(block);
+  std::printf("language group: %u/%u/%u\n", h.record_mark, h.lang2, h.lang3);
+}
+
+}  // namespace
 
 int mrvfile_info(const Args& args) {
   if (args.size() != 1) return mrvfile_usage();
@@ -20,6 +39,8 @@ int mrvfile_info(const Args& args) {
   std::printf("block size: %u (code %d)\n", rel.block_size, code_of_block_size(rel.block_size));
   std::printf("modulo: %d\n", rel.modulo);
   std::printf("recoverable: %d\n", rel.rfs);
+  print_language(args[0]);
+  std::printf("largest part: %d\n", rel.max_flength != 0 ? rel.max_flength : M_cfg_max_flength());
   if (rel.update_trigger[0] != '\0') std::printf("update trigger: %s\n", rel.update_trigger);
   if (rel.delete_trigger[0] != '\0') std::printf("delete trigger: %s\n", rel.delete_trigger);
   if (dynamic) {

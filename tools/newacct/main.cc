@@ -9,7 +9,9 @@
 
 #include "NT/NT_access.h"
 #include "common/mrv_marks.h"
+#include "common/readconf.h"
 #include "common/readroot.h"
+#include "shmem/shmaddr.h"
 #include "flib/fl_create.h"
 #include "flib/fl_mempool.h"
 #include "flib/fl_mkfile.h"
@@ -60,7 +62,11 @@ std::string record_of(const Item& item) {
 }  // namespace
 
 int main() {
-  if (std::getenv("MRVHOME") != nullptr) read_root();
+  // The account's files carry the marks of the installation's language group.
+  if (std::getenv("MRVHOME") != nullptr) {
+    M_readconfg();
+    M_init_process(-1, 1);
+  }
   M_init_pools();
   if (M_load_part_table() < 0) return 1;
   if (NT_access("VOC", 0) == 0) {
