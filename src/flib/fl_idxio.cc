@@ -10,6 +10,7 @@
 #include <filesystem>
 #include <memory>
 
+#include "common/readconf.h"
 #include "flib/fl_errout.h"
 #include "flib/fl_filehdr.h"
 #include "flib/fl_globals.h"
@@ -86,7 +87,7 @@ int create_part(IndexState* h, uint32_t part) {
   head.part_no = static_cast<uint8_t>(part);
   head.active_part = static_cast<uint8_t>(part);
   head.part_count = 0;
-  head.part_size_limit = static_cast<uint32_t>(M_max_flength());
+  head.part_size_limit = static_cast<uint32_t>(M_cfg_max_flength());
   head.free_count = 0;
   head.end_offset = h->node_size;
   head.slot_map = 0;
@@ -315,7 +316,7 @@ int M_create_index_file(REL_TYPE* rel, const IndexFileOptions& o) {
   head.ov_hash_type = o.ov_hash_type;
   head.large_flag = o.large ? 1 : 0;
   head.part_count = 1;
-  head.part_size_limit = static_cast<uint32_t>(M_max_flength());
+  head.part_size_limit = static_cast<uint32_t>(M_cfg_max_flength());
   if (!index_head_valid(head)) return -1;
   uint32_t size = idx_block_size(o.block_code);
   if (!key_length_fits(o.key_length, size)) {
