@@ -9,11 +9,13 @@
 
 #include "common/mrv_marks.h"
 #include "fl_idx_test_util.h"
+#include "flib/fl_clear.h"
 #include "flib/fl_errout.h"
 #include "flib/fl_filehdr.h"
 #include "flib/fl_globals.h"
 #include "flib/fl_idxbkt.h"
 #include "flib/fl_idxbuild.h"
+#include "flib/fl_voc.h"
 
 namespace {
 
@@ -557,6 +559,53 @@ TEST_F(IndexTrees, AnInsertBringsALooseSeparatorDownToItsChildsGreatestEntry) {
   EXPECT_EQ(tight.key, node_entries(tight.child).back().key);
   EXPECT_LT(tight.key, bound.key);
   EXPECT_EQ(check(), "");
+}
+
+}  // namespace
+
+namespace {
+
+// Clearing a file through its VOC entry empties its index files through
+// their headers: the trees stay usable and take the next writes.
+TEST(IndexClear, AClearedFileKeepsUsableEmptyIndexes) {
+  TempDir tmp;
+  std::filesystem::path previous = std::filesystem::current_path();
+  std::filesystem::current_path(tmp.path());
+  ASSERT_EQ(M_create_hashed("VOC", 7, 1, 0, 0, nullptr), 1);
+  ASSERT_EQ(M_open_voc("VOC"), 1);
+  for (const char* name : {"CUST", "STAT"}) {
+    ASSERT_EQ(M_create_hashed(name, std::string(name) == "CUST" ? 1 : 7, 1, std::string(name) == "CUST" ? 64 : 0, 0,
+                              nullptr), 1);
+    REL_TYPE voc;
+    ASSERT_EQ(M_openfile(&voc, "VOC", 2), 1);
+    std::string entry = "F" + std::string(1, static_cast<char>(M_FM)) + name + static_cast<char>(M_FM) + "D_" + name;
+    ASSERT_EQ(M_append_strtuple(&voc, key_bytes(name), 4, bytes(entry), length(entry), 0, nullptr), 1);
+    M_closefile(&voc);
+    REL_TYPE rel;
+    ASSERT_EQ(M_openfile(&rel, name, 2), 1);
+    ASSERT_EQ(M_create_index_file(&rel, small_nodes(8)), 1);
+    ASSERT_EQ(M_add_index(&rel, "N", 'D', 'S', 'T', 0, 1, nullptr, false), 1);
+    for (int i = 0; i < 300; ++i) {
+      std::string k = "k" + std::to_string(i), r = "a longer value " + std::to_string(i);
+      ASSERT_EQ(M_append_strtuple(&rel, bytes(k), length(k), bytes(r), length(r), 0, nullptr), 1);
+    }
+    M_closefile(&rel);
+    ASSERT_EQ(M_clear_one(name, 4, CLEAR_DATA, 0, 0, 0), 1) << name;
+    ASSERT_EQ(M_openfile(&rel, name, 2), 1);
+    ASSERT_NE(rel.index, nullptr) << name << ": the header counts its index again";
+    EXPECT_EQ(M_ndx_gethdr(&rel), 1);
+    int n = 0;
+    EXPECT_EQ(M_index_walk(rel.index, 0, "", true, [&](const std::string&, const std::string&) { return ++n, 0; }), 1);
+    EXPECT_EQ(n, 0) << name;
+    std::string k = "x", r = "new";
+    ASSERT_EQ(M_append_strtuple(&rel, bytes(k), 1, bytes(r), 3, 0, nullptr), 1);
+    SearchContext c;
+    EXPECT_EQ(M_find_key(rel.index, 0, FIND_EQUAL, "new", &c), 1);
+    EXPECT_TRUE(M_check_index(rel.index).empty());
+    M_closefile(&rel);
+  }
+  M_close_voc();
+  std::filesystem::current_path(previous);
 }
 
 }  // namespace
