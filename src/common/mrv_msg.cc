@@ -2,7 +2,9 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <climits>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
@@ -11,6 +13,7 @@
 #include <string>
 
 #include "common/mrv_exit.h"
+#include "common/mrv_status.h"
 
 int32_t msg_output_fd = -1;
 char msg_buffer[MRV_MSG_BUFFER_SIZE];
@@ -33,6 +36,9 @@ std::string M_vformat(const char* format, va_list args) {
 
 namespace {
 
+// The pause after each message when a person reads the console.
+constexpr int32_t kTerminalPauseMs = 1000;
+
 // Appends to the message buffer at the fill mark; what does not fit is cut.
 void buffer_append(const char* text, size_t length) {
   size_t room = MRV_MSG_BUFFER_SIZE - 1 - msg_buffer_fill;
@@ -48,13 +54,14 @@ void M_set_last_message_number(int32_t number) {
   std::snprintf(last_message_number, sizeof last_message_number, "%d", number);
 }
 
+int32_t M_msg_pause_for(const char* setting, bool console_is_terminal) {
+  if (setting == nullptr || *setting == '\0') return console_is_terminal ? kTerminalPauseMs : 0;
+  long ms = std::strtol(setting, nullptr, 10);
+  return ms < 0 ? 0 : static_cast<int32_t>(std::min<long>(ms, INT32_MAX));
+}
+
 int32_t M_msg_pause_ms() {
-  static int32_t pause = [] {
-    const char* v = std::getenv("MRV_MSG_PAUSE_MS");
-    if (v == nullptr || *v == '\0') return 1000;
-    long ms = std::strtol(v, nullptr, 10);
-    return ms < 0 ? 0 : static_cast<int32_t>(ms);
-  }();
+  static int32_t pause = M_msg_pause_for(std::getenv("MRV_MSG_PAUSE_MS"), isatty(STDOUT_FILENO) != 0);
   return pause;
 }
 
@@ -70,8 +77,10 @@ int M_msg_out(const char* text, size_t length) {
     buffer_append(text, length);
     return static_cast<int>(length);
   }
+  M_status_clear();
   std::fwrite(text, 1, length, stdout);
   std::fflush(stdout);
+  M_console_note(text, length);
   return static_cast<int>(length);
 }
 

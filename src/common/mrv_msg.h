@@ -1,8 +1,9 @@
 // Console messages of the system.
 //
 // M_errmsg is the general console output: it records the error code, prints
-// the text and then pauses (one second unless MRV_MSG_PAUSE_MS says
-// otherwise). The pause is deliberate behaviour of the console mode.
+// the text and then pauses, so that a person at the console can read it: one
+// second when standard output is a terminal, none when it goes to a file or
+// a pipe. MRV_MSG_PAUSE_MS sets the pause in milliseconds in both cases.
 //
 // When msg_output_fd is 0 or above, messages are not printed but collected in
 // a 4096-byte buffer to be flushed to that descriptor by its owner.
@@ -34,6 +35,9 @@ void M_set_last_message_number(int32_t number);
 // printf-style formatting into a string of whatever length it needs.
 std::string M_vformat(const char* format, va_list args);
 
-// The console pause in milliseconds: MRV_MSG_PAUSE_MS, default 1000.
+// The console pause in milliseconds: MRV_MSG_PAUSE_MS when it is set
+// (0: none), else 1000 on a terminal and 0 off one. Decided once a process.
 int32_t M_msg_pause_ms();
+// The rule behind it, for a setting (null when unset) and a console.
+int32_t M_msg_pause_for(const char* setting, bool console_is_terminal);
 void M_sleep_ms(int32_t milliseconds);

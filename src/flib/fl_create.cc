@@ -103,8 +103,8 @@ void M_load_settings(int32_t hashtype, int32_t* split_load, int32_t* merge_load)
 }
 
 int M_initfile(int fd, REL_TYPE* rel) {
-  int32_t k = std::clamp<int32_t>(static_cast<int32_t>(rel->block_size / 1024), 0, 16);
-  uint32_t b = k == 0 ? 512 : static_cast<uint32_t>(k) * 1024;
+  const int32_t k = std::clamp<int32_t>(api_code_of_block_size(rel->block_size), 0, 16);
+  const uint32_t b = block_size_of_api_code(k);
   rel->block_size = b;
   bool dynamic = hash_is_dynamic(rel->hashtype);
   int32_t modulo = rel->modulo;
@@ -374,7 +374,7 @@ int M_create_hashed(const char* path, int32_t modulo, int32_t block, int32_t typ
     M_msgno_out(0x2A3B, "%s", path);
     return 0;
   }
-  uint32_t b = block == 0 ? 512 : static_cast<uint32_t>(block) * 1024;
+  uint32_t b = block_size_of_api_code(block);
   REL_TYPE rel;
   std::snprintf(rel.path, sizeof rel.path, "%s", path);
   const char* slash = std::strrchr(path, '/');

@@ -94,6 +94,16 @@ void encode_file_header(const FileHeader& header, uint8_t* block);
 uint32_t block_size_of_code(int32_t code);
 // The code stored for a block size B.
 int32_t code_of_block_size(uint32_t block_size);
+// The size code as the creation calls take it: 0 for 512 bytes, n for
+// n*1024 (a size below 1024 is 512).
+inline constexpr int32_t api_code_of_block_size(uint32_t block_size) {
+  return static_cast<int32_t>(block_size / 1024);
+}
+inline constexpr uint32_t block_size_of_api_code(int32_t code) {
+  return code <= 0 ? 512 : static_cast<uint32_t>(code) * 1024;
+}
+static_assert(api_code_of_block_size(block_size_of_api_code(0)) == 0);
+static_assert(api_code_of_block_size(block_size_of_api_code(16)) == 16);
 
 // Prints the report for a format word that this machine does not accept:
 // which machine this is, then what the word says the file is. `rfs` picks

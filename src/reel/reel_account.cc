@@ -2,6 +2,8 @@
 
 #include <cstdarg>
 #include <cstdio>
+#include <filesystem>
+#include <system_error>
 #include <vector>
 
 #include "NT/NT_access.h"
@@ -18,6 +20,7 @@
 #include "reel/reel_current.h"
 #include "reel/reel_init.h"
 #include "reel/reel_settings.h"
+#include "reel/reel_summary.h"
 #include "reel/reel_target.h"
 
 CurrentFile reel_current;
@@ -46,6 +49,26 @@ const WorkFile kWorkFiles[] = {
     {"DAM", &reel_dam_file, 0, CREATE_DIR, "Can't open file DAM\n"},
 };
 
+std::string absolute_path(const std::string& path) {
+  std::error_code ec;
+  const std::filesystem::path absolute = std::filesystem::absolute(path, ec);
+  return ec ? path : absolute.lexically_normal().string();
+}
+
+// Where the close-down will leave the account, seen from inside it: under
+// the tape's name for it beside it (an absolute -T keeps its own), else in
+// the -T directory, else where it is.
+std::string final_directory() {
+  const RunSettings& s = reel_settings;
+  std::error_code ec;
+  const std::filesystem::path here = std::filesystem::current_path(ec);
+  const bool absolute_target = !s.target_dir.empty() && s.target_dir[0] == '/';
+  if (absolute_target) return s.target_dir;
+  if (!tape_account.empty()) return (here.parent_path() / tape_account).string();
+  if (!s.target_dir.empty()) return (here.parent_path() / s.target_dir).string();
+  return here.string();
+}
+
 bool exists(const std::string& path) { return NT_access(path.c_str(), 0) == 0; }
 
 // A directory that must be there: made, unless the run only loads into
@@ -66,6 +89,7 @@ void touch_side_file(const char* name, const char* failure) {
 }  // namespace
 
 void reel_open_account() {
+  reel_summary_account(reel_settings.account_name, absolute_path(reel_settings.account_name));
   const RunSettings& s = reel_settings;
   need_directory(s.account_name, "Account dir is not exist!\n");
   if (!s.target_dir.empty()) need_directory(s.target_dir, "Incompatable options (-T -O -D)\n");
@@ -101,6 +125,7 @@ void reel_open_dispmsg() {
 }
 
 void reel_close_account() {
+  reel_summary_account_at(final_directory());
   const RunSettings& s = reel_settings;
   CurrentFile& f = reel_current;
   if (f.rel != nullptr) {

@@ -16,6 +16,7 @@
 #include "common/mrv_exit.h"
 #include "common/mrv_marks.h"
 #include "common/mrv_msg.h"
+#include "common/mrv_status.h"
 #include "flib/fl_hash.h"
 #include "flib/fl_mem.h"
 #include "flib/fl_mkfile.h"
@@ -26,7 +27,9 @@
 #include "reel/reel_current.h"
 #include "reel/reel_device.h"
 #include "reel/reel_dynamic.h"
+#include "reel/reel_progress.h"
 #include "reel/reel_settings.h"
+#include "reel/reel_summary.h"
 #include "reel/reel_tape_format.h"
 #include "reel/reel_target.h"
 #include "reel/reel_util.h"
@@ -127,12 +130,20 @@ void prefetch_text(const TupleDesc& d) {
 #endif
 }
 
+// Console text written beside the messages (the dots): the status line
+// makes way for it first.
+void console_put(const char* text, bool flush) {
+  reel_progress_clear();
+  std::fputs(text, stdout);
+  if (flush) std::fflush(stdout);
+  M_console_note(text, std::strlen(text));
+}
+
 void count_restored(bool flush_dots) {
   ++reel_records_restored;
+  reel_progress_record(reel_records_restored);
   if (reel_records_restored % kDotEvery != 0) return;
-  std::fputs(".", stdout);
-  if (reel_records_restored % kLineEvery == 0) std::fputs("\n", stdout);
-  if (flush_dots) std::fflush(stdout);
+  console_put(reel_records_restored % kLineEvery == 0 ? ".\n" : ".", flush_dots);
 }
 
 void write_record(REL_TYPE* rel, char* key, int32_t key_len, char* data, int32_t data_len) {
@@ -170,7 +181,7 @@ bool read_all(int fd, void* data, size_t length) {
 void spill_long_buffer() {
   TupleBuffer& b = reel_long_tuples;
   if (spill_fd < 0) spill_fd = open(kSpillFile, O_RDWR | O_CREAT | O_TRUNC, 0644);
-  if (spill_fd < 0) std::printf("Can't open large file!\n");
+  if (spill_fd < 0) console_put("Can't open large file!\n", true);
   int32_t head[2] = {b.count, static_cast<int32_t>(b.desc_begin)};
   if (spill_fd >= 0 && write_all(spill_fd, head, sizeof head) && write_all(spill_fd, b.base, b.size)) {
     reset(b);
@@ -179,9 +190,13 @@ void spill_long_buffer() {
   if (reel_current.rel != nullptr && reel_resize_check() != 0) write_long_buffer(reel_current.rel.get());
 }
 
-void log_restored() {
+// The file's count goes to dispmsg and to the run summary: one number for
+// both, so that the two always agree.
+void log_restored(bool complete) {
+  const int32_t restored = reel_records_restored;
+  reel_summary_file_end(restored, complete);
   if (dispmsg == nullptr) return;
-  std::fprintf(dispmsg, "%d records restored\n", reel_records_restored);
+  std::fprintf(dispmsg, "%d records restored\n", restored);
   std::fflush(dispmsg);
 }
 
@@ -353,6 +368,7 @@ int reel_resize_check() {
   NT_rename(temporary, f.short_name.c_str(), 0);
   M_voc_delete(temporary);
   f.modulo = n;
+  if (SummaryFile* entry = reel_summary_current_file()) entry->resized_to = n;
   if (reel_open_loader(f.name) == 0) {
     reel_show('M', 0);
     return 0;
@@ -369,7 +385,7 @@ void reel_finish_file(REL_TYPE* rel) {
   // failed: the slot holds the handle in force.
   if (in_slot) rel = f.rel.get();
   if (rel == nullptr) {
-    log_restored();
+    log_restored(false);
     return;
   }
   M_mem_force_flush(rel, 1);
@@ -383,10 +399,11 @@ void reel_finish_file(REL_TYPE* rel) {
       char line[512];
       std::snprintf(line, sizeof line, "\t%s \t\t%d  ------->  %d", f.name.c_str(), rel->modulo, n);
       NT_cmd_echo_append(kResizeList, NT_echo_word(line));
+      if (SummaryFile* entry = reel_summary_current_file()) entry->suggested_modulo = n;
     }
   }
   M_closefile(rel);
   if (f.rel.get() == rel) f.rel.reset();
-  if (reel_records_restored % kLineEvery >= kDotEvery) std::fputs("\n", stdout);
-  log_restored();
+  if (reel_records_restored % kLineEvery >= kDotEvery) console_put("\n", false);
+  log_restored(true);
 }

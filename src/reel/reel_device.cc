@@ -16,7 +16,9 @@
 #include "reel/reel_current.h"
 #include "reel/reel_device.h"
 #include "reel/reel_init.h"
+#include "reel/reel_progress.h"
 #include "reel/reel_settings.h"
+#include "reel/reel_summary.h"
 #include "reel/reel_tape_format.h"
 
 int32_t tape_handle = -1;
@@ -101,6 +103,7 @@ int32_t reel_next_block(unsigned char* buffer) {
       reel_change_reel();
       continue;
     }
+    reel_progress_tape(n);
     // A short read leaves bytes of an earlier block behind it; the header
     // tests below must not see them.
     if (n < LABEL_SIZE) std::memset(buffer + n, 0, static_cast<size_t>(LABEL_SIZE - n));
@@ -178,6 +181,7 @@ void reel_read_label(unsigned char* buffer) {
 
 void reel_log_error(int code, const char* text) {
   if (dispmsg == nullptr) return;
+  reel_summary_dispmsg_error(code == REEL_ERR_RECORD);
   std::fprintf(dispmsg, "Blkno = %d \t", last_block_no);
   switch (code) {
     case REEL_ERR_READ:

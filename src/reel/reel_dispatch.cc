@@ -18,6 +18,7 @@
 #include "reel/reel_member.h"
 #include "reel/reel_plan.h"
 #include "reel/reel_settings.h"
+#include "reel/reel_summary.h"
 #include "reel/reel_tape_format.h"
 #include "reel/reel_target.h"
 #include "reel/reel_util.h"
@@ -192,7 +193,8 @@ void reel_account_block(unsigned char* buffer, int32_t* length) {
     return;
   }
   if (!tape_account.empty()) {
-    // An analysis covers the first account only.
+    // An analysis covers the first account only: its plan ends here.
+    if (s.analyse_mode) reel_summary_end(RunEnd::EndOfPlan);
     if (s.analyse_mode) reel_finish_analysis();
     reel_close_account();
     (s.target_dir.empty() ? s.account_name : s.target_dir) = name;
@@ -200,6 +202,7 @@ void reel_account_block(unsigned char* buffer, int32_t* length) {
     reel_open_dispmsg();
   }
   tape_account = name;
+  reel_summary_rename_account(name);
   reel_tell("\t\t\tACCT_NAME  ---  %s\n", name);
   reel_skip_blocks(buffer, length, kSkipObject);
 }

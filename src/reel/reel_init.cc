@@ -15,6 +15,7 @@
 #include "common/mrv_exit.h"
 #include "common/mrv_marks.h"
 #include "common/mrv_msg.h"
+#include "common/mrv_status.h"
 #include "common/readconf.h"
 #include "common/readroot.h"
 #include "flib/fl_globals.h"
@@ -27,7 +28,10 @@
 #include "reel/reel_get_expbuf.h"
 #include "reel/reel_options.h"
 #include "reel/reel_plan.h"
+#include "reel/reel_progress.h"
 #include "reel/reel_settings.h"
+#include "reel/reel_summary.h"
+#include "reel/reel_tape_format.h"
 #include "shmem/shmaddr.h"
 
 namespace {
@@ -35,15 +39,7 @@ namespace {
 constexpr rlim_t kOpenStreams = 2048;
 constexpr char kBreakPrompt[] = "\nBREAK: Enter Q<return> to Quit. Any other character to continue";
 
-void write_all(int fd, const char* text, size_t length) {
-  while (length > 0) {
-    ssize_t n = write(fd, text, length);
-    if (n < 0 && errno == EINTR) continue;
-    if (n <= 0) return;
-    text += n;
-    length -= static_cast<size_t>(n);
-  }
-}
+void write_all(int fd, const char* text, size_t length) { M_write_all(fd, text, length); }
 
 }  // namespace
 
@@ -72,6 +68,7 @@ void reel_startup() {
 }
 
 [[noreturn]] void reel_fatal(const char* message) {
+  reel_summary_end(RunEnd::Fatal);
   M_errmsg(0, "%s\n", message);
   M_errmsg(0, "%s", REEL_USAGE);
   M_exit_process();
@@ -86,6 +83,9 @@ void reel_startup() {
 }
 
 [[noreturn]] void reel_end_run() {
+  // The block loop notes its own end first: with none noted, this is the
+  // operator's E at a reel prompt.
+  reel_summary_end(RunEnd::Operator);
   if (reel_settings.analyse_mode) reel_finish_analysis();
   reel_close_account();
   reel_finish();
@@ -103,6 +103,7 @@ int reel_get_answer() {
       return c;
     }
     if (n < 0 && errno == EINTR) continue;
+    reel_summary_end(RunEnd::EndOfInput);
     reel_fatal("End of input while waiting for an answer.\n");
   }
 }
@@ -114,6 +115,7 @@ void reel_break_handler(int signal_number) {
     M_note_pending_signal(signal_number);
     return;
   }
+  reel_progress_clear();
   write_all(STDOUT_FILENO, kBreakPrompt, sizeof kBreakPrompt - 1);
   int answer = reel_get_answer();
   if (answer == 'Q' || answer == 'q') {
@@ -130,10 +132,13 @@ void reel_install_break_handler() {
   int32_t length = reel_next_block(buffer);
   while (stop_requested != 1)
     if (reel_dispatch_block(buffer, &length) == 0) break;
+  // The loop leaves with the end-of-save block in the buffer, or after a quit.
+  reel_summary_end(tape_block_type(buffer) == TAPE_BLOCK_END ? RunEnd::EndOfSave : RunEnd::Break);
   reel_end_run();
 }
 
 [[noreturn]] int reel_main(int argc, char** argv) {
+  reel_summary_arm();
   reel_platform_start();
   reel_parse_options(argc, argv);
   reel_startup();
@@ -146,6 +151,7 @@ void reel_install_break_handler() {
   reel_open_dispmsg();
   if (s.create_mode) {
     reel_apply_plan();
+    reel_summary_end(RunEnd::EndOfPlan);
     reel_close_account();
     reel_finish();
   }

@@ -4,8 +4,12 @@
 #pragma once
 
 #include <cstdint>
+#include <string_view>
 
+inline constexpr char REEL_PROGRAM[] = "REEL_INTAKE";
+inline constexpr char REEL_VERSION[] = "2.2.2";
 inline constexpr char REEL_BANNER[] = "\nREEL_INTAKE Version 2.2.2  \tMAR. 17 1992\n\n";
+static_assert(std::string_view(REEL_BANNER).find(REEL_VERSION) != std::string_view::npos);
 inline constexpr char REEL_FINISHED[] = "\n\t\tREEL_INTAKE is finished!!!\n\n";
 // The usage text names -F, which does not exist, and leaves out -E, -H, -S
 // and -T, which do. Operators' scripts know it as it is.

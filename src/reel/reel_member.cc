@@ -17,6 +17,7 @@
 #include "reel/reel_current.h"
 #include "reel/reel_device.h"
 #include "reel/reel_settings.h"
+#include "reel/reel_summary.h"
 #include "reel/reel_tape_format.h"
 #include "reel/reel_target.h"
 #include "reel/reel_util.h"
@@ -111,6 +112,7 @@ int reel_write_member(const char* directory, const char* item, int32_t item_len,
     done += static_cast<int32_t>(n);
   }
   close(fd);
+  if (first) reel_summary_member();  // counted once its first piece stands
   return 1;
 }
 
@@ -126,6 +128,11 @@ void reel_member_file(unsigned char* buffer, int32_t* length) {
     record_rename(key, f.short_name);
   std::vector<char> text(REEL_MEMBER_BUFFER);
   load_member(buffer, length, directory, f.short_name, true, text);
+
+  // A member of the account's top is a file of its own: complete when it
+  // was written.
+  if (const SummaryFile* entry = reel_summary_current_file())
+    reel_summary_file_end(-1, entry->records_restored > 0);
 }
 
 void reel_dir_members(unsigned char* buffer, int32_t* length) {

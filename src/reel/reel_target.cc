@@ -11,6 +11,7 @@
 #include "reel/reel_device.h"
 #include "reel/reel_get_expbuf.h"
 #include "reel/reel_settings.h"
+#include "reel/reel_summary.h"
 
 namespace {
 
@@ -121,6 +122,7 @@ int reel_open_target() {
 void reel_close_target() {
   CurrentFile& f = reel_current;
   if (f.rel == nullptr) return;
+  reel_summary_file_end(-1, true);
   M_closefile(f.rel.get());
   f.rel.reset();
 }
@@ -131,6 +133,7 @@ void reel_show(char letter, int ok) {
   switch (letter) {
     case 'L':
       reel_tell("Loading %s %s ...\n", kind, name);
+      reel_summary_file_begin();
       break;
     case 'O':
       reel_tell(f.file_kind == FILE_KIND_DICT ? "%s open dict failure!\n" : "%s open failure!\n",
@@ -146,6 +149,9 @@ void reel_show(char letter, int ok) {
         break;
       }
       reel_tell("Create %s %s --- %d ", kind, name, f.modulo);
+      reel_summary_file_begin();
+      // A plan's file is done once it is made: nothing is loaded into it.
+      if (reel_settings.create_mode) reel_summary_file_end(0, true);
       if (f.short_name != f.name)
         reel_tell(" -----> %s\n", f.short_name.c_str());
       else

@@ -6,6 +6,7 @@
 #include "NT/NT_access.h"
 #include "NT/NT_utils.h"
 #include "common/mrv_marks.h"
+#include "common/mrv_status.h"
 #include "flib/fl_read.h"
 #include "flib/fl_voc.h"
 #include "reel/reel_account.h"
@@ -83,6 +84,7 @@ std::string unique_name(std::string work, int mode) {
     work[static_cast<size_t>(len - 2)] = c2;
   }
   for (;;) {
+    M_status_clear();
     std::printf("Please enter a short name: ");
     std::fflush(stdout);
     char answer[256];
@@ -158,6 +160,7 @@ int reel_ask_overwrite(const std::string& tape_name, const std::string& target_n
   int answer = 0;
   if (s.recovery_mode == 1 || (readable && (tape_name == "BP" || !is_file_word(item.type)))) answer = 'O';
   while (answer != 'S' && answer != 'O') {
+    M_status_clear();  // the question stands on lines of its own
     std::printf(dict ? "The DICT %s exists. What do you want to do next:\n"
                      : "The file %s exists. What do you want to do next:\n",
                 tape_name.c_str());

@@ -8,6 +8,7 @@
 #include "common/mrv_msg.h"
 #include "reel/reel_device.h"
 #include "reel/reel_settings.h"
+#include "reel/reel_summary.h"
 #include "reel/reel_tape_format.h"
 
 int32_t reel_next_prime(int32_t n) {
@@ -137,6 +138,7 @@ void reel_log_bad_block(const char* name, const unsigned char* data, int32_t siz
   static FILE* bad_blocks = nullptr;
   if (bad_blocks == nullptr) bad_blocks = std::fopen("BAD_BLOCKS", "w");
   if (bad_blocks == nullptr) return;
+  reel_summary_bad_block();
   std::fprintf(bad_blocks, "\n%s\n", name);
   if (size > 0) std::fwrite(data, 1, static_cast<size_t>(size), bad_blocks);
   std::fflush(bad_blocks);

@@ -1,11 +1,14 @@
 // The mrvfile program, run as users run it.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
 #include <string>
+#include <vector>
 
+#include "flib/fl_filehdr.h"
 #include "support/run_program.h"
 #include "support/temp_dir.h"
 
@@ -29,7 +32,8 @@ TEST(Mrvfile, CreateInfoAndCheckOfBothKinds) {
   ProgramResult info = mrvfile("info " + dir + "/S");
   EXPECT_EQ(info.status, 0);
   EXPECT_NE(info.output.find("kind: static\n"), std::string::npos) << info.output;
-  EXPECT_NE(info.output.find("block size: 2048 (code 1)\n"), std::string::npos);
+  // The code in the form create takes: the file can be made alike.
+  EXPECT_NE(info.output.find("block size: 2048 (code 2)\n"), std::string::npos);
   EXPECT_NE(info.output.find("modulo: 7\n"), std::string::npos);
   EXPECT_NE(info.output.find("hash type: 1 (function 1)\n"), std::string::npos);
   ProgramResult check = mrvfile("check " + dir + "/S");
@@ -73,10 +77,123 @@ TEST(Mrvfile, UsageAndRefusals) {
   EXPECT_EQ(mrvfile("create --block 17 " + dir + "/S").status, 2);
   ASSERT_EQ(mrvfile("create " + dir + "/S").status, 0);
   EXPECT_EQ(mrvfile("create " + dir + "/S").status, 1);  // exists
-  EXPECT_EQ(mrvfile("info " + dir + "/missing").status, 1);
-  ProgramResult check = mrvfile("check " + dir + "/missing");
-  EXPECT_EQ(check.status, 1);
-  EXPECT_NE(check.output.find(dir + "/missing: the file does not open\n"), std::string::npos);
+}
+
+// Each command that opens a file names it and says in words what is wrong,
+// with no message number of the library.
+TEST(Mrvfile, FailuresNameTheFileAndTheFault) {
+  TempDir tmp;
+  const std::string dir = tmp.str();
+  std::filesystem::create_directory(dir + "/plain_dir");
+  std::ofstream(dir + "/text") << "not a hashed file at all, but long enough to be read as a header? no.\n";
+  struct Case {
+    std::string command;
+    std::string message;
+  };
+  const Case cases[] = {
+      {"info " + dir + "/missing", "mrvfile: " + dir + "/missing: no such file\n"},
+      {"check " + dir + "/missing", "mrvfile: " + dir + "/missing: no such file\n"},
+      {"list " + dir + "/missing", "mrvfile: " + dir + "/missing: no such file\n"},
+      {"get " + dir + "/plain_dir K", "mrvfile: " + dir + "/plain_dir: not a hashed file (a directory without dat001)\n"},
+      {"info " + dir + "/text", "mrvfile: " + dir + "/text: too short to hold a file header (library message 682)\n"},
+      {"load " + dir + "/text " + dir + "/none", "mrvfile: " + dir + "/none: no such file\n"},
+      {"verify " + dir + "/plain_dir",
+       "mrvfile: " + dir + "/plain_dir/VOC: no such file\n" + dir + "/plain_dir: not an account that can be verified\n"},
+  };
+  for (const Case& c : cases) {
+    ProgramResult r = mrvfile(c.command);
+    EXPECT_EQ(r.status, 1) << c.command;
+    EXPECT_EQ(r.output, c.message) << c.command;
+  }
+  for (int code : {0, 1, 4}) {
+    const std::string f = dir + "/B" + std::to_string(code);
+    ASSERT_EQ(mrvfile("create --block " + std::to_string(code) + " " + f).status, 0);
+    EXPECT_NE(mrvfile("info " + f).output.find("(code " + std::to_string(code) + ")\n"), std::string::npos) << code;
+  }
+}
+
+// 600 records with keys and data of every length up to a few blocks.
+std::string many_records() {
+  std::string text;
+  for (int i = 0; i < 600; ++i)
+    text += "K" + std::to_string(i) + "\t" + std::string(static_cast<size_t>(i * 7 % 3000), static_cast<char>('a' + i % 26)) + "\n";
+  return text;
+}
+
+std::string sorted_listing(const std::string& path) {
+  ProgramResult r = mrvfile("list --records " + path);
+  EXPECT_EQ(r.status, 0) << r.output;
+  std::vector<std::string> lines;
+  std::istringstream in(r.output);
+  for (std::string line; std::getline(in, line);) lines.push_back(line);
+  std::sort(lines.begin(), lines.end());
+  std::string joined;
+  for (const auto& line : lines) joined += line + "\n";
+  return joined;
+}
+
+TEST(Mrvfile, ResizeKeepsEveryRecordAtTheNewModulo) {
+  TempDir tmp;
+  for (const char* kind : {"", "--dynamic "}) {
+    const std::string f = tmp.str() + (*kind != '\0' ? "/D" : "/S");
+    ASSERT_EQ(mrvfile("create " + std::string(kind) + "--modulo 2 --block 1 " + f).status, 0);
+    ASSERT_EQ(mrvfile("load " + f, many_records()).status, 0);
+    const std::string before = sorted_listing(f);
+    // A part placed in another partition stands there behind a link of its
+    // name; it goes with the old layout.
+    const std::string elsewhere = tmp.str() + "/partition/over001";
+    if (*kind != '\0') {
+      std::filesystem::create_directories(tmp.str() + "/partition");
+      std::filesystem::rename(f + "/over001", elsewhere);
+      std::filesystem::create_symlink(elsewhere, f + "/over001");
+      ASSERT_EQ(sorted_listing(f), before);
+    }
+    ProgramResult r = mrvfile("resize " + f + " 37");
+    ASSERT_EQ(r.status, 0) << r.output;
+    EXPECT_EQ(r.output, f + ": modulo 2 -> 37, 600 records\n");
+    ProgramResult info = mrvfile("info " + f);
+    EXPECT_NE(info.output.find("modulo: 37\n"), std::string::npos) << info.output;
+    EXPECT_NE(info.output.find("(code 1)\n"), std::string::npos) << info.output;
+    EXPECT_EQ(info.output.find("kind: dynamic") != std::string::npos, *kind != '\0');
+    EXPECT_EQ(sorted_listing(f), before);
+    EXPECT_EQ(mrvfile("check " + f).status, 0);
+    // Nothing of the work is left beside the file.
+    for (const char* suffix : {".resize", ".resize-old", ".resize-records"})
+      EXPECT_FALSE(std::filesystem::exists(f + suffix)) << suffix;
+    EXPECT_FALSE(std::filesystem::exists(elsewhere));
+  }
+}
+
+TEST(Mrvfile, ResizeRefusesAndLeavesTheFileAsItWas) {
+  TempDir tmp;
+  const std::string f = tmp.str() + "/S";
+  ASSERT_EQ(mrvfile("create --modulo 3 " + f).status, 0);
+  ASSERT_EQ(mrvfile("load " + f, "A\t1\nB\t2\n").status, 0);
+  EXPECT_EQ(mrvfile("resize " + f).status, 2);
+  EXPECT_EQ(mrvfile("resize " + f + " x").status, 2);
+  EXPECT_EQ(mrvfile("resize " + f + " 0").output, "mrvfile: " + f + ": the modulo must be 1 or more\n");
+  EXPECT_EQ(mrvfile("resize " + tmp.str() + "/none 5").output, "mrvfile: " + tmp.str() + "/none: no such file\n");
+  // A file whose header counts indexes is refused: they would be lost.
+  {
+    std::fstream h(f, std::ios::in | std::ios::out | std::ios::binary);
+    h.seekp(FH_INDEX_COUNT);
+    h.put(1);
+  }
+  ProgramResult indexed = mrvfile("resize " + f + " 5");
+  EXPECT_EQ(indexed.status, 1);
+  EXPECT_NE(indexed.output.find("has 1 alternate key index(es)"), std::string::npos) << indexed.output;
+  {
+    std::fstream h(f, std::ios::in | std::ios::out | std::ios::binary);
+    h.seekp(FH_INDEX_COUNT);
+    h.put(0);
+  }
+  // The trace of a resize that broke off stops the next one until removed.
+  std::filesystem::create_directory(f + ".resize-old");
+  ProgramResult r = mrvfile("resize " + f + " 5");
+  EXPECT_EQ(r.status, 1);
+  EXPECT_NE(r.output.find("a resize was left half done"), std::string::npos) << r.output;
+  EXPECT_NE(mrvfile("info " + f).output.find("modulo: 3\n"), std::string::npos);
+  EXPECT_EQ(sorted_listing(f), "A\t1\nB\t2\n");
 }
 
 TEST(Mrvfile, RecordsGoInComeOutAndGo) {

@@ -25,6 +25,8 @@ constexpr Command kCommands[] = {
     {"delete", mrvfile_delete},
     {"list", mrvfile_list},
     {"load", mrvfile_load},
+    {"resize", mrvfile_resize},
+    {"verify", mrvfile_verify},
     {"index", mrvfile_index},
 };
 
@@ -40,6 +42,8 @@ int mrvfile_usage() {
       "       mrvfile delete PATH KEY\n"
       "       mrvfile list [--records] PATH\n"
       "       mrvfile load PATH [FILE]\n"
+      "       mrvfile resize PATH MODULO\n"
+      "       mrvfile verify ACCOUNT [--summary PATH]\n"
       "       mrvfile index add PATH NAME FIELD [--multi] [--numeric] [--later] [--no-empty]\n"
       "                         [--key-length N] [--block CODE] [--compress] [--large] [--ov-modulo N]\n"
       "       mrvfile index list|build|check PATH, index build|scan|drop PATH NAME,\n"

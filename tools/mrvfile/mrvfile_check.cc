@@ -5,6 +5,10 @@
 
 int mrvfile_check(const Args& args) {
   if (args.size() != 1) return mrvfile_usage();
+  if (std::string problem = mrvfile_path_problem(args[0], false); !problem.empty()) {
+    std::fprintf(stderr, "mrvfile: %s: %s\n", args[0].c_str(), problem.c_str());
+    return 1;
+  }
   std::vector<std::string> findings;
   int count = M_check_file(args[0].c_str(), &findings);
   for (const auto& line : findings) std::printf("%s\n", line.c_str());

@@ -1,3 +1,5 @@
+#include <unistd.h>
+
 #include <cstdio>
 
 #include "flib/fl_create.h"
@@ -39,7 +41,8 @@ int mrvfile_create(const Args& args) {
   int32_t type = static_cast<int32_t>(hash) | (dynamic ? HASH_DYNAMIC : 0) | (keydata ? HASH_KEYDATA : 0);
   if (M_create_hashed(path.c_str(), static_cast<int32_t>(modulo), static_cast<int32_t>(block), type, 0,
                       nullptr) != 1) {
-    std::fprintf(stderr, "mrvfile: cannot create %s\n", path.c_str());
+    std::fprintf(stderr, "mrvfile: %s: cannot create: %s\n", path.c_str(),
+                 access(path.c_str(), F_OK) == 0 ? "it exists already" : "the directory refuses it or the disk is full");
     return 1;
   }
   return 0;

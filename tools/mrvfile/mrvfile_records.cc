@@ -23,13 +23,6 @@ namespace {
 const uint8_t* bytes(const std::string& s) { return reinterpret_cast<const uint8_t*>(s.data()); }
 int32_t length(const std::string& s) { return static_cast<int32_t>(s.size()); }
 
-// Opens the file for the command; prints why not.
-bool open_file(REL_TYPE* rel, const std::string& path, int32_t mode) {
-  if (M_openfile(rel, path.c_str(), mode) == 1) return true;
-  std::fprintf(stderr, "mrvfile: cannot open %s\n", path.c_str());
-  return false;
-}
-
 std::string read_all(std::istream& in) {
   return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
 }
@@ -40,7 +33,7 @@ int mrvfile_put(const Args& args) {
   if (args.size() != 2) return mrvfile_usage();
   std::string record = read_all(std::cin);
   REL_TYPE rel;
-  if (!open_file(&rel, args[0], 2)) return 1;
+  if (!mrvfile_open(&rel, args[0], 2)) return 1;
   int r = M_append_strtuple(&rel, bytes(args[1]), length(args[1]), bytes(record), length(record), 0, nullptr);
   M_closefile(&rel);
   return r == 1 ? 0 : 1;
@@ -49,11 +42,11 @@ int mrvfile_put(const Args& args) {
 int mrvfile_get(const Args& args) {
   if (args.size() != 2) return mrvfile_usage();
   REL_TYPE rel;
-  if (!open_file(&rel, args[0], 0)) return 1;
+  if (!mrvfile_open(&rel, args[0], 0)) return 1;
   std::string record;
   int r = M_read_tuple(&rel, bytes(args[1]), length(args[1]), &record);
   M_closefile(&rel);
-  if (r == 0) std::fprintf(stderr, "mrvfile: no record %s\n", args[1].c_str());
+  if (r == 0) std::fprintf(stderr, "mrvfile: %s: no record %s\n", args[0].c_str(), args[1].c_str());
   if (r != 1) return 1;
   std::fwrite(record.data(), 1, record.size(), stdout);
   return 0;
@@ -62,10 +55,10 @@ int mrvfile_get(const Args& args) {
 int mrvfile_delete(const Args& args) {
   if (args.size() != 2) return mrvfile_usage();
   REL_TYPE rel;
-  if (!open_file(&rel, args[0], 2)) return 1;
+  if (!mrvfile_open(&rel, args[0], 2)) return 1;
   int r = M_delete_tuple(&rel, bytes(args[1]), length(args[1]), nullptr);
   M_closefile(&rel);
-  if (r == 0) std::fprintf(stderr, "mrvfile: no record %s\n", args[1].c_str());
+  if (r == 0) std::fprintf(stderr, "mrvfile: %s: no record %s\n", args[0].c_str(), args[1].c_str());
   return r == 1 ? 0 : 1;
 }
 
@@ -73,7 +66,7 @@ int mrvfile_list(const Args& args) {
   bool records = !args.empty() && args[0] == "--records";
   if (args.size() != (records ? 2u : 1u)) return mrvfile_usage();
   REL_TYPE rel;
-  if (!open_file(&rel, args.back(), 0)) return 1;
+  if (!mrvfile_open(&rel, args.back(), 0)) return 1;
   std::string record;
   int r = M_for_each_key(&rel, [&](const uint8_t* key, int32_t key_length, const uint8_t* block, int32_t row,
                                    uint32_t address) {
@@ -98,7 +91,7 @@ int mrvfile_load(const Args& args) {
   if (args.size() == 2) {
     std::ifstream in(args[1], std::ios::binary);
     if (!in) {
-      std::fprintf(stderr, "mrvfile: cannot read %s\n", args[1].c_str());
+      std::fprintf(stderr, "mrvfile: %s: %s\n", args[1].c_str(), mrvfile_path_problem(args[1], false).c_str());
       return 1;
     }
     text = read_all(in);
@@ -116,13 +109,13 @@ int mrvfile_load(const Args& args) {
     std::pair<std::string, std::string> entry;
     if (tab == std::string::npos || !mrvfile_unescape(row.substr(0, tab), &entry.first) ||
         !mrvfile_unescape(row.substr(tab + 1), &entry.second)) {
-      std::fprintf(stderr, "mrvfile: line %d: not KEY<TAB>RECORD\n", line);
+      std::fprintf(stderr, "mrvfile: %s: line %d: not KEY<TAB>RECORD\n", args.size() == 2 ? args[1].c_str() : "standard input", line);
       return 1;
     }
     records.push_back(std::move(entry));
   }
   REL_TYPE rel;
-  if (!open_file(&rel, args[0], 2)) return 1;
+  if (!mrvfile_open(&rel, args[0], 2)) return 1;
   // In group order, as a restore hands them over: the head blocks are then
   // written in long runs.
   std::vector<std::pair<uint32_t, size_t>> order;
@@ -137,7 +130,7 @@ int mrvfile_load(const Args& args) {
   for (const auto& [group, i] : order) {
     const auto& [key, record] = records[i];
     if (M_mem_add_tuple(&rel, bytes(key), length(key), bytes(record), length(record)) != 1) {
-      std::fprintf(stderr, "mrvfile: record %s not loaded\n", mrvfile_escape(key).c_str());
+      std::fprintf(stderr, "mrvfile: %s: record %s not loaded\n", args[0].c_str(), mrvfile_escape(key).c_str());
       result = 1;
     }
   }
