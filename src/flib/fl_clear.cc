@@ -16,6 +16,7 @@
 #include "flib/fl_delete.h"
 #include "flib/fl_errout.h"
 #include "flib/fl_hash.h"
+#include "flib/fl_index.h"
 #include "flib/fl_lock.h"
 #include "flib/fl_mkfile.h"
 #include "flib/fl_open.h"
@@ -258,7 +259,10 @@ int clear_data(const std::string& name, const VocEntry& entry, int32_t force, in
 
 }  // namespace
 
-int M_clear_reset_index(REL_TYPE* rel) { return rel != nullptr ? 1 : 0; }
+int M_clear_reset_index(REL_TYPE* rel) {
+  int32_t count = 0;
+  return rel != nullptr && M_clear_all_indexes(rel, &count) >= 0 ? 1 : 0;
+}
 
 int M_remove_dir_files(const char* path, const char* pattern) {
   std::string_view list(pattern != nullptr ? pattern : "");

@@ -49,8 +49,8 @@ int clear_l_dict_file(REL_TYPE* rel);
 // deleted.
 int M_remove_dir_files(const char* path, const char* pattern);
 
-// The index files of a cleared file are emptied through their headers.
-// Called with the file open after its new layout. No index files exist for
-// the files of this build yet, so nothing is reset today; the index module
-// takes over this function when it lands. 1 or 0.
+// The index files of a cleared file are emptied through their headers
+// (M_clear_all_indexes): every tree emptied and still usable, the buckets
+// reset, the update log gone, the header's index count put back. Called
+// with the file open after its new layout. 1, or 0 when the reset failed.
 int M_clear_reset_index(REL_TYPE* rel);

@@ -8,6 +8,7 @@
 #include "flib/fl_dirfile.h"
 #include "flib/fl_free.h"
 #include "flib/fl_hash.h"
+#include "flib/fl_idxupd.h"
 #include "flib/fl_io.h"
 #include "flib/fl_lock.h"
 #include "flib/fl_rel.h"
@@ -146,6 +147,8 @@ int M_delete_tuple(REL_TYPE* rel, const uint8_t* key, int32_t key_length, void* 
   if (M_delete_hook != nullptr && rel->delete_trigger[0] != '\0' && M_delete_hook(rel, key, key_length) != 0)
     return 0;
   if (rel->modulo == 0) return M_dir_delete(rel, key, key_length);
+  IndexPrep prep;
+  if (M_index_prepare(rel, key, key_length, &prep) < 0) return M_file_error(rel, fn, "index", key, key_length, 0);
   int64_t head = M_dyn_hash(rel, key, key_length, LOCK_EXCLUSIVE);
   if (head < 0) return M_file_error(rel, fn, nullptr, key, key_length, static_cast<int32_t>(M_groupno));
   uint32_t b = rel->block_size;
@@ -157,6 +160,7 @@ int M_delete_tuple(REL_TYPE* rel, const uint8_t* key, int32_t key_length, void* 
   auto finish = [&](int r) {
     if (M_release_blk_in_buffer(rel, 0) != 0 || M_release_to_file(rel, 0) != 0) r = -1;
     M_unlock_block(rel, static_cast<uint32_t>(head));
+    if (r == 1 && M_index_commit(rel, key, key_length, prep, nullptr, 0) < 0) r = -1;
     if (r < 0) M_file_error(rel, fn, nullptr, key, key_length, static_cast<int32_t>(M_groupno));
     return r;
   };

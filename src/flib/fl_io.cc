@@ -61,9 +61,11 @@ void rebase_rows(uint8_t* block, uint32_t block_size) {
 
 }  // namespace
 
-int M_fs_full_wait() {
-  M_errmsg(0, "File system(s) full. You must reclaim space or change the part table.\n"
-              "When you are ready, press <RETURN> to continue.");
+int M_fs_full_wait(const char* message) {
+  M_errmsg(0, "%s",
+           message != nullptr ? message
+                              : "File system(s) full. You must reclaim space or change the part table.\n"
+                                "When you are ready, press <RETURN> to continue.");
   for (;;) {
     char c;
     ssize_t n = read(STDIN_FILENO, &c, 1);

@@ -53,8 +53,9 @@ ssize_t M_ls_write(int fd, const uint8_t* buffer, size_t length, off_t offset);
 int M_set_over_fd(REL_TYPE* rel, int32_t part_number);
 // The full-disk routine: tells the operator and waits for RETURN. 0 to try
 // again, -1 when no answer can come (end of input): it says so, turns the
-// no-wait switch on and sets M_full_wait_abandoned.
-int M_fs_full_wait();
+// no-wait switch on and sets M_full_wait_abandoned. `message` replaces the
+// text of the hashed files (the index file has its own).
+int M_fs_full_wait(const char* message = nullptr);
 
 // Row index of `key` in a group block, or -1. The key area is walked from
 // datapos downward; a length that would leave the key area ends the walk.

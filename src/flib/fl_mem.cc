@@ -15,6 +15,7 @@
 #include "flib/fl_free.h"
 #include "flib/fl_hash.h"
 #include "flib/fl_io.h"
+#include "flib/fl_index.h"
 #include "flib/fl_lock.h"
 #include "flib/fl_ovhdr.h"
 #include "flib/fl_rel.h"
@@ -194,6 +195,8 @@ int M_init_mem_buffers(REL_TYPE* rel) {
     M_file_error(rel, "M_init_mem_buffers", "M_mrvlockf", nullptr, 0, 0);
     return -1;
   }
+  // This writer keeps no index: the file's trees wait for a build.
+  M_index_mark_to_build(rel);
   g_mem = MemState{};
   drop_window();
   g_mem.rel = rel;

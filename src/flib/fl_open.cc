@@ -18,6 +18,7 @@
 #include "flib/fl_filehdr.h"
 #include "flib/fl_globals.h"
 #include "flib/fl_hash.h"
+#include "flib/fl_index.h"
 #include "flib/fl_io.h"
 #include "flib/fl_lock.h"
 #include "flib/fl_ovhdr.h"
@@ -97,6 +98,17 @@ bool header_words_ok(const FileHeader& h, const char* name, int64_t size, uint32
   return true;
 }
 
+// A header that counts indexes has its index file opened with it; a
+// damaged index keeps the file shut, unless the caller asked for the data
+// alone (OPEN_NO_INDEX), so that no write can leave the index behind.
+int open_index_of(REL_TYPE* rel, const FileHeader& h, int32_t mode) {
+  if (h.index_count == 0 || (mode & OPEN_NO_INDEX) != 0) return 1;
+  if (M_open_index(rel) >= 0) return 1;
+  M_errout(0, "Index: master head has been damaged\n");
+  M_closefile(rel);
+  return -1;
+}
+
 }  // namespace
 
 int M_openfile(REL_TYPE* rel, const char* path, int32_t mode) {
@@ -105,7 +117,7 @@ int M_openfile(REL_TYPE* rel, const char* path, int32_t mode) {
   std::snprintf(rel->path, sizeof rel->path, "%s", path);
   rel->name_len = static_cast<uint8_t>(std::min<size_t>(std::strlen(rel->name), 255));
   rel->path_len = rel->name_len;
-  rel->open_mode = mode & 0x7FFFFFFF;
+  rel->open_mode = mode & ~(OPEN_TEMPORARY | OPEN_NO_INDEX);
   rel->temporary = (mode & OPEN_TEMPORARY) != 0 ? 1 : 0;
 
   struct stat st;
@@ -178,7 +190,7 @@ int M_openfile(REL_TYPE* rel, const char* path, int32_t mode) {
   }
   rel->rfs = static_cast<uint8_t>(h.rfs);
   rel->fd = fd;
-  if (!dynamic) return 1;
+  if (!dynamic) return open_index_of(rel, h, mode);
 
   // A dynamic file: the live state is in block 0 of over001.
   M_part_path(rel, 1 | PART_OVERFLOW, part, sizeof part);
@@ -237,10 +249,11 @@ int M_openfile(REL_TYPE* rel, const char* path, int32_t mode) {
     return open_error(rel, "malloc", fd, over_fd);
   }
   if (M_unlock_block(rel, ADDR_OVERFLOW) != 0) return open_error(rel, "M_mrvunlock", fd, over_fd);
-  return 1;
+  return open_index_of(rel, h, mode);
 }
 
 void M_closefile(REL_TYPE* rel) {
+  M_close_index(rel);
   // Closing a descriptor gives up the process's locks on the file.
   M_unmap_reading(rel);
   rel->file_lock = 0;

@@ -12,6 +12,9 @@ struct REL_TYPE;
 
 // Mode bit that marks a temporary open.
 inline constexpr int32_t OPEN_TEMPORARY = static_cast<int32_t>(0x80000000u);
+// Mode bit that opens the data without the file's index (tools that look
+// at a damaged index).
+inline constexpr int32_t OPEN_NO_INDEX = 0x40000000;
 
 // mode 0 read, 1 write, other values read-write; OPEN_TEMPORARY may be
 // OR-ed in. 1 opened, 0 absent or no permission, -1 error.

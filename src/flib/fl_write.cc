@@ -15,6 +15,7 @@
 #include "flib/fl_free.h"
 #include "flib/fl_globals.h"
 #include "flib/fl_hash.h"
+#include "flib/fl_idxupd.h"
 #include "flib/fl_io.h"
 #include "flib/fl_lock.h"
 #include "flib/fl_mem.h"
@@ -759,6 +760,11 @@ int M_append_strtuple(REL_TYPE* rel, const uint8_t* key, int32_t key_length, con
     M_add_mode = 0;
     return M_dir_write(rel, key, key_length, record, record_length, mode);
   }
+  IndexPrep prep;
+  if (M_index_prepare(rel, key, key_length, &prep) < 0) {
+    M_add_mode = 0;
+    return wr_error(rel, fn, "index", key, key_length);
+  }
   int64_t head = M_dyn_hash(rel, key, key_length, LOCK_EXCLUSIVE);
   if (head < 0) {
     M_add_mode = 0;
@@ -766,5 +772,6 @@ int M_append_strtuple(REL_TYPE* rel, const uint8_t* key, int32_t key_length, con
   }
   int r = add_to_group(rel, static_cast<uint32_t>(head), key, key_length, record, record_length + 1, nullptr, index_data);
   M_unlock_block(rel, static_cast<uint32_t>(head));
+  if (r == 1 && M_index_commit(rel, key, key_length, prep, record, record_length) < 0) return -1;
   return r == 1 ? 1 : -1;
 }

@@ -24,6 +24,7 @@
 #include <string>
 #include <vector>
 
+#include "../bench_util.h"
 #include "NT/NT_utils.h"
 #include "flib/fl_create.h"
 #include "flib/fl_delete.h"
@@ -40,32 +41,21 @@
 
 namespace {
 
-uint64_t mix(uint64_t x) {
-  x += 0x9E3779B97F4A7C15ull;
-  x = (x ^ (x >> 30)) * 0xBF58476D1CE4E5B9ull;
-  x = (x ^ (x >> 27)) * 0x94D049BB133111EBull;
-  return x ^ (x >> 31);
-}
-
 std::string key_of(uint64_t i) { return "R" + std::to_string(i * 7919 % 100000007); }
 
 // Record i: mostly short, some of a few blocks, a few of many blocks.
 std::string record_of(uint64_t i) {
-  uint64_t r = mix(i);
+  uint64_t r = bench_mix(i);
   unsigned pick = static_cast<unsigned>(r % 100);
   size_t length = pick < 75 ? 8 + (r >> 8) % 113 : pick < 95 ? 120 + (r >> 8) % 881
                 : pick < 99 ? 1000 + (r >> 8) % 3001 : 4000 + (r >> 8) % 12001;
   std::string out(length, '\0');
   uint64_t x = r;
   for (size_t j = 0; j < length; ++j) {
-    if (j % 8 == 0) x = mix(x);
+    if (j % 8 == 0) x = bench_mix(x);
     out[j] = static_cast<char>(0x20 + (x >> (8 * (j % 8))) % 0x5F);
   }
   return out;
-}
-
-double seconds_since(std::chrono::steady_clock::time_point start) {
-  return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
 }
 
 int usage() {
@@ -93,7 +83,7 @@ int run_grow(const std::string& path, long records, long block, int32_t type) {
         std::fprintf(stderr, "flbench: %s of record %u failed\n", what, i);
         return -1.0;
       }
-    double took = seconds_since(start);
+    double took = bench_seconds_since(start);
     std::printf("%s: %.2f s, %.0f records/s, modulo %d, split base %u, %zu primary and %zu overflow parts\n", what,
                 took, records / took, rel.modulo, rel.split_base, rel.primary.size(), rel.overflow.size());
     return took;
@@ -188,7 +178,7 @@ int main(int argc, char** argv) {
     }
   }
   if (!single && M_mem_force_flush(&rel, 1) != 1) return 1;
-  double load = seconds_since(start);
+  double load = bench_seconds_since(start);
   uint64_t writes = M_mem_write_calls + M_block_writes - writes_before;
 
   start = std::chrono::steady_clock::now();
@@ -201,7 +191,7 @@ int main(int argc, char** argv) {
       return 1;
     }
   }
-  double read = seconds_since(start);
+  double read = bench_seconds_since(start);
   M_closefile(&rel);
   NT_RemoveFile(path.c_str(), "");
 

@@ -27,6 +27,7 @@ constexpr Command kCommands[] = {
     {"load", mrvfile_load},
     {"resize", mrvfile_resize},
     {"verify", mrvfile_verify},
+    {"index", mrvfile_index},
 };
 
 }  // namespace
@@ -42,7 +43,11 @@ int mrvfile_usage() {
       "       mrvfile list [--records] PATH\n"
       "       mrvfile load PATH [FILE]\n"
       "       mrvfile resize PATH MODULO\n"
-      "       mrvfile verify ACCOUNT [--summary PATH]\n",
+      "       mrvfile verify ACCOUNT [--summary PATH]\n"
+      "       mrvfile index add PATH NAME FIELD [--multi] [--numeric] [--later] [--no-empty]\n"
+      "                         [--key-length N] [--block CODE] [--compress] [--large] [--ov-modulo N]\n"
+      "       mrvfile index list|build|check PATH, index build|scan|drop PATH NAME,\n"
+      "       mrvfile index find PATH NAME VALUE\n",
       stderr);
   return 2;
 }

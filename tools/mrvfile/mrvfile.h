@@ -11,6 +11,7 @@
 //   mrvfile load PATH [FILE]      (KEY<TAB>RECORD lines, buffered writer)
 //   mrvfile resize PATH MODULO    (laid out again beside, then renamed)
 //   mrvfile verify ACCOUNT [--summary PATH]
+//   mrvfile index add|list|build|scan|find|drop|check ...  (mrvfile_index.cc)
 //
 // Each command is one function over the arguments after its name; it
 // returns the exit status: 0 done, 1 failed (or findings), 2 usage error.
@@ -32,6 +33,7 @@ int mrvfile_get(const Args& args);
 int mrvfile_delete(const Args& args);
 int mrvfile_list(const Args& args);
 int mrvfile_load(const Args& args);
+int mrvfile_index(const Args& args);
 int mrvfile_resize(const Args& args);
 int mrvfile_verify(const Args& args);
 
