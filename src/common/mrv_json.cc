@@ -1,6 +1,7 @@
 #include "common/mrv_json.h"
 
 #include <cstdlib>
+#include <utility>
 
 namespace {
 
@@ -94,7 +95,7 @@ struct Parser {
         ++at;
         JsonValue member;
         if (!value(&member, depth + 1)) return false;
-        v->members.emplace_back(std::move(name), std::move(member));
+        v->members.push_back({std::move(name), std::move(member)});
         blanks();
         if (at < s.size() && s[at] == ',') { ++at; continue; }
         if (at < s.size() && s[at] == '}') return ++at, true;

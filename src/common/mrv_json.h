@@ -5,8 +5,9 @@
 #pragma once
 
 #include <string>
-#include <utility>
 #include <vector>
+
+struct JsonMember;
 
 struct JsonValue {
   enum class Type { Null, Bool, Number, String, Array, Object };
@@ -15,7 +16,7 @@ struct JsonValue {
   double number = 0;
   std::string text;
   std::vector<JsonValue> items;                             // an array's
-  std::vector<std::pair<std::string, JsonValue>> members;  // an object's, in order
+  std::vector<JsonMember> members;  // an object's, in order
 
   // The member `name` of an object, or null when absent or not an object.
   const JsonValue* get(const std::string& name) const;
@@ -23,6 +24,13 @@ struct JsonValue {
   std::string text_of(const std::string& name, const std::string& fallback = "") const;
   double number_of(const std::string& name, double fallback = 0) const;
   bool bool_of(const std::string& name, bool fallback = false) const;
+};
+
+// One member of an object. A struct of its own rather than a std::pair, since
+// a pair may not hold the still incomplete JsonValue.
+struct JsonMember {
+  std::string name;
+  JsonValue value;
 };
 
 // Parses a whole document. False with a message naming the offset when the

@@ -280,7 +280,7 @@ int M_create_part_file(REL_TYPE* rel, const char* path, uint32_t* device, uint32
       if (unlink(path) != 0) return create_error("Unlink file (%s) error, please delete this file.\n", path);
     }
     while (NT_symlink(part_path.c_str(), path) != 0) {
-      if ((errno == EIO || errno == ENOSPC) && !M_no_wait != 0 && M_fs_full_wait() == 0) continue;
+      if ((errno == EIO || errno == ENOSPC) && M_no_wait == 0 && M_fs_full_wait() == 0) continue;
       return create_error("make symbol mrv_link (%s, %s) error\n", part_path.c_str(), path);
     }
   }
