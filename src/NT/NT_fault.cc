@@ -42,17 +42,17 @@ FaultSwitch& fault_switch() {
   s.read = true;
   const char* text = std::getenv("MRV_FAULT");
   if (text == nullptr) return s;
-  const std::string spec = text;
-  if (spec == "count") {
+  const std::string setting = text;
+  if (setting == "count") {
     s.fault = Fault::kCount;
     std::atexit(print_counts);
     return s;
   }
-  const size_t colon = spec.find(':');
+  const size_t colon = setting.find(':');
   if (colon == std::string::npos) return s;
-  const std::string what = spec.substr(0, colon);
+  const std::string what = setting.substr(0, colon);
   char* end = nullptr;
-  const unsigned long long n = std::strtoull(spec.c_str() + colon + 1, &end, 10);
+  const unsigned long long n = std::strtoull(setting.c_str() + colon + 1, &end, 10);
   if (n == 0) return s;
   s.at = n;
   if (what == "read" && *end == '\0') {
