@@ -1,16 +1,12 @@
 // The installation around a run: homes laid out by mrvhome, mrvconfig
 // written and checked by mrvconf, its parameters and language group taking
-// effect in a restore of static and dynamic files, and the administrator's
-// stop switch.
+// effect in a restore of static and dynamic files.
 #include <filesystem>
 #include <string>
 
 #include <gtest/gtest.h>
 
-#include "sandbox.h"
-#include "support/files.h"
-#include "support/run_program.h"
-#include "support/temp_dir.h"
+#include "e2e/sandbox.h"
 
 namespace {
 
@@ -173,17 +169,6 @@ TEST(ConfiguredRestore, AGroupThatLanggrpLacksIsSetBackToTheDefault) {
   EXPECT_NE(r.output.find("Missing or invalid MRV_LANGGRP in " + box.home_dir() + "/include/mrvconfig\n"),
             std::string::npos)
       << r.output;
-}
-
-TEST(ConfiguredRestore, StoppedEndsTheRunBeforeAnythingIsMade) {
-  Sandbox box(kSave);
-  spill(box.registry(), "STOPPED=1\n");
-  ProgramResult r = box.reel({"-U", "0", "SALES"});
-  EXPECT_EQ(r.status, 1);
-  EXPECT_NE(r.output.find("An Administrator has stopped Morvane from running.\nUse startmr to restart Morvane.\n"),
-            std::string::npos)
-      << r.output;
-  EXPECT_FALSE(fs::exists(box.account("SALES")));
 }
 
 }  // namespace

@@ -30,12 +30,6 @@ const std::string kMembers =
     "sub LIB dir\n"  // not a member: passed
     "end\n";
 
-size_t count_of(const std::string& text, const std::string& part) {
-  size_t n = 0;
-  for (size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + 1)) ++n;
-  return n;
-}
-
 TEST(Members, TextChunksPadsDollarNamesAndRenamesOverTwoRestores) {
   Sandbox box(kMembers);
   ProgramResult r = box.reel({"ACC"});

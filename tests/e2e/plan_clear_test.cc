@@ -100,10 +100,7 @@ Layout layout_of(const std::string& path) {
 }
 
 void expect_sound(const Sandbox& box, std::initializer_list<const char*> files) {
-  for (const char* f : files) {
-    ProgramResult r = run_program({.program = "mrvfile", .args = {"check", box.account("SALES/") + f}});
-    EXPECT_EQ(r.status, 0) << f << "\n" << r.output;
-  }
+  for (const char* f : files) EXPECT_EQ(check_of(box.account("SALES/") + f), "") << f;
 }
 
 // What an account holds beyond what every account has.

@@ -417,10 +417,6 @@ TEST_F(IndexTrees, ADamagedHeadKeepsTheFileShutUnlessTheDataAloneIsAsked) {
   EXPECT_EQ(rel.index, nullptr);
 }
 
-}  // namespace
-
-namespace {
-
 // Damage at random places of an index file must end in reports, never in
 // a crash or a hang: every byte of a head, entry, bucket or node is read
 // through the checks.
@@ -457,10 +453,6 @@ TEST_F(IndexTrees, RandomDamageIsReportedNeverFollowed) {
   ASSERT_EQ(M_openfile(&rel, path.c_str(), 2), 1);
 }
 
-}  // namespace
-
-namespace {
-
 TEST_F(IndexEntries, VirtualFieldExpressionsInTheChainOrInARun) {
   make(true, small_nodes());
   std::string brief = "TRANS(CUSTOMERS,@1,2,'X')";
@@ -488,10 +480,6 @@ TEST_F(IndexEntries, VirtualFieldExpressionsInTheChainOrInARun) {
   ASSERT_EQ(M_idx_read_head(h(), 0, &head), 0);
   EXPECT_EQ(head.free_node, (link_block(run_link) + 2) * h()->node_size) << "the run's blocks are free";
 }
-
-}  // namespace
-
-namespace {
 
 TEST_F(IndexTrees, ABuildOutOfIndexSpaceWritesTheReport) {
   ScopedEnv bin("MRVBIN", REEL_BIN_DIR);
@@ -522,10 +510,6 @@ TEST_F(IndexTrees, ABuildOutOfIndexSpaceWritesTheReport) {
   EXPECT_EQ(node_head(root("N")).next, ROOT_TO_BUILD) << "searches still see an index to be built";
 }
 
-}  // namespace
-
-namespace {
-
 TEST_F(IndexTrees, TheCheckFindsKeysOutOfOrderAndBeyondTheirBounds) {
   make(true, small_nodes(16));
   ASSERT_EQ(add("N", 1), 1);
@@ -543,10 +527,6 @@ TEST_F(IndexTrees, TheCheckFindsKeysOutOfOrderAndBeyondTheirBounds) {
   EXPECT_NE(found.find("entry above its separator"), std::string::npos) << found;
 }
 
-}  // namespace
-
-namespace {
-
 TEST_F(IndexTrees, AnInsertBringsALooseSeparatorDownToItsChildsGreatestEntry) {
   make(true, small_nodes(16));
   ASSERT_EQ(add("N", 1), 1);
@@ -560,10 +540,6 @@ TEST_F(IndexTrees, AnInsertBringsALooseSeparatorDownToItsChildsGreatestEntry) {
   EXPECT_LT(tight.key, bound.key);
   EXPECT_EQ(check(), "");
 }
-
-}  // namespace
-
-namespace {
 
 // Clearing a file through its VOC entry empties its index files through
 // their headers: the trees stay usable and take the next writes.
