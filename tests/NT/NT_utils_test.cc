@@ -3,14 +3,10 @@
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
-#include <unistd.h>
-
-#include <gtest/gtest.h>
 
 #include <cerrno>
 #include <cstring>
 #include <set>
-#include <string>
 
 #include "support/files.h"
 #include "support/run_program.h"

@@ -4,19 +4,11 @@
 // restored account.
 #include <fcntl.h>
 #include <pty.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <cerrno>
-#include <filesystem>
-#include <fstream>
-#include <sstream>
-#include <string>
-#include <vector>
 
 #include "common/mrv_json.h"
 #include "e2e/sandbox.h"
-#include "support/temp_dir.h"
 
 namespace {
 

@@ -1,13 +1,8 @@
 // REEL_INTAKE -A over tapes written by mkreel: the walk over a save of two
 // accounts, and the plan it leaves.
-#include <filesystem>
-#include <string>
-
-#include <gtest/gtest.h>
 
 #include "reel/reel_init.h"
 #include "e2e/sandbox.h"
-#include "support/files.h"
 
 namespace {
 

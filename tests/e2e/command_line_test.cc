@@ -1,7 +1,4 @@
 // The command line of REEL_INTAKE, run as the real program.
-#include <string>
-
-#include <gtest/gtest.h>
 
 #include "reel/reel_init.h"
 #include "support/files.h"

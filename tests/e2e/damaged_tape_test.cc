@@ -3,14 +3,8 @@
 // that did it. A restore and an analysis of each must end as every run
 // does (status 1), keep what can be read, log the damage, and leave
 // nothing outside the run directory's accounts.
-#include <gtest/gtest.h>
 
-#include <algorithm>
-#include <filesystem>
 #include <set>
-#include <string>
-#include <utility>
-#include <vector>
 
 #include "e2e/sandbox.h"
 

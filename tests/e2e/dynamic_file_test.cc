@@ -3,12 +3,8 @@
 // pages arrive out of order, records cut over pages at every kind of
 // place, multi-unit pages, large records, the index description, the
 // target modulo, and damage with the lines it leaves.
-#include <gtest/gtest.h>
 
-#include <filesystem>
 #include <map>
-#include <string>
-#include <vector>
 
 #include "e2e/sandbox.h"
 #include "reel/reel_tape_format.h"

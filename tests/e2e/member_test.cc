@@ -1,9 +1,5 @@
 // Members restored by REEL_INTAKE: text decoded into files of SAM and of
 // directories, written in chunks, and renames kept in pgm_map and pgm_list.
-#include <gtest/gtest.h>
-
-#include <filesystem>
-#include <string>
 
 #include "e2e/sandbox.h"
 

@@ -1,11 +1,6 @@
 // Files made from an edited plan (-C) and loaded with -O; files emptied
 // before a reload (-E with -O and -D). Everything is read back through the
 // file library and checked by mrvfile.
-#include <filesystem>
-#include <string>
-#include <vector>
-
-#include <gtest/gtest.h>
 
 #include "e2e/sandbox.h"
 #include "reel/reel_init.h"
@@ -15,7 +10,6 @@
 #include "flib/fl_open.h"
 #include "flib/fl_ovhdr.h"
 #include "flib/fl_rel.h"
-#include "support/files.h"
 
 namespace {
 

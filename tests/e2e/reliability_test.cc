@@ -3,15 +3,9 @@
 // before its save does, and accounts named by absolute paths. The faults
 // come from the platform layer's test switch (MRV_FAULT), so each point is
 // reached exactly.
-#include <gtest/gtest.h>
 
-#include <filesystem>
-#include <algorithm>
 #include <map>
 #include <regex>
-#include <string>
-#include <utility>
-#include <vector>
 
 #include "e2e/sandbox.h"
 #include "flib/fl_block.h"

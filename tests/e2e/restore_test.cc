@@ -1,10 +1,6 @@
 // REEL_INTAKE restoring a save written by mkreel: account set-up, the
 // targets of directories with hostile names, the account's name from the
 // tape. Nothing from the tape may reach a shell or leave the account.
-#include <filesystem>
-#include <string>
-
-#include <gtest/gtest.h>
 
 #include "e2e/sandbox.h"
 

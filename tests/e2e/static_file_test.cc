@@ -2,10 +2,6 @@
 // project's writer, read back through the file library byte for byte:
 // records cut by block ends at every awkward place, the modulo, the key
 // flip, a machine that carries over into the next sub-file, and damage.
-#include <gtest/gtest.h>
-
-#include <string>
-#include <vector>
 
 #include "e2e/sandbox.h"
 #include "reel/reel_tape_format.h"

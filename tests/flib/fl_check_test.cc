@@ -1,13 +1,6 @@
 #include "flib/fl_check.h"
 
-#include <gtest/gtest.h>
-
-#include <string>
-#include <vector>
-
 #include "fl_test_util.h"
-#include "flib/fl_block.h"
-#include "flib/fl_create.h"
 #include "flib/fl_hash.h"
 #include "flib/fl_ovhdr.h"
 

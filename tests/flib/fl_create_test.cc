@@ -1,20 +1,12 @@
 #include "flib/fl_create.h"
 
-#include <gtest/gtest.h>
-
-#include <string>
-#include <vector>
-
 #include "common/readconf.h"
 #include "fl_test_util.h"
-#include "flib/fl_block.h"
 #include "flib/fl_filehdr.h"
 #include "flib/fl_globals.h"
 #include "flib/fl_hash.h"
 #include "flib/fl_io.h"
-#include "flib/fl_open.h"
 #include "flib/fl_ovhdr.h"
-#include "flib/fl_rel.h"
 
 namespace {
 
@@ -130,9 +122,7 @@ TEST_F(FlCreate, StaticFilesAreByteExactForEveryBlockSize) {
 
 TEST_F(FlCreate, StaticFileTooLargeIsRefusedAndRemoved) {
   std::string path = dir + "/BIG";
-  testing::internal::CaptureStdout();
-  EXPECT_EQ(M_create_hashed(path.c_str(), 131072, 16, 0, 0, nullptr), 0);
-  testing::internal::GetCapturedStdout();
+  stdout_of([&] { EXPECT_EQ(M_create_hashed(path.c_str(), 131072, 16, 0, 0, nullptr), 0); });
   EXPECT_NE(access(path.c_str(), F_OK), 0);
 }
 

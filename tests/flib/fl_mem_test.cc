@@ -1,24 +1,13 @@
 #include "flib/fl_mem.h"
 
-#include <gtest/gtest.h>
-
-#include <algorithm>
 #include <map>
 #include <random>
-#include <string>
-#include <vector>
 
 #include "fl_test_util.h"
-#include "flib/fl_check.h"
-#include "flib/fl_create.h"
 #include "flib/fl_delete.h"
 #include "flib/fl_globals.h"
 #include "flib/fl_hash.h"
 #include "flib/fl_io.h"
-#include "flib/fl_open.h"
-#include "flib/fl_read.h"
-#include "flib/fl_rel.h"
-#include "flib/fl_write.h"
 
 namespace {
 

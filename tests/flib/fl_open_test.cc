@@ -1,20 +1,11 @@
 #include "flib/fl_open.h"
 
-#include <gtest/gtest.h>
-
-#include <filesystem>
-#include <functional>
-#include <string>
-
 #include "fl_test_util.h"
-#include "flib/fl_block.h"
 #include "flib/fl_coding.h"
-#include "flib/fl_create.h"
 #include "flib/fl_globals.h"
 #include "flib/fl_hash.h"
 #include "flib/fl_io.h"
 #include "flib/fl_lock.h"
-#include "flib/fl_rel.h"
 #include "flib/lrgfillib.h"
 #include "support/run_program.h"
 

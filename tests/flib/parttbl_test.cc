@@ -1,19 +1,8 @@
 #include "flib/parttbl.h"
 
-#include <sys/stat.h>
-#include <unistd.h>
-
-#include <gtest/gtest.h>
-
-#include <fstream>
-#include <string>
-
 #include "common/readroot.h"
 #include "fl_test_util.h"
-#include "flib/fl_create.h"
 #include "flib/fl_io.h"
-#include "flib/fl_open.h"
-#include "flib/fl_rel.h"
 
 namespace {
 
@@ -68,9 +57,7 @@ TEST(PartTable, TableFileRowsFollowTheDefaultRow) {
   EXPECT_STREQ(M_part_table[2].path, "/data/p2");
   EXPECT_EQ(M_part_table[2].reserve, 10u);
   std::ofstream(home + "/parttbl") << "/data/p1 many 1\n";
-  testing::internal::CaptureStdout();
-  EXPECT_EQ(M_load_part_table(), -1);
-  testing::internal::GetCapturedStdout();
+  stdout_of([&] { EXPECT_EQ(M_load_part_table(), -1); });
   unsetenv("MRVHOME");
   unsetenv("MRVBIN");
   reset_root_for_tests();
@@ -144,9 +131,8 @@ TEST(PartTable, IllegalPartNames) {
   TempDir tmp;
   std::string dir = tmp.str();
   std::ofstream(dir + "/dat001") << "x";
-  testing::internal::CaptureStdout();
-  EXPECT_EQ(M_create_part_file(&rel, (dir + "/dat001").c_str(), &device, 1024, 0), -1);
-  EXPECT_EQ(testing::internal::GetCapturedStdout(), "File (" + dir + "/dat001) is existed.\n");
+  EXPECT_EQ(stdout_of([&] { EXPECT_EQ(M_create_part_file(&rel, (dir + "/dat001").c_str(), &device, 1024, 0), -1); }),
+            "File (" + dir + "/dat001) is existed.\n");
 }
 
 }  // namespace

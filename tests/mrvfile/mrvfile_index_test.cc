@@ -1,12 +1,6 @@
 // mrvfile index, run as users run it: indexes kept up to date by put and
 // delete, a rebuild through mrvsort that gives the same scan, and the
 // refusals in words.
-#include <gtest/gtest.h>
-
-#include <filesystem>
-#include <fstream>
-#include <sstream>
-#include <string>
 
 #include "support/files.h"
 #include "support/run_program.h"

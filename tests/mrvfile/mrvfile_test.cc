@@ -1,12 +1,8 @@
 // The mrvfile program, run as users run it.
-#include <gtest/gtest.h>
 
 #include <algorithm>
-#include <filesystem>
 #include <fstream>
 #include <sstream>
-#include <string>
-#include <vector>
 
 #include "flib/fl_filehdr.h"
 #include "support/run_program.h"

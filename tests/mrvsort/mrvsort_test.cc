@@ -1,11 +1,7 @@
 // The mrvsort program, as the index build starts it.
-#include <gtest/gtest.h>
 
 #include <algorithm>
-#include <filesystem>
 #include <random>
-#include <string>
-#include <vector>
 
 #include "support/files.h"
 #include "support/run_program.h"

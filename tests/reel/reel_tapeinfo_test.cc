@@ -1,13 +1,7 @@
 // tapeinfo: finding the unit's line, the three printed lines and the
 // failures.
-#include <gtest/gtest.h>
-
-#include <cstdlib>
-#include <filesystem>
-#include <string>
 
 #include "support/console.h"
-#include "reel/reel_device.h"
 #include "reel/tape_child.h"
 
 namespace {
