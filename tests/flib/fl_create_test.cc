@@ -217,14 +217,6 @@ TEST_F(FlCreate, SpreadLayoutsAssignOverflowParts) {
     expect_overflow_header(read_bytes(path + "/over002"), 2048, 2048, 10, 60, 40, 1, 2);
     EXPECT_NE(access((path + "/over003").c_str(), F_OK), 0);
   }
-  {
-    M_spread = 0;
-    std::string path = dir + "/S0";
-    ASSERT_EQ(M_create_hashed(path.c_str(), 1, 1, 64, 0, nullptr), 1);
-    auto dat = read_bytes(path + "/dat001");
-    ASSERT_EQ(dat.size(), 2u * 1024);
-    expect_head(dat, 1024, 1024, 0, 64, 0);
-  }
 }
 
 TEST_F(FlCreate, LoadsComeFromTheSettingsByAccounting) {

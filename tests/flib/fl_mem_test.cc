@@ -11,6 +11,8 @@
 
 namespace {
 
+using FlMem = ScratchTest;
+
 using Records = std::vector<std::pair<std::string, std::string>>;
 
 // Keys of 1..40 printable bytes; records empty, short, at the short/long
@@ -82,8 +84,7 @@ LoadCounts load(const std::string& path, bool dynamic, int32_t modulo, const Rec
   return counts;
 }
 
-TEST(FlMem, BufferedAndSingleLoadsReadBackTheSame) {
-  TempDir tmp;
+TEST_F(FlMem, BufferedAndSingleLoadsReadBackTheSame) {
   for (bool dynamic : {false, true}) {
     SCOPED_TRACE(dynamic ? "dynamic" : "static");
     Records records = make_records(dynamic ? 7 : 8, 3000, 1024);
@@ -106,8 +107,7 @@ TEST(FlMem, BufferedAndSingleLoadsReadBackTheSame) {
   }
 }
 
-TEST(FlMem, BlocksOfAnotherPartFlushTheOtherPartsBlocksFirst) {
-  TempDir tmp;
+TEST_F(FlMem, BlocksOfAnotherPartFlushTheOtherPartsBlocksFirst) {
   std::string path = tmp.str() + "/D";
   M_spread = 3;  // two overflow parts, groups spread over both
   ASSERT_EQ(M_create_hashed(path.c_str(), 40, 1, 64, 0, nullptr), 1);
@@ -126,8 +126,7 @@ TEST(FlMem, BlocksOfAnotherPartFlushTheOtherPartsBlocksFirst) {
   EXPECT_EQ(check_findings(path), "");
 }
 
-TEST(FlMem, ABufferedLoadIntoAFileWrittenRecordByRecordKeepsItsBlocks) {
-  TempDir tmp;
+TEST_F(FlMem, ABufferedLoadIntoAFileWrittenRecordByRecordKeepsItsBlocks) {
   for (bool dynamic : {false, true}) {
     SCOPED_TRACE(dynamic ? "dynamic" : "static");
     std::string path = tmp.str() + (dynamic ? "/D" : "/S");
