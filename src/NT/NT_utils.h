@@ -7,6 +7,43 @@
 
 #include <cstdint>
 #include <sys/types.h>
+#include <unistd.h>
+
+// ---- Descriptor ownership ------------------------------------------------------
+
+// Owns a descriptor of open(2) and closes it at the end of its scope, unless
+// release() has handed it on to a longer-lived owner. A function with many
+// ways out keeps its descriptor here instead of closing it on each of them.
+// Not copyable: two owners would close one descriptor twice.
+class ScopedFd {
+ public:
+  ScopedFd() = default;
+  explicit ScopedFd(int fd) : fd_(fd) {}
+  ~ScopedFd() { reset(); }
+  ScopedFd(const ScopedFd&) = delete;
+  ScopedFd& operator=(const ScopedFd&) = delete;
+  ScopedFd(ScopedFd&& other) noexcept : fd_(other.release()) {}
+  ScopedFd& operator=(ScopedFd&& other) noexcept {
+    if (this != &other) reset(other.release());
+    return *this;
+  }
+  int get() const { return fd_; }
+  bool valid() const { return fd_ >= 0; }
+  // The descriptor, no longer owned here.
+  int release() {
+    int fd = fd_;
+    fd_ = -1;
+    return fd;
+  }
+  // Closes the descriptor held (if any) and takes `fd`.
+  void reset(int fd = -1) {
+    if (fd_ >= 0) close(fd_);
+    fd_ = fd;
+  }
+
+ private:
+  int fd_ = -1;
+};
 
 // ---- Byte-range locks ------------------------------------------------------
 
