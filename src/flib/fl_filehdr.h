@@ -50,6 +50,9 @@ inline constexpr uint32_t FH_DELETE_TRIGGER = 288;
 inline constexpr uint32_t FH_TRIGGER_SIZE = 32;
 // The part of block 0 that open reads.
 inline constexpr uint32_t FH_READ_SIZE = 512;
+// Every field lies in the part read at open.
+static_assert(FH_DELETE_TRIGGER + FH_TRIGGER_SIZE <= FH_READ_SIZE);
+static_assert(FH_UPDATE_TRIGGER + FH_TRIGGER_SIZE == FH_DELETE_TRIGGER);
 
 inline constexpr int32_t HASH_DYNAMIC = 64;
 inline constexpr int32_t HASH_KEYDATA = 32;
@@ -104,6 +107,9 @@ inline constexpr uint32_t block_size_of_api_code(int32_t code) {
 }
 static_assert(api_code_of_block_size(block_size_of_api_code(0)) == 0);
 static_assert(api_code_of_block_size(block_size_of_api_code(16)) == 16);
+// The part of block 0 read at open is there in the smallest block.
+static_assert(FH_READ_SIZE <= block_size_of_api_code(0));
+static_assert(block_size_of_api_code(16) == MAX_BLOCK_SIZE);
 
 // Prints the report for a format word that this machine does not accept:
 // which machine this is, then what the word says the file is. `rfs` picks
