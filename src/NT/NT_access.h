@@ -10,3 +10,12 @@
 
 int NT_access(const char* path, int mode);
 int check_access(const char* path, int mode);
+
+// The modes by name: whether the path is there, and whether it can be
+// written (an open for reading and writing, or a probe file).
+enum class AccessMode : int {
+  Exists = 0,
+  Write = 2,
+};
+inline int NT_access(const char* path, AccessMode mode) { return NT_access(path, static_cast<int>(mode)); }
+inline int check_access(const char* path, AccessMode mode) { return check_access(path, static_cast<int>(mode)); }

@@ -146,7 +146,7 @@ IndexVersionLock::IndexVersionLock(IndexState* h, uint32_t part) : fd_(part_fd(h
 }
 
 IndexVersionLock::~IndexVersionLock() {
-  if (fd_ >= 0) M_idx_lockf(fd_, 0);
+  if (fd_ >= 0) M_idx_lockf(fd_, LOCK_NONE);
 }
 
 IndexRangeLock::IndexRangeLock(IndexState* h, uint32_t address, int32_t mode) {

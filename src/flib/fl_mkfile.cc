@@ -50,7 +50,7 @@ std::string dict_path_of(const std::string& name) {
   return dir + "D_" + last_component(name);
 }
 
-bool accessible(const std::string& path) { return NT_access(path.c_str(), 0) == 0; }
+bool accessible(const std::string& path) { return NT_access(path.c_str(), AccessMode::Exists) == 0; }
 
 std::string entry_text(const char* type, const std::string& path, const std::string& dict) {
   std::string record = type;
@@ -86,7 +86,7 @@ int32_t round_to_prime(int32_t modulo) {
 
 int M_dict_at_id(const char* name, const char* dict_path, int32_t) {
   REL_TYPE dict;
-  if (M_openfile(&dict, dict_path, 2) != 1) {
+  if (M_openfile(&dict, dict_path, OpenMode::ReadWrite) != 1) {
     M_msgno_out(kMsgDictOpen, "%s", dict_path);
     return 0;
   }
