@@ -87,6 +87,25 @@ NT_DIR* NT_opendir(const char* path);
 NT_dirent* NT_readdir(NT_DIR* dir);
 int NT_closedir(NT_DIR* dir);
 
+// Owns a scan of NT_opendir and ends it at the end of its scope, or at
+// reset(). Not copyable: the scan must end exactly once.
+class ScopedDir {
+ public:
+  explicit ScopedDir(NT_DIR* dir) : dir_(dir) {}
+  ~ScopedDir() { reset(); }
+  ScopedDir(const ScopedDir&) = delete;
+  ScopedDir& operator=(const ScopedDir&) = delete;
+  NT_DIR* get() const { return dir_; }
+  // Ends the scan now.
+  void reset() {
+    if (dir_ != nullptr) NT_closedir(dir_);
+    dir_ = nullptr;
+  }
+
+ private:
+  NT_DIR* dir_;
+};
+
 // ---- File identity -----------------------------------------------------------
 
 // stat with a stable identity: device folded to 32 bits and the inode as two

@@ -232,15 +232,10 @@ int M_open_index(REL_TYPE* rel) {
   h->data_path = rel->path;
   h->writable = rel->open_mode != 0;
   IndexHead head;
-  if (read_part_head(h.get(), 0, &head) < 0) {
-    for (int fd : h->part_fds)
-      if (fd >= 0) close(fd);
-    return -1;
-  }
+  // On a failure the state and the parts it opened go with `h`.
+  if (read_part_head(h.get(), 0, &head) < 0) return -1;
   auto fail = [&](const char* what) {
     M_errout(0, what, first.c_str());
-    for (int fd : h->part_fds)
-      if (fd >= 0) close(fd);
     return -1;
   };
   if (!index_head_valid(head)) return fail("Index: %s has damaged master head\n");
@@ -296,10 +291,13 @@ int M_open_index(REL_TYPE* rel) {
   return 1;
 }
 
+IndexState::~IndexState() {
+  for (int fd : part_fds)
+    if (fd >= 0) close(fd);
+}
+
 void M_close_index(REL_TYPE* rel) {
   if (rel->index == nullptr) return;
-  for (int fd : rel->index->part_fds)
-    if (fd >= 0) close(fd);
   delete rel->index;
   rel->index = nullptr;
 }
