@@ -62,6 +62,19 @@
 #include <string>
 #include <vector>
 
+// ---- Tape text -----------------------------------------------------------------
+//
+// Text on tape is 7-bit text with the high bit set on every character; one
+// flip of that bit encodes a byte and decodes it again. Names, label fields
+// and the records of dynamic files keep a zero byte as zero, for there the
+// tape fills with zeros (and so cannot carry a plain 0x80); static records,
+// member text and the index description are flipped whole, so that there a
+// zero byte stands for 0x80.
+inline constexpr unsigned char TAPE_FLIP = 0x80;
+inline constexpr unsigned char tape_flip(unsigned char c) { return static_cast<unsigned char>(c ^ TAPE_FLIP); }
+inline constexpr unsigned char tape_flip_keep_zero(unsigned char c) { return c == 0 ? 0 : tape_flip(c); }
+static_assert(tape_flip(tape_flip('A')) == 'A' && tape_flip(' ') == 0xA0);
+
 inline constexpr int32_t TAPE_HEADER_SIZE = 6;
 inline constexpr int32_t TAPE_OFF_BLOCK_NO = 0;
 inline constexpr int32_t TAPE_OFF_LENGTH = 2;
@@ -176,12 +189,12 @@ inline constexpr int32_t CHUNK_MAX = 255;
 inline constexpr int32_t RECORD_SIZE_LIMIT = 0x80000;
 inline constexpr int32_t STATIC_KEY_LIMIT = 127;
 inline constexpr int32_t STATIC_KEY_MAX = 188;
-// Static record bytes are flipped whole: a zero byte becomes 0x80.
-inline constexpr unsigned char TAPE_FLIP = 0x80;
 
-// Copies n bytes of static record text, flipping each: eight at a time
-// through a word, the rest one by one. `out` and `in` may be the same.
+// Copies n bytes of static record text, each through tape_flip: eight at a
+// time through a word, the rest one by one. `out` and `in` may be the same.
 inline void tape_flip_copy(unsigned char* out, const unsigned char* in, size_t n) {
+  // The word form holds because the flip is an XOR with one constant.
+  static_assert(tape_flip(0) == TAPE_FLIP && tape_flip(0xFF) == (0xFF ^ TAPE_FLIP));
   constexpr uint64_t kFlipWord = 0x0101010101010101ull * TAPE_FLIP;
   size_t i = 0;
   for (; i + 8 <= n; i += 8) {
@@ -190,7 +203,7 @@ inline void tape_flip_copy(unsigned char* out, const unsigned char* in, size_t n
     w ^= kFlipWord;
     std::memcpy(out + i, &w, 8);
   }
-  for (; i < n; ++i) out[i] = static_cast<unsigned char>(in[i] ^ TAPE_FLIP);
+  for (; i < n; ++i) out[i] = tape_flip(in[i]);
 }
 
 // Size of the static record at `p`, in bytes.
@@ -392,10 +405,6 @@ inline bool dyn_is_end_mark(const unsigned char* p) { return p[0] == DYN_MARK &&
 inline int32_t dyn_record_size(const unsigned char* p) { return 2 * tape_get_u16(p + DYN_REC_OFF_SIZE); }
 inline int32_t dyn_record_data_len(const unsigned char* p) { return tape_get_u24(p + DYN_REC_OFF_DATA_LEN); }
 inline int32_t dyn_record_first_page(const unsigned char* p) { return tape_get_u24(p + DYN_REC_OFF_FIRST_PAGE); }
-
-// Dynamic text: every non-zero byte XOR 0x80, zero bytes kept (a plain
-// 0x80 cannot be carried).
-inline unsigned char tape_dyn_flip(unsigned char c) { return c == 0 ? 0 : c ^ TAPE_FLIP; }
 
 // The head of one page, over its first DYN_PAGE_HEAD bytes.
 struct DynPageHead {
