@@ -131,12 +131,12 @@ int reel_group_record(const unsigned char* pos, const unsigned char* end, int32_
 
   while (g.consumed < size && cur < avail) {
     if (g.chunk_left == 0) {
-      const unsigned char marker = pos[cur];
+      const unsigned char marker = pos[cur + CHUNK_OFF_MARKER];
       if (marker != CHUNK_MARKER && marker != CHUNK_MARKER_ALT) break;
       // A chunk header that the block end cuts cannot be read: the record
       // ends with what it has.
       if (avail - cur < CHUNK_HEADER_SIZE) break;
-      g.chunk_left = pos[cur + 1];
+      g.chunk_left = pos[cur + CHUNK_OFF_LENGTH];
       cur += CHUNK_HEADER_SIZE;
       if (g.chunk_left == 0) break;
     }

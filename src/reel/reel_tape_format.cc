@@ -77,16 +77,16 @@ void tape_encode_static_record(std::vector<unsigned char>& out, const std::strin
   bool first = true;
   for (size_t at = 0; at < data.size(); at += step, first = !first) {
     const size_t n = std::min(step, data.size() - at);
-    out.push_back(first ? CHUNK_MARKER : CHUNK_MARKER_ALT);
-    out.push_back(static_cast<unsigned char>(n));
+    const size_t chunk_at = out.size();
+    out.resize(chunk_at + CHUNK_HEADER_SIZE, 0);
+    out[chunk_at + CHUNK_OFF_MARKER] = first ? CHUNK_MARKER : CHUNK_MARKER_ALT;
+    out[chunk_at + CHUNK_OFF_LENGTH] = static_cast<unsigned char>(n);
     for (size_t i = 0; i < n; ++i) out.push_back(tape_flip(static_cast<unsigned char>(data[at + i])));
     if ((out.size() - start) % 2 != 0) out.push_back(0);
   }
   if (!open_end) out.insert(out.end(), CHUNK_HEADER_SIZE, 0);
   const int32_t words = size_words.value_or(static_cast<int32_t>((out.size() - start) / 2));
-  out[start + RECORD_OFF_SIZE] = static_cast<unsigned char>(words >> 16);
-  out[start + RECORD_OFF_SIZE + 1] = static_cast<unsigned char>(words >> 8);
-  out[start + RECORD_OFF_SIZE + 2] = static_cast<unsigned char>(words);
+  tape_put_u24(&out[start + RECORD_OFF_SIZE], words);
 }
 
 bool tape_encode_text(std::vector<unsigned char>& out, const std::string& text) {
