@@ -20,6 +20,9 @@ constexpr int kSkipObject = 1;
 constexpr int32_t kKeyRoom = 1024;
 // The key shown in the line of a refused long key is cut here.
 constexpr int32_t kKeyShown = 128;
+// A file whose first sub-file gives no modulo takes a group for each KiB of
+// that sub-file's first block.
+constexpr int32_t kBytesPerGuessedGroup = 1024;
 
 enum Phase : int {
   kFresh = 0,    // no record under way
@@ -221,7 +224,7 @@ void reel_hashed_subfiles(unsigned char* buffer, int32_t* length) {
       first_with_data = false;
       CurrentFile& f = reel_current;
       f.modulo = reel_next_prime(tape_get_u16(buffer + SUBFILE_OFF_MODULO));
-      if (f.modulo == 0) f.modulo = reel_next_prime(*length / 1024 + 1);
+      if (f.modulo == 0) f.modulo = reel_next_prime(*length / kBytesPerGuessedGroup + 1);
       if (!s.analyse_mode && reel_prepare_hashed_target(0) == 0) {
         reel_skip_blocks(buffer, length, kSkipObject);
         return;
