@@ -75,6 +75,7 @@
 //   entry), the rest of the key NUL-terminated, link (4), @ID length (1), @ID.
 #pragma once
 
+#include <cassert>
 #include <cstdint>
 #include <string>
 #include <vector>
@@ -172,8 +173,11 @@ inline constexpr int32_t MIN_INTERNAL_ENTRY = 12;
 inline int32_t leaf_full_below(int32_t key_length) { return key_length + 134; }
 inline int32_t internal_full_below(int32_t key_length) { return 2 * key_length + 266; }
 
-// REQUIRES: 0 <= code <= IDX_MAX_BLOCK_CODE.
-inline uint32_t idx_block_size(int32_t code) { return BlockSizeCode::of_stored(code).bytes(); }
+// REQUIRES: 0 <= code <= IDX_MAX_BLOCK_CODE (index_head_valid checks it).
+inline uint32_t idx_block_size(int32_t code) {
+  assert(code >= 0 && code <= IDX_MAX_BLOCK_CODE);
+  return BlockSizeCode::of_stored(code).bytes();
+}
 // Whether new index files may use this key length with this block size: a
 // node holding a single entry of the largest size must never count as
 // full, or it could neither be split nor take its next entry. Files made

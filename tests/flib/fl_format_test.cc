@@ -47,7 +47,9 @@ TEST(FlFormat, BlockSizeCodeFormsNameTheSameSizes) {
     EXPECT_EQ(BlockSizeCode::of_bytes(b).code, k) << k;
     EXPECT_EQ(code.stored(), k - 1) << k;
     EXPECT_EQ(block_size_of_code(code.stored()), b) << k;
-    if (k >= 1) EXPECT_EQ(idx_block_size(code.stored()), b) << k;
+    if (k >= 1) {
+      EXPECT_EQ(idx_block_size(code.stored()), b) << k;
+    }
   }
   // Sizes between the steps belong to the step below; below 1 KiB is 512.
   EXPECT_EQ(BlockSizeCode::of_bytes(1536).code, 1);
