@@ -12,9 +12,9 @@
 
 #include "NT/NT_signal.h"
 #include "NT/NT_utils.h"
+#include "common/fl_errout.h"
 #include "flib/fl_create.h"
 #include "flib/fl_delete.h"
-#include "flib/fl_errout.h"
 #include "flib/fl_hash.h"
 #include "flib/fl_index.h"
 #include "flib/fl_lock.h"

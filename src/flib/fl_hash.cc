@@ -4,9 +4,9 @@
 #include <cstring>
 #include <string_view>
 
+#include "common/fl_errout.h"
 #include "common/readconf.h"
 #include "flib/fl_block.h"
-#include "flib/fl_errout.h"
 #include "flib/fl_filehdr.h"
 #include "flib/fl_lock.h"
 #include "flib/fl_rel.h"

@@ -9,7 +9,7 @@
 
 #include <cstring>
 
-#include "flib/fl_errout.h"
+#include "common/fl_errout.h"
 #include "flib/fl_idxbkt.h"
 #include "flib/fl_index.h"
 #include "flib/fl_rel.h"

@@ -10,8 +10,8 @@
 #include <filesystem>
 #include <memory>
 
+#include "common/fl_errout.h"
 #include "common/readconf.h"
-#include "flib/fl_errout.h"
 #include "flib/fl_filehdr.h"
 #include "flib/fl_globals.h"
 #include "flib/fl_index.h"

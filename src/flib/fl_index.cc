@@ -9,7 +9,7 @@
 #include <cstring>
 #include <optional>
 
-#include "flib/fl_errout.h"
+#include "common/fl_errout.h"
 #include "flib/fl_globals.h"
 #include "flib/fl_idxbkt.h"
 #include "flib/fl_lock.h"

@@ -9,10 +9,10 @@
 #include <cstring>
 
 #include "NT/NT_fault.h"
+#include "common/fl_errout.h"
 #include "common/mrv_msg.h"
 #include "flib/fl_block.h"
 #include "flib/fl_create.h"
-#include "flib/fl_errout.h"
 #include "flib/fl_free.h"
 #include "flib/fl_globals.h"
 #include "flib/fl_hash.h"

@@ -3,10 +3,10 @@
 #include <cstdlib>
 #include <memory>
 
+#include "common/fl_errout.h"
 #include "common/mrv_marks.h"
 #include "common/mrv_msg.h"
 #include "common/readroot.h"
-#include "flib/fl_errout.h"
 #include "flib/fl_open.h"
 #include "flib/fl_rel.h"
 

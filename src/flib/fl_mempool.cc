@@ -5,11 +5,11 @@
 #include <cstring>
 #include <utility>
 
+#include "common/fl_errout.h"
 #include "common/mrv_alloc.h"
 #include "common/mrv_exit.h"
 #include "common/mrv_msg.h"
 #include "common/readconf.h"
-#include "flib/fl_errout.h"
 
 MemSizes M_mem_sizes;
 MEM_DESC* M_current_buffer = nullptr;

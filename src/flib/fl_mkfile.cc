@@ -9,15 +9,15 @@
 
 #include "NT/NT_access.h"
 #include "NT/NT_utils.h"
+#include "common/fl_errout.h"
+#include "common/init_params.h"
 #include "common/mrv_marks.h"
 #include "flib/fl_create.h"
-#include "flib/fl_errout.h"
 #include "flib/fl_filehdr.h"
 #include "flib/fl_open.h"
 #include "flib/fl_rel.h"
 #include "flib/fl_voc.h"
 #include "flib/fl_write.h"
-#include "reel/reel_util.h"
 
 namespace {
 
@@ -77,7 +77,7 @@ int32_t ask_modulo() {
 }
 
 int32_t round_to_prime(int32_t modulo) {
-  int32_t prime = reel_next_prime(modulo);
+  int32_t prime = prime_or_itself(modulo);
   if (prime != modulo) M_msgno_out(kMsgModuloChanged, "%d%d", modulo, prime);
   return prime;
 }

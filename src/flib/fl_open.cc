@@ -11,10 +11,10 @@
 #include <string>
 
 #include "NT/NT_utils.h"
+#include "common/fl_errout.h"
 #include "common/mrv_msg.h"
 #include "common/readconf.h"
 #include "flib/fl_block.h"
-#include "flib/fl_errout.h"
 #include "flib/fl_filehdr.h"
 #include "flib/fl_globals.h"
 #include "flib/fl_hash.h"

@@ -4,7 +4,7 @@
 #include <cstring>
 #include <vector>
 
-#include "flib/fl_errout.h"
+#include "common/fl_errout.h"
 #include "flib/fl_ovhdr.h"
 #include "flib/fl_rel.h"
 #include "flib/fl_report.h"

@@ -6,12 +6,12 @@
 #include <ctime>
 #include <vector>
 
+#include "common/fl_errout.h"
 #include "common/mrv_marks.h"
 #include "common/readconf.h"
 #include "flib/fl_block.h"
 #include "flib/fl_delete.h"
 #include "flib/fl_dirfile.h"
-#include "flib/fl_errout.h"
 #include "flib/fl_free.h"
 #include "flib/fl_globals.h"
 #include "flib/fl_hash.h"

@@ -1,4 +1,4 @@
-#include "flib/fl_errout.h"
+#include "common/fl_errout.h"
 
 #include <cstdarg>
 #include <cstdio>
