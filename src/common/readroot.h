@@ -13,6 +13,8 @@
 #include <optional>
 #include <string>
 
+#include "NT/NT_access.h"
+
 void read_root();
 // "<MRVHOME>include", without a trailing separator; runs read_root first.
 const char* get_include_dir();
@@ -28,6 +30,13 @@ std::string get_include_dir_if_known();
 // The home read_root found, else MRVHOME of the environment with a trailing
 // "/"; empty when neither is known.
 std::string mrv_home_dir_if_known();
+
+// Access test of a directory that really tries: for modes below 2 only the
+// look-up counts; for 2 and above a probe file "_MRV_TEMP_<pid>_" is
+// created in the directory, closed and deleted, so a directory that cannot
+// really take a file fails. 0 or -1.
+int check_access(const char* path, int mode);
+inline int check_access(const char* path, AccessMode mode) { return check_access(path, static_cast<int>(mode)); }
 
 std::optional<std::string> registry_value(const char* name);
 int set_registry_value(const char* name, const char* text);
