@@ -9,7 +9,7 @@
 int NT_access(const char* path, int mode);
 
 // The modes by name: whether the path is there, and whether it can be
-// written (an open for reading and writing; to check_access, a probe file).
+// opened for reading and writing.
 enum class AccessMode : int {
   Exists = 0,
   Write = 2,

@@ -13,8 +13,6 @@
 #include <optional>
 #include <string>
 
-#include "NT/NT_access.h"
-
 void read_root();
 // "<MRVHOME>include", without a trailing separator; runs read_root first.
 const char* get_include_dir();
@@ -36,7 +34,12 @@ std::string mrv_home_dir_if_known();
 // created in the directory, closed and deleted, so a directory that cannot
 // really take a file fails. 0 or -1.
 int check_access(const char* path, int mode);
-inline int check_access(const char* path, AccessMode mode) { return check_access(path, static_cast<int>(mode)); }
+// The modes of check_access by name.
+enum class DirAccessMode : int {
+  LookUp = 0,
+  Write = 2,
+};
+inline int check_access(const char* path, DirAccessMode mode) { return check_access(path, static_cast<int>(mode)); }
 
 std::optional<std::string> registry_value(const char* name);
 int set_registry_value(const char* name, const char* text);
