@@ -1,6 +1,8 @@
 #include "common/readroot.h"
 
+#include <fcntl.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <cstdio>
 #include <cstdlib>
@@ -9,7 +11,6 @@
 #include <map>
 #include <vector>
 
-#include "NT/NT_access.h"
 #include "common/mrv_exit.h"
 #include "common/mrv_msg.h"
 
@@ -67,9 +68,28 @@ std::string find_directory(const char* name, const char* missing_text, const cha
 // stands as it is.
 std::string short_form(const char* path) { return path; }
 
+}  // namespace
+
+int check_access(const char* path, int mode) {
+  if (mode < 2) {
+    struct stat st;
+    return stat(path, &st) == 0 ? 0 : -1;
+  }
+  std::string probe = std::string(path);
+  if (!probe.empty() && probe.back() != '/') probe += '/';
+  probe += "_MRV_TEMP_" + std::to_string(getpid()) + "_";
+  int fd = open(probe.c_str(), O_CREAT | O_RDWR, 0600);
+  if (fd < 0) return -1;
+  close(fd);
+  unlink(probe.c_str());
+  return 0;
+}
+
+namespace {
+
 bool usable_temp_dir(const char* path) {
   struct stat st;
-  return stat(path, &st) == 0 && S_ISDIR(st.st_mode) && check_access(path, 2) == 0;
+  return stat(path, &st) == 0 && S_ISDIR(st.st_mode) && check_access(path, DirAccessMode::Write) == 0;
 }
 
 }  // namespace
@@ -123,7 +143,7 @@ void read_root() {
   struct stat st;
   if (stat(temp.c_str(), &st) != 0) root_failure("Can't access %s.\n", temp);
   if (!S_ISDIR(st.st_mode)) root_failure("%s is not a directory file.\n", temp);
-  if (check_access(temp.c_str(), 2) != 0) root_failure("Unable to access %s directory file.\n", temp);
+  if (check_access(temp.c_str(), DirAccessMode::Write) != 0) root_failure("Unable to access %s directory file.\n", temp);
   g_root_done = true;
 }
 

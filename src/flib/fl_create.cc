@@ -14,10 +14,11 @@
 
 #include "NT/NT_access.h"
 #include "NT/NT_utils.h"
+#include "common/fl_errout.h"
 #include "common/mrv_msg.h"
+#include "common/mrv_msgno.h"
 #include "common/readconf.h"
 #include "flib/fl_block.h"
-#include "flib/fl_errout.h"
 #include "flib/fl_filehdr.h"
 #include "flib/fl_globals.h"
 #include "flib/fl_io.h"
@@ -52,8 +53,10 @@ void remove_new_file(const REL_TYPE* rel) {
     unlink(rel->path);
 }
 
-int initfile_error(const REL_TYPE* rel, const char* cause, int part_fd) {
-  if (part_fd >= 0) close(part_fd);
+// Closes the part being written (when there is one), reports, and removes
+// the new file. 0.
+int initfile_error(const REL_TYPE* rel, const char* cause, ScopedFd* part = nullptr) {
+  if (part != nullptr) part->reset();
   M_file_error(rel, "M_initfile", cause, nullptr, 0, rel->modulo);
   remove_new_file(rel);
   return 0;
@@ -94,59 +97,16 @@ int create_part_error(REL_TYPE* rel, const char* function, const char* cause, in
   return M_file_error(rel, function, cause, nullptr, 0, rel->modulo);
 }
 
-}  // namespace
-
-void M_load_settings(int32_t hashtype, int32_t* split_load, int32_t* merge_load) {
-  bool keydata = hash_is_keydata(hashtype);
-  *split_load = M_cfg_split_load(keydata);
-  *merge_load = M_cfg_merge_load(keydata);
-}
-
-int M_initfile(int fd, REL_TYPE* rel) {
-  const int32_t k = std::clamp<int32_t>(api_code_of_block_size(rel->block_size), 0, 16);
-  const uint32_t b = block_size_of_api_code(k);
-  rel->block_size = b;
-  bool dynamic = hash_is_dynamic(rel->hashtype);
-  int32_t modulo = rel->modulo;
-
-  FileHeader h;
-  h.rfs = rel->rfs != 0 ? 1 : 0;
-  h.block_code = k - 1;
-  h.max_flength = M_cfg_max_flength();
-  int32_t groups_per_part = h.max_flength / static_cast<int32_t>(b) - 1;
-  if (dynamic && modulo > groups_per_part) {
-    h.modulo = groups_per_part;
-  } else {
-    h.modulo = modulo;
-    groups_per_part = std::max(modulo, 1);
-  }
-  h.hashtype = rel->hashtype;
-  if (hash_is_key_range(rel->hashtype)) {
-    h.format = FORMAT_KEY_RANGE;
-  } else if (!dynamic) {
-    h.format = FORMAT_STATIC;
-    if ((static_cast<int64_t>(modulo) + 1) * k > MAX_STATIC_KBLOCKS) {
-      errno = EFBIG;
-      return initfile_error(rel, "write", -1);
-    }
-  } else {
-    h.format = FORMAT_DYNAMIC;
-  }
-  int32_t spread = dynamic ? M_spread : 0;
-  h.first_group = 0;
-  h.spread = spread != 0 ? 1 : 0;
-  h.record_mark = M_langgrp[0];
-  h.lang2 = M_langgrp[1];
-  h.lang3 = M_langgrp[2];
-  std::memcpy(h.update_trigger, rel->update_trigger, sizeof h.update_trigger);
-  std::memcpy(h.delete_trigger, rel->delete_trigger, sizeof h.delete_trigger);
-
-  uint8_t block[MAX_BLOCK_SIZE] = {};
-  encode_file_header(h, block);
-  if (write_waiting(fd, block, b, 0) != 0) return initfile_error(rel, "write", -1);
-
+// Writes the head block of every group: into `fd` (dat001, or the static
+// file) and, for the groups past the first part, into further primary parts
+// that each start with a copy of `h`. The number of primary parts, or 0
+// after a report (the new file is gone then).
+int32_t write_group_heads(REL_TYPE* rel, int fd, const FileHeader& h, int32_t groups_per_part, int32_t spread) {
+  const uint32_t b = rel->block_size;
+  const int32_t modulo = rel->modulo;
   // Later primary parts start with a copy of the header.
   FileHeader copy = h;
+  uint8_t block[MAX_BLOCK_SIZE] = {};
   uint8_t head[MAX_BLOCK_SIZE] = {};
   uint32_t d = initial_datapos(b);
   gb_set_byteleft(head, static_cast<int16_t>(b - d));
@@ -155,7 +115,9 @@ int M_initfile(int fd, REL_TYPE* rel) {
   gb_set_hashtype(head, static_cast<uint8_t>(rel->hashtype));
   gb_set_time(head, time_stamp());
 
-  int part_fd = fd;
+  // The part being written when it is not `fd`; closed when its last group
+  // head is written.
+  ScopedFd part;
   int32_t first_group = 0;
   int32_t primary_parts = 1;
   // Group heads are consecutive blocks of their part: they are gathered and
@@ -164,7 +126,7 @@ int M_initfile(int fd, REL_TYPE* rel) {
   off_t run_offset = 0;
   auto write_run = [&]() {
     if (run.empty()) return 0;
-    int r = write_waiting(part_fd, run.data(), run.size(), run_offset);
+    int r = write_waiting(part.valid() ? part.get() : fd, run.data(), run.size(), run_offset);
     run.clear();
     return r;
   };
@@ -176,11 +138,11 @@ int M_initfile(int fd, REL_TYPE* rel) {
       char path[REL_NAME_SIZE + 16];
       M_part_path(rel, static_cast<uint32_t>(g / groups_per_part + 1), path, sizeof path);
       uint32_t size = static_cast<uint32_t>(std::min(modulo - g + 1, groups_per_part)) * b;
-      part_fd = layout_part(rel, path, size);
-      if (part_fd < 0) return initfile_error(rel, "M_create_part_file", -1);
+      part.reset(layout_part(rel, path, size));
+      if (!part.valid()) return initfile_error(rel, "M_create_part_file");
       std::memset(block, 0, b);
       encode_file_header(copy, block);
-      if (write_waiting(part_fd, block, b, 0) != 0) return initfile_error(rel, "write", part_fd);
+      if (write_waiting(part.get(), block, b, 0) != 0) return initfile_error(rel, "write", &part);
     }
     gb_set_over_part(head, spread_part(spread, g, groups_per_part, modulo));
     gb_set_group(head, static_cast<uint32_t>(g));
@@ -188,16 +150,19 @@ int M_initfile(int fd, REL_TYPE* rel) {
     run.insert(run.end(), head, head + b);
     bool last_of_part = g + 1 == modulo || (g + 1) % groups_per_part == 0;
     if ((last_of_part || run.size() + b > kCreateRun) && write_run() != 0)
-      return initfile_error(rel, "write", part_fd != fd ? part_fd : -1);
-    if (last_of_part && part_fd != fd) {
-      close(part_fd);
-      part_fd = fd;
-    }
+      return initfile_error(rel, "write", &part);
+    if (last_of_part) part.reset();
   }
-  rel->primary.assign(static_cast<size_t>(primary_parts), PartEntry{});
-  if (!dynamic) return 1;
+  return primary_parts;
+}
 
-  int32_t overflow_parts = overflow_part_count(spread, primary_parts);
+// Writes the OVERFLOW_HEADER of each overflow part of a new dynamic file,
+// with the live state in over001's. 1, or 0 after a report (the new file is
+// gone then).
+int write_overflow_headers(REL_TYPE* rel, const FileHeader& h, int32_t groups_per_part, int32_t primary_parts,
+                           int32_t overflow_parts) {
+  const uint32_t b = rel->block_size;
+  const int32_t modulo = rel->modulo;
   OverflowHeader oh;
   oh.primary_parts = static_cast<uint16_t>(primary_parts);
   oh.overflow_parts = static_cast<uint16_t>(overflow_parts);
@@ -216,17 +181,78 @@ int M_initfile(int fd, REL_TYPE* rel) {
   oh.grp_free_blk = static_cast<int16_t>(M_cfg_grp_free_blk());
   oh.stack_capacity = static_cast<int16_t>(overflow_stack_capacity(b));
   oh.stack_count = 0;
+  uint8_t block[MAX_BLOCK_SIZE] = {};
   for (int32_t p = 1; p <= overflow_parts; ++p) {
     char path[REL_NAME_SIZE + 16];
     M_part_path(rel, static_cast<uint32_t>(p) | PART_OVERFLOW, path, sizeof path);
     uint32_t size = static_cast<uint32_t>(std::min(modulo + 1, groups_per_part)) * b;
-    int over_fd = layout_part(rel, path, size);
-    if (over_fd < 0) return initfile_error(rel, "M_create_part_file", -1);
+    ScopedFd over_fd(layout_part(rel, path, size));
+    if (!over_fd.valid()) return initfile_error(rel, "M_create_part_file");
     std::memset(block, 0, b);
     encode_overflow_header(oh, block);
-    if (write_waiting(over_fd, block, b, 0) != 0) return initfile_error(rel, "write", over_fd);
-    close(over_fd);
+    if (write_waiting(over_fd.get(), block, b, 0) != 0) return initfile_error(rel, "write", &over_fd);
   }
+  return 1;
+}
+
+}  // namespace
+
+void M_load_settings(int32_t hashtype, int32_t* split_load, int32_t* merge_load) {
+  bool keydata = hash_is_keydata(hashtype);
+  *split_load = M_cfg_split_load(keydata);
+  *merge_load = M_cfg_merge_load(keydata);
+}
+
+int M_initfile(int fd, REL_TYPE* rel) {
+  const BlockSizeCode code{
+      std::clamp(BlockSizeCode::of_bytes(rel->block_size).code, BlockSizeCode::kMin, BlockSizeCode::kMax)};
+  const int32_t k = code.code;
+  const uint32_t b = code.bytes();
+  rel->block_size = b;
+  bool dynamic = hash_is_dynamic(rel->hashtype);
+  int32_t modulo = rel->modulo;
+
+  FileHeader h;
+  h.rfs = rel->rfs != 0 ? 1 : 0;
+  h.block_code = code.stored();
+  h.max_flength = M_cfg_max_flength();
+  int32_t groups_per_part = h.max_flength / static_cast<int32_t>(b) - 1;
+  if (dynamic && modulo > groups_per_part) {
+    h.modulo = groups_per_part;
+  } else {
+    h.modulo = modulo;
+    groups_per_part = std::max(modulo, 1);
+  }
+  h.hashtype = rel->hashtype;
+  if (hash_is_key_range(rel->hashtype)) {
+    h.format = FORMAT_KEY_RANGE;
+  } else if (!dynamic) {
+    h.format = FORMAT_STATIC;
+    if ((static_cast<int64_t>(modulo) + 1) * k > MAX_STATIC_KBLOCKS) {
+      errno = EFBIG;
+      return initfile_error(rel, "write");
+    }
+  } else {
+    h.format = FORMAT_DYNAMIC;
+  }
+  int32_t spread = dynamic ? M_spread : 0;
+  h.first_group = 0;
+  h.spread = spread != 0 ? 1 : 0;
+  h.record_mark = M_langgrp[0];
+  h.lang2 = M_langgrp[1];
+  h.lang3 = M_langgrp[2];
+  std::memcpy(h.update_trigger, rel->update_trigger, sizeof h.update_trigger);
+  std::memcpy(h.delete_trigger, rel->delete_trigger, sizeof h.delete_trigger);
+
+  uint8_t block[MAX_BLOCK_SIZE] = {};
+  encode_file_header(h, block);
+  if (write_waiting(fd, block, b, 0) != 0) return initfile_error(rel, "write");
+  int32_t primary_parts = write_group_heads(rel, fd, h, groups_per_part, spread);
+  if (primary_parts == 0) return 0;
+  rel->primary.assign(static_cast<size_t>(primary_parts), PartEntry{});
+  if (!dynamic) return 1;
+  int32_t overflow_parts = overflow_part_count(spread, primary_parts);
+  if (write_overflow_headers(rel, h, groups_per_part, primary_parts, overflow_parts) != 1) return 0;
   rel->overflow.assign(static_cast<size_t>(overflow_parts), PartEntry{});
   return 1;
 }
@@ -260,7 +286,8 @@ int write_file_header(REL_TYPE* rel, uint32_t part) {
 int update_file_info(REL_TYPE* rel, int what) {
   if (rel->sfd == nullptr) return -1;
   uint8_t block[MAX_BLOCK_SIZE];
-  if (M_lock_block(rel, ADDR_OVERFLOW, LOCK_EXCLUSIVE) != 0)
+  BlockLock lock(rel);
+  if (!lock.take(ADDR_OVERFLOW, LOCK_EXCLUSIVE))
     return M_file_error(rel, "update_file_info", "M_mrvlockf", nullptr, 0, what);
   int result = M_blkread(rel, ADDR_OVERFLOW, block, CHECK_NONE) == 1 ? 0 : -1;
   if (result == 0) {
@@ -277,7 +304,7 @@ int update_file_info(REL_TYPE* rel, int what) {
     }
     result = M_blkwrite(rel, ADDR_OVERFLOW, block) == 1 ? 0 : -1;
   }
-  M_unlock_block(rel, ADDR_OVERFLOW);
+  lock.release();
   if (result != 0) M_file_error(rel, "update_file_info", nullptr, nullptr, 0, what);
   return result;
 }
@@ -370,11 +397,11 @@ int create_overflow_part_file(REL_TYPE* rel, int wait) {
 
 int M_create_hashed(const char* path, int32_t modulo, int32_t block, int32_t type, int32_t verbose,
                     const char* part_table) {
-  if (NT_access(path, 0) == 0) {
-    M_msgno_out(0x2A3B, "%s", path);
+  if (NT_access(path, AccessMode::Exists) == 0) {
+    M_msgno_out(MRV_MSG_PATH_EXISTS, "%s", path);
     return 0;
   }
-  uint32_t b = block_size_of_api_code(block);
+  uint32_t b = BlockSizeCode{block}.bytes();
   REL_TYPE rel;
   std::snprintf(rel.path, sizeof rel.path, "%s", path);
   const char* slash = std::strrchr(path, '/');
@@ -382,16 +409,16 @@ int M_create_hashed(const char* path, int32_t modulo, int32_t block, int32_t typ
   rel.modulo = modulo;
   rel.hashtype = static_cast<int16_t>(type);
   rel.block_size = b;
-  int fd;
+  ScopedFd fd;
   if (!hash_is_dynamic(type)) {
-    fd = open(path, O_RDWR | O_CREAT, 0666);
-    if (fd < 0) {
-      M_msgno_out(0x2A34, "%s", path);
+    fd.reset(open(path, O_RDWR | O_CREAT, 0666));
+    if (!fd.valid()) {
+      M_msgno_out(MRV_MSG_CREATE_FAILED, "%s", path);
       return 0;
     }
   } else {
     if (mkdir(path, 0777) != 0) {
-      M_msgno_out(0x2A34, "%s", path);
+      M_msgno_out(MRV_MSG_CREATE_FAILED, "%s", path);
       return 0;
     }
     if (part_table != nullptr)
@@ -402,23 +429,22 @@ int M_create_hashed(const char* path, int32_t modulo, int32_t block, int32_t typ
     char first[REL_NAME_SIZE + 16];
     M_part_path(&rel, 1, first, sizeof first);
     uint32_t device = 0;
-    fd = M_create_part_file(&rel, first, &device, static_cast<uint32_t>(blocks * b), 0);
-    if (fd < 0) {
-      M_msgno_out(0x2A34, "%s", path);
+    fd.reset(M_create_part_file(&rel, first, &device, static_cast<uint32_t>(blocks * b), 0));
+    if (!fd.valid()) {
+      M_msgno_out(MRV_MSG_CREATE_FAILED, "%s", path);
       NT_RemoveFile(path, "");
       return 0;
     }
   }
-  if (M_initfile(fd, &rel) != 1) {
+  if (M_initfile(fd.get(), &rel) != 1) {
     // M_initfile has removed what it made.
-    close(fd);
-    M_msgno_out(0x117, "%s", path);
+    fd.reset();
+    M_msgno_out(MRV_MSG_INIT_FAILED, "%s", path);
     return 0;
   }
   // No sync: like every other write of the library, the new file reaches
   // the disk through the page cache. A sync here cost a restore one disk
   // flush per file made, and guarded nothing that the load after it does
-  // not leave to the page cache anyway.
-  close(fd);
+  // not leave to the page cache anyway. The descriptor closes here.
   return 1;
 }

@@ -3,16 +3,15 @@
 #include <cstdlib>
 #include <memory>
 
+#include "common/fl_errout.h"
 #include "common/mrv_marks.h"
 #include "common/mrv_msg.h"
+#include "common/mrv_msgno.h"
 #include "common/readroot.h"
-#include "flib/fl_errout.h"
 #include "flib/fl_open.h"
 #include "flib/fl_rel.h"
 
 namespace {
-
-constexpr int32_t kMsgNotALanguage = 30403;
 
 std::unique_ptr<REL_TYPE> g_messages;
 std::unique_ptr<REL_TYPE> g_message_dict;
@@ -24,7 +23,7 @@ std::string bare_locale(const std::string& locale) { return locale.substr(0, loc
 std::unique_ptr<REL_TYPE> open_in_sys(const std::string& name) {
   auto rel = std::make_unique<REL_TYPE>();
   std::string path = mrv_home_dir() + "sys/" + name;
-  if (M_openfile(rel.get(), path.c_str(), 0) != 1) return nullptr;
+  if (M_openfile(rel.get(), path.c_str(), OpenMode::Read) != 1) return nullptr;
   return rel;
 }
 
@@ -34,7 +33,7 @@ std::string M_choose_language() {
   std::string group = M_langgrp_text();
   if (const char* lang = std::getenv("MRV_LANG"); lang != nullptr && *lang != '\0') {
     if (langgrp_check(LANGGRP_HAS_LANGUAGE, group.c_str(), lang) != 1) {
-      M_msgno_out(kMsgNotALanguage, "%s", lang);
+      M_msgno_out(MRV_MSG_NOT_A_LANGUAGE, "%s", lang);
       return {};
     }
     return lang;

@@ -75,7 +75,7 @@ int run_grow(const std::string& path, long records, long block, int32_t type) {
     return 1;
   }
   REL_TYPE rel;
-  if (M_openfile(&rel, path.c_str(), 2) != 1) return 1;
+  if (M_openfile(&rel, path.c_str(), OpenMode::ReadWrite) != 1) return 1;
   auto phase = [&](const char* what, auto&& step) {
     auto start = std::chrono::steady_clock::now();
     for (uint32_t i = 0; i < static_cast<uint32_t>(records); ++i)
@@ -133,7 +133,7 @@ int main(int argc, char** argv) {
       return usage();
     }
   }
-  if (dir.empty() || records < 1 || block < 0 || block > 16 || hash < 0 || hash > 1) return usage();
+  if (dir.empty() || records < 1 || block < BlockSizeCode::kMin || block > BlockSizeCode::kMax || hash < 0 || hash > 1) return usage();
   M_init_pools();
   if (M_load_part_table() < 0) return 1;
   if (grow) {
@@ -142,7 +142,7 @@ int main(int argc, char** argv) {
     return run_grow(path, records, block,
                     HASH_DYNAMIC | (keydata ? HASH_KEYDATA : 0) | static_cast<int32_t>(hash));
   }
-  uint32_t b = block == 0 ? 512 : static_cast<uint32_t>(block) * 1024;
+  uint32_t b = BlockSizeCode{static_cast<int32_t>(block)}.bytes();
   // About two thirds of a block of short records per group.
   if (modulo == 0) modulo = std::max<long>(1, records * 200 / (b * 2 / 3));
   std::string path = dir + "/BENCH";
@@ -153,7 +153,7 @@ int main(int argc, char** argv) {
     return 1;
   }
   REL_TYPE rel;
-  if (M_openfile(&rel, path.c_str(), 2) != 1) return 1;
+  if (M_openfile(&rel, path.c_str(), OpenMode::ReadWrite) != 1) return 1;
   // A restore hands records over in group order.
   std::vector<std::pair<uint32_t, uint32_t>> order(static_cast<size_t>(records));
   for (uint32_t i = 0; i < order.size(); ++i) {

@@ -27,14 +27,14 @@ void print_language(const std::string& path) {
 int mrvfile_info(const Args& args) {
   if (args.size() != 1) return mrvfile_usage();
   REL_TYPE rel;
-  if (!mrvfile_open(&rel, args[0], 0)) return 1;
+  if (!mrvfile_open(&rel, args[0], OpenMode::Read)) return 1;
   bool dynamic = rel_is_dynamic(&rel);
   std::printf("path: %s\n", rel.path);
   std::printf("kind: %s\n", hash_is_key_range(rel.hashtype) ? "key-range" : dynamic ? "dynamic" : "static");
   std::printf("hash type: %d (function %d%s)\n", rel.hashtype, hash_function(rel.hashtype),
               dynamic ? (hash_is_keydata(rel.hashtype) ? ", KEYDATA" : ", KEYONLY") : "");
   // The code in the form `create --block` takes, so that a file can be made alike.
-  std::printf("block size: %u (code %d)\n", rel.block_size, api_code_of_block_size(rel.block_size));
+  std::printf("block size: %u (code %d)\n", rel.block_size, BlockSizeCode::of_bytes(rel.block_size).code);
   std::printf("modulo: %d\n", rel.modulo);
   std::printf("recoverable: %d\n", rel.rfs);
   print_language(args[0]);
