@@ -473,9 +473,7 @@ TEST_F(IndexTrees, ABuildOutOfIndexSpaceWritesTheReport) {
   for (int i = 0; i < 12000; ++i) ASSERT_EQ(put("r" + std::to_string(i), field("value " + std::to_string(i))), 1);
   std::string report = "/tmp/LARGERPT" + std::to_string(getpid());
   std::filesystem::remove(report);
-  testing::internal::CaptureStdout();
-  EXPECT_EQ(M_build_index(&rel, row("N")), -1);
-  std::string told = testing::internal::GetCapturedStdout();
+  std::string told = stdout_of([&] { EXPECT_EQ(M_build_index(&rel, row("N")), -1); });
   EXPECT_NE(told.find("Index: no room for a node: 255 parts are in use"), std::string::npos) << told;
   EXPECT_NE(told.find("see " + report), std::string::npos);
   std::string text = slurp(report);

@@ -14,9 +14,7 @@ namespace {
 // Opens `path` and returns what the open printed; `result` gets the result.
 std::string open_output(const std::string& path, int* result) {
   REL_TYPE rel;
-  testing::internal::CaptureStdout();
-  *result = M_openfile(&rel, path.c_str(), 2);
-  std::string out = testing::internal::GetCapturedStdout();
+  std::string out = stdout_of([&] { *result = M_openfile(&rel, path.c_str(), 2); });
   if (*result == 1) M_closefile(&rel);
   return out;
 }
@@ -187,9 +185,7 @@ TEST_F(FlOpen, AFullLargeFileTableRefusesWithoutHarmingEarlierRows) {
   int32_t saved = M_large_file_limit;
   M_set_large_file_limit(5);
   REL_TYPE rel;
-  testing::internal::CaptureStdout();
-  EXPECT_EQ(M_openfile(&rel, many.c_str(), 2), -1);
-  std::string out = testing::internal::GetCapturedStdout();
+  std::string out = stdout_of([&] { EXPECT_EQ(M_openfile(&rel, many.c_str(), 2), -1); });
   M_set_large_file_limit(saved);
   EXPECT_NE(out.find("Too many dynamic part files (5) are opened.\n"), std::string::npos);
   uint8_t block[MAX_BLOCK_SIZE];
