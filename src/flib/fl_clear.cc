@@ -30,7 +30,6 @@
 
 namespace {
 
-constexpr int32_t kOpenReadWrite = 3;
 constexpr char kVocPath[] = "VOC";
 constexpr char kDictPrefix[] = "D_";
 constexpr char kLockKind[] = "CLEAR.FILE";
@@ -56,7 +55,7 @@ class OpenFile {
   OpenFile(const OpenFile&) = delete;
   OpenFile& operator=(const OpenFile&) = delete;
   int open(const std::string& path) {
-    int rc = M_openfile(&rel_, path.c_str(), kOpenReadWrite);
+    int rc = M_openfile(&rel_, path.c_str(), OpenMode::ClearReadWrite);
     open_ = rc == 1;
     return rc;
   }

@@ -238,7 +238,8 @@ int attach_dynamic_parts(REL_TYPE* rel, ScopedFd fd, const MRV_STAT& id) {
 
 }  // namespace
 
-int M_openfile(REL_TYPE* rel, const char* path, int32_t mode) {
+int M_openfile(REL_TYPE* rel, const char* path, OpenMode open_mode, int32_t flags) {
+  const int32_t mode = static_cast<int32_t>(open_mode) | flags;
   *rel = REL_TYPE{};
   std::snprintf(rel->name, sizeof rel->name, "%s", path);
   std::snprintf(rel->path, sizeof rel->path, "%s", path);

@@ -22,13 +22,12 @@ enum class OpenMode : int32_t {
   Read = 0,
   Write = 1,
   ReadWrite = 2,
+  // Read-write too: the word the clear commands open with, which an open
+  // error on a part shows.
+  ClearReadWrite = 3,
 };
 
-// `mode`: an OpenMode value, with OPEN_TEMPORARY and OPEN_NO_INDEX OR-ed in
-// as asked; any other value but 0 is read-write too. 1 opened, 0 absent or
-// no permission, -1 error.
-int M_openfile(REL_TYPE* rel, const char* path, int32_t mode);
-inline int M_openfile(REL_TYPE* rel, const char* path, OpenMode mode, int32_t flags = 0) {
-  return M_openfile(rel, path, static_cast<int32_t>(mode) | flags);
-}
+// `flags`: OPEN_TEMPORARY and OPEN_NO_INDEX OR-ed as asked. 1 opened, 0
+// absent or no permission, -1 error.
+int M_openfile(REL_TYPE* rel, const char* path, OpenMode mode, int32_t flags = 0);
 void M_closefile(REL_TYPE* rel);

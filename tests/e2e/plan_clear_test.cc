@@ -87,7 +87,7 @@ struct Layout {
 Layout layout_of(const std::string& path) {
   REL_TYPE rel;
   Layout l;
-  if (M_openfile(&rel, path.c_str(), 0) != 1) return l;
+  if (M_openfile(&rel, path.c_str(), OpenMode::Read) != 1) return l;
   l = {rel.modulo, rel.block_size, rel.min_modulo, rel.primary.size()};
   M_closefile(&rel);
   return l;

@@ -35,7 +35,7 @@ class FlClear : public testing::Test {
 
   static void put(const std::string& path, const std::string& key, const std::string& record) {
     REL_TYPE rel;
-    ASSERT_EQ(M_openfile(&rel, path.c_str(), 2), 1) << path;
+    ASSERT_EQ(M_openfile(&rel, path.c_str(), OpenMode::ReadWrite), 1) << path;
     EXPECT_EQ(M_append_strtuple(&rel, bytes(key), length(key), bytes(record), length(record), 0, nullptr), 1);
     M_closefile(&rel);
   }
@@ -43,7 +43,7 @@ class FlClear : public testing::Test {
   static std::vector<std::string> keys(const std::string& path) {
     REL_TYPE rel;
     std::vector<std::string> found;
-    EXPECT_EQ(M_openfile(&rel, path.c_str(), 0), 1) << path;
+    EXPECT_EQ(M_openfile(&rel, path.c_str(), OpenMode::Read), 1) << path;
     M_for_each_key(&rel, [&](const uint8_t* key, int32_t n, const uint8_t*, int32_t, uint32_t) {
       found.emplace_back(reinterpret_cast<const char*>(key), static_cast<size_t>(n));
       return 0;
@@ -64,7 +64,7 @@ TEST_F(FlClear, StaticDataAndDictionaryKeepTheirLayoutAndEntry) {
   EXPECT_EQ(M_clear_file("F", CLEAR_DATA, 1, 0, 0), 1);
   EXPECT_TRUE(keys("F").empty());
   REL_TYPE rel;
-  ASSERT_EQ(M_openfile(&rel, "F", 0), 1);
+  ASSERT_EQ(M_openfile(&rel, "F", OpenMode::Read), 1);
   EXPECT_EQ(rel.modulo, 7);
   EXPECT_EQ(rel.block_size, 2048u);
   M_closefile(&rel);
@@ -75,7 +75,7 @@ TEST_F(FlClear, StaticDataAndDictionaryKeepTheirLayoutAndEntry) {
   // modulo, and the entry stays as it was.
   EXPECT_EQ(M_clear_file("F", CLEAR_DICT, 0, 0, 0), 1);
   EXPECT_EQ(keys("D_F"), std::vector<std::string>{"@ID"});
-  ASSERT_EQ(M_openfile(&rel, "D_F", 0), 1);
+  ASSERT_EQ(M_openfile(&rel, "D_F", OpenMode::Read), 1);
   EXPECT_EQ(rel.modulo, 3);
   M_closefile(&rel);
   std::string after;
@@ -115,7 +115,7 @@ TEST_F(FlClear, AGrownDynamicFileComesBackAtItsMinimumWithoutItsSurplusParts) {
   EXPECT_EQ(left, (std::vector<std::string>{".note", "dat001", "idx001", "over001"}));
   EXPECT_EQ(slurp("DYN/idx001"), "index");
   REL_TYPE rel;
-  ASSERT_EQ(M_openfile(&rel, "DYN", 2), 1);
+  ASSERT_EQ(M_openfile(&rel, "DYN", OpenMode::ReadWrite), 1);
   EXPECT_EQ(rel.modulo, 3);
   EXPECT_EQ(rel.min_modulo, 3);
   EXPECT_EQ(rel.primary.size(), 1u);

@@ -110,7 +110,7 @@ TEST_F(FlCreate, StaticFilesAreByteExactForEveryBlockSize) {
     for (uint32_t g = 0; g < 7; ++g) expect_head(f, (g + 1) * c.b, c.b, g, 1, 0);
 
     REL_TYPE rel;
-    ASSERT_EQ(M_openfile(&rel, path.c_str(), 2), 1);
+    ASSERT_EQ(M_openfile(&rel, path.c_str(), OpenMode::ReadWrite), 1);
     EXPECT_EQ(rel.modulo, 7);
     EXPECT_EQ(rel.block_size, c.b);
     EXPECT_EQ(rel.hashtype, 1);
@@ -137,7 +137,7 @@ TEST_F(FlCreate, DynamicFileInOnePart) {
   EXPECT_NE(access((path + "/over002").c_str(), F_OK), 0);
 
   REL_TYPE rel;
-  ASSERT_EQ(M_openfile(&rel, path.c_str(), 2), 1);
+  ASSERT_EQ(M_openfile(&rel, path.c_str(), OpenMode::ReadWrite), 1);
   EXPECT_EQ(rel.modulo, 5);
   EXPECT_EQ(rel.min_modulo, 5);
   EXPECT_EQ(rel.split_base, 5u);  // the minimum modulo itself
@@ -148,7 +148,7 @@ TEST_F(FlCreate, DynamicFileInOnePart) {
 
   // A second open of the same file shares its row.
   REL_TYPE again;
-  ASSERT_EQ(M_openfile(&again, path.c_str(), 0), 1);
+  ASSERT_EQ(M_openfile(&again, path.c_str(), OpenMode::Read), 1);
   EXPECT_EQ(again.sfd, rel.sfd);
   EXPECT_EQ(rel.sfd->users, 2u);
   M_closefile(&again);
@@ -172,7 +172,7 @@ TEST_F(FlCreate, MoreGroupsThanOnePartHoldsStartDat002AtItsFirstGroup) {
   EXPECT_EQ(check_findings(path), "");
 
   REL_TYPE rel;
-  ASSERT_EQ(M_openfile(&rel, path.c_str(), 2), 1);
+  ASSERT_EQ(M_openfile(&rel, path.c_str(), OpenMode::ReadWrite), 1);
   EXPECT_EQ(rel.modulo, 10);
   ASSERT_EQ(rel.primary.size(), 2u);
   EXPECT_EQ(rel.primary[1].first_group, 7u);
@@ -200,7 +200,7 @@ TEST_F(FlCreate, SpreadLayoutsAssignOverflowParts) {
     expect_overflow_header(read_bytes(path + "/over001"), 1024, 1024, 10, 60, 40, 2, 2);
     expect_overflow_header(read_bytes(path + "/over002"), 1024, 1024, 10, 60, 40, 2, 2);
     REL_TYPE rel;
-    ASSERT_EQ(M_openfile(&rel, path.c_str(), 2), 1);
+    ASSERT_EQ(M_openfile(&rel, path.c_str(), OpenMode::ReadWrite), 1);
     EXPECT_EQ(rel.overflow.size(), 2u);
     EXPECT_EQ(rel.spread, 1u);
     M_closefile(&rel);
@@ -272,7 +272,7 @@ TEST_F(FlCreate, LaterPartsGrowAnOpenFile) {
   std::string path = dir + "/G";
   ASSERT_EQ(M_create_hashed(path.c_str(), 4, 1, 64, 0, nullptr), 1);
   REL_TYPE rel;
-  ASSERT_EQ(M_openfile(&rel, path.c_str(), 2), 1);
+  ASSERT_EQ(M_openfile(&rel, path.c_str(), OpenMode::ReadWrite), 1);
   ASSERT_EQ(create_overflow_part_file(&rel, 0), 0);
   ASSERT_EQ(create_primary_part_file(&rel, 0), 0);
   auto over2 = read_bytes(path + "/over002");
@@ -293,7 +293,7 @@ TEST_F(FlCreate, LaterPartsGrowAnOpenFile) {
   M_closefile(&rel);
 
   REL_TYPE again;
-  ASSERT_EQ(M_openfile(&again, path.c_str(), 2), 1);
+  ASSERT_EQ(M_openfile(&again, path.c_str(), OpenMode::ReadWrite), 1);
   ASSERT_EQ(again.primary.size(), 2u);
   EXPECT_EQ(again.overflow.size(), 2u);
   EXPECT_EQ(again.primary[1].first_group, 4u);

@@ -192,7 +192,7 @@ TEST_F(FlFree, AWriteTooLargeForItsPartJumpsBackAndTheAddGivesUpCleanly) {
   });
   ASSERT_EQ(run.status, 0) << run.output;
   // The two blocks that reached the disk are free; nothing else changed.
-  ASSERT_EQ(M_openfile(&rel, path.c_str(), 2), 1);
+  ASSERT_EQ(M_openfile(&rel, path.c_str(), OpenMode::ReadWrite), 1);
   EXPECT_EQ(header().free_count, 2u);
   EXPECT_EQ(findings(), "");
 }

@@ -55,7 +55,7 @@ TEST_F(IndexEntries, SameIndexTwiceAndTheEntryBlockAfterTwentyOne) {
   EXPECT_EQ(header_index_count(path + "/dat001"), 22);
   // Reopened, every entry is there with its own number, and works.
   M_closefile(&rel);
-  ASSERT_EQ(M_openfile(&rel, path.c_str(), 2), 1);
+  ASSERT_EQ(M_openfile(&rel, path.c_str(), OpenMode::ReadWrite), 1);
   ASSERT_EQ(h()->rows.size(), 22u);
   EXPECT_EQ(h()->rows.back().idx_no, 21);
   ASSERT_EQ(put("r1", field("one", "two")), 1);
@@ -383,12 +383,12 @@ TEST_F(IndexTrees, ADamagedHeadKeepsTheFileShutUnlessTheDataAloneIsAsked) {
   fl_put_i32(idx.data(), IH_VERSION, 0x20000);
   write_bytes(path + "/idx001", idx);
   testing::internal::CaptureStdout();
-  EXPECT_EQ(M_openfile(&rel, path.c_str(), 2), -1);
+  EXPECT_EQ(M_openfile(&rel, path.c_str(), OpenMode::ReadWrite), -1);
   EXPECT_EQ(testing::internal::GetCapturedStdout(),
             "Index: invalid index version: 0x20000\n"
             "Index: " + path + "/idx001 has damaged master head\n"
             "Index: master head has been damaged\n");
-  ASSERT_EQ(M_openfile(&rel, path.c_str(), 2 | OPEN_NO_INDEX), 1);
+  ASSERT_EQ(M_openfile(&rel, path.c_str(), OpenMode::ReadWrite, OPEN_NO_INDEX), 1);
   EXPECT_EQ(rel.index, nullptr);
 }
 
@@ -411,7 +411,7 @@ TEST_F(IndexTrees, RandomDamageIsReportedNeverFollowed) {
     std::vector<uint8_t> bad = good;
     for (int n = 1 + static_cast<int>(rng() % 4); n > 0; --n) bad[rng() % bad.size()] = static_cast<uint8_t>(rng());
     write_bytes(path + "/idx001", bad);
-    if (M_openfile(&rel, path.c_str(), 2) != 1) continue;
+    if (M_openfile(&rel, path.c_str(), OpenMode::ReadWrite) != 1) continue;
     M_check_index(h());
     for (const char* name : {"A", "B"}) {
       if (row(name) < 0) continue;
@@ -425,7 +425,7 @@ TEST_F(IndexTrees, RandomDamageIsReportedNeverFollowed) {
   }
   V__Errout = saved;
   write_bytes(path + "/idx001", good);
-  ASSERT_EQ(M_openfile(&rel, path.c_str(), 2), 1);
+  ASSERT_EQ(M_openfile(&rel, path.c_str(), OpenMode::ReadWrite), 1);
 }
 
 TEST_F(IndexEntries, VirtualFieldExpressionsInTheChainOrInARun) {
@@ -526,12 +526,12 @@ TEST(IndexClear, AClearedFileKeepsUsableEmptyIndexes) {
     ASSERT_EQ(M_create_hashed(name, std::string(name) == "CUST" ? 1 : 7, 1, std::string(name) == "CUST" ? 64 : 0, 0,
                               nullptr), 1);
     REL_TYPE voc;
-    ASSERT_EQ(M_openfile(&voc, "VOC", 2), 1);
+    ASSERT_EQ(M_openfile(&voc, "VOC", OpenMode::ReadWrite), 1);
     std::string entry = "F" + std::string(1, static_cast<char>(M_FM)) + name + static_cast<char>(M_FM) + "D_" + name;
     ASSERT_EQ(M_append_strtuple(&voc, key_bytes(name), 4, bytes(entry), length(entry), 0, nullptr), 1);
     M_closefile(&voc);
     REL_TYPE rel;
-    ASSERT_EQ(M_openfile(&rel, name, 2), 1);
+    ASSERT_EQ(M_openfile(&rel, name, OpenMode::ReadWrite), 1);
     ASSERT_EQ(M_create_index_file(&rel, small_nodes(8)), 1);
     ASSERT_EQ(M_add_index(&rel, "N", 'D', 'S', 'T', 0, 1, nullptr, false), 1);
     for (int i = 0; i < 300; ++i) {
@@ -540,7 +540,7 @@ TEST(IndexClear, AClearedFileKeepsUsableEmptyIndexes) {
     }
     M_closefile(&rel);
     ASSERT_EQ(M_clear_one(name, 4, CLEAR_DATA, 0, 0, 0), 1) << name;
-    ASSERT_EQ(M_openfile(&rel, name, 2), 1);
+    ASSERT_EQ(M_openfile(&rel, name, OpenMode::ReadWrite), 1);
     ASSERT_NE(rel.index, nullptr) << name << ": the header counts its index again";
     EXPECT_EQ(M_ndx_gethdr(&rel), 1);
     int n = 0;

@@ -38,7 +38,7 @@ Records make_records(uint32_t seed, int count, uint32_t b) {
 
 void expect_all_readable(const std::string& path, const Records& records) {
   REL_TYPE rel;
-  ASSERT_EQ(M_openfile(&rel, path.c_str(), 0), 1);
+  ASSERT_EQ(M_openfile(&rel, path.c_str(), OpenMode::Read), 1);
   std::map<std::string, std::string> last;
   for (const auto& [k, r] : records) last[k] = r;
   for (const auto& [k, r] : last) {
@@ -60,7 +60,7 @@ LoadCounts load(const std::string& path, bool dynamic, int32_t modulo, const Rec
   LoadCounts counts;
   EXPECT_EQ(M_create_hashed(path.c_str(), modulo, 1, dynamic ? 64 : 0, 0, nullptr), 1);
   REL_TYPE rel;
-  EXPECT_EQ(M_openfile(&rel, path.c_str(), 2), 1);
+  EXPECT_EQ(M_openfile(&rel, path.c_str(), OpenMode::ReadWrite), 1);
   Records records = input;
   std::stable_sort(records.begin(), records.end(), [&](const auto& x, const auto& y) {
     return M_hash(bytes(x.first), length(x.first), &rel) < M_hash(bytes(y.first), length(y.first), &rel);
@@ -113,7 +113,7 @@ TEST_F(FlMem, BlocksOfAnotherPartFlushTheOtherPartsBlocksFirst) {
   ASSERT_EQ(M_create_hashed(path.c_str(), 40, 1, 64, 0, nullptr), 1);
   M_spread = 0;
   REL_TYPE rel;
-  ASSERT_EQ(M_openfile(&rel, path.c_str(), 2), 1);
+  ASSERT_EQ(M_openfile(&rel, path.c_str(), OpenMode::ReadWrite), 1);
   ASSERT_EQ(rel.overflow.size(), 2u);
   Records records = make_records(11, 600, 1024);
   ASSERT_EQ(M_init_mem_buffers(&rel), 1);
@@ -136,7 +136,7 @@ TEST_F(FlMem, ABufferedLoadIntoAFileWrittenRecordByRecordKeepsItsBlocks) {
     for (size_t i = 0; i < first.size(); i += 2) second.push_back({first[i].first, "new " + std::to_string(i)});
     load(path, dynamic, 13, first, false);
     REL_TYPE rel;
-    ASSERT_EQ(M_openfile(&rel, path.c_str(), 2), 1);
+    ASSERT_EQ(M_openfile(&rel, path.c_str(), OpenMode::ReadWrite), 1);
     for (size_t i = 1; i < first.size(); i += 4)
       ASSERT_EQ(M_delete_tuple(&rel, bytes(first[i].first), length(first[i].first), nullptr), 1);
     ASSERT_EQ(M_init_mem_buffers(&rel), 1);

@@ -64,7 +64,7 @@ void run_model(const Config& config, int batches, int ops_per_batch) {
   int32_t type = config.dynamic ? 64 : 0;
   ASSERT_EQ(M_create_hashed(path.c_str(), config.dynamic ? 2 : 3, config.block_code, type, 0, nullptr), 1);
   REL_TYPE rel;
-  ASSERT_EQ(M_openfile(&rel, path.c_str(), 2), 1);
+  ASSERT_EQ(M_openfile(&rel, path.c_str(), OpenMode::ReadWrite), 1);
   uint32_t b = rel.block_size;
   std::mt19937 rng(config.seed);
   std::map<std::string, std::string> model;
@@ -153,7 +153,7 @@ void run_growth(const Growth& config, size_t records) {
   int32_t type = HASH_DYNAMIC | (config.keydata ? HASH_KEYDATA : 0) | config.hash_function;
   ASSERT_EQ(M_create_hashed(path.c_str(), 1, config.block_code, type, 0, nullptr), 1);
   REL_TYPE rel;
-  ASSERT_EQ(M_openfile(&rel, path.c_str(), 2), 1);
+  ASSERT_EQ(M_openfile(&rel, path.c_str(), OpenMode::ReadWrite), 1);
   std::mt19937 rng(config.seed);
   std::map<std::string, std::string> model;
   std::vector<std::string> live;  // the keys of the model, for random picks

@@ -14,7 +14,7 @@ namespace {
 // Opens `path` and returns what the open printed; `result` gets the result.
 std::string open_output(const std::string& path, int* result) {
   REL_TYPE rel;
-  std::string out = stdout_of([&] { *result = M_openfile(&rel, path.c_str(), 2); });
+  std::string out = stdout_of([&] { *result = M_openfile(&rel, path.c_str(), OpenMode::ReadWrite); });
   if (*result == 1) M_closefile(&rel);
   return out;
 }
@@ -131,7 +131,7 @@ TEST_F(FlOpen, MissingFilesAndZeroMaxFlength) {
   patch_i32(dyn + "/dat001", 60, 0);
   ScopedEnv length("MAX_FLENGTH", "4096");
   REL_TYPE rel;
-  ASSERT_EQ(M_openfile(&rel, dyn.c_str(), 2), 1);
+  ASSERT_EQ(M_openfile(&rel, dyn.c_str(), OpenMode::ReadWrite), 1);
   EXPECT_EQ(rel.groups_per_part, 4);
   M_closefile(&rel);
 }
@@ -150,7 +150,7 @@ TEST_F(FlOpen, DescriptorsAreEvictedOldestFirstButNotWhileLocked) {
   std::string many = make_many_parts(dir);
   ScopedEnv nfiles("NFILES", "25");  // 5 descriptors for parts
   REL_TYPE rel;
-  ASSERT_EQ(M_openfile(&rel, many.c_str(), 2), 1);
+  ASSERT_EQ(M_openfile(&rel, many.c_str(), OpenMode::ReadWrite), 1);
   ASSERT_EQ(rel.primary.size(), 4u);
   ASSERT_EQ(rel.overflow.size(), 4u);
   EXPECT_LE(M_open_part_count(), 5);
@@ -181,11 +181,11 @@ TEST_F(FlOpen, AFullLargeFileTableRefusesWithoutHarmingEarlierRows) {
   ASSERT_EQ(M_create_hashed(dyn.c_str(), 3, 1, 64, 0, nullptr), 1);
   std::string many = make_many_parts(dir);
   REL_TYPE first;
-  ASSERT_EQ(M_openfile(&first, dyn.c_str(), 2), 1);
+  ASSERT_EQ(M_openfile(&first, dyn.c_str(), OpenMode::ReadWrite), 1);
   int32_t saved = M_large_file_limit;
   M_set_large_file_limit(5);
   REL_TYPE rel;
-  std::string out = stdout_of([&] { EXPECT_EQ(M_openfile(&rel, many.c_str(), 2), -1); });
+  std::string out = stdout_of([&] { EXPECT_EQ(M_openfile(&rel, many.c_str(), OpenMode::ReadWrite), -1); });
   M_set_large_file_limit(saved);
   EXPECT_NE(out.find("Too many dynamic part files (5) are opened.\n"), std::string::npos);
   uint8_t block[MAX_BLOCK_SIZE];
@@ -199,7 +199,7 @@ TEST_F(FlOpen, DynHashReturnsTheLockedHeadOfTheKeysGroup) {
   std::string dyn = dir + "/D";
   ASSERT_EQ(M_create_hashed(dyn.c_str(), 7, 1, 64, 0, nullptr), 1);
   REL_TYPE rel;
-  ASSERT_EQ(M_openfile(&rel, dyn.c_str(), 2), 1);
+  ASSERT_EQ(M_openfile(&rel, dyn.c_str(), OpenMode::ReadWrite), 1);
   int64_t head = M_dyn_hash(&rel, key_bytes("ABC"), 3, LOCK_EXCLUSIVE);
   uint32_t group = M_hash(key_bytes("ABC"), 3, &rel);
   ASSERT_EQ(head, static_cast<int64_t>(M_get_head_off(&rel, group)));

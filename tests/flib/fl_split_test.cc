@@ -193,7 +193,7 @@ TEST_F(FlSplit, GroupsGrowIntoNewPrimaryPartsSeenByEveryHandle) {
   ScopedEnv small("MAX_FLENGTH", "16384");
   create(1, 1, HASH_DYNAMIC);
   REL_TYPE other;
-  ASSERT_EQ(M_openfile(&other, path.c_str(), 2), 1);
+  ASSERT_EQ(M_openfile(&other, path.c_str(), OpenMode::ReadWrite), 1);
   std::vector<std::string> keys;
   for (int i = 0; i < 3000; ++i) keys.push_back("record-key-" + std::to_string(i));
   for (const auto& k : keys) ASSERT_EQ(put(k, "value of " + k), 1);
@@ -242,7 +242,7 @@ TEST_F(FlSplit, AFailedSplitLeavesTheFileAsItWas) {
     M_closefile(&child);
   });
   ASSERT_EQ(run.status, 0) << run.output;
-  ASSERT_EQ(M_openfile(&rel, path.c_str(), 2), 1);
+  ASSERT_EQ(M_openfile(&rel, path.c_str(), OpenMode::ReadWrite), 1);
   EXPECT_EQ(rel.modulo, 1);
   EXPECT_EQ(findings(), "");
   // With room again the split goes through.

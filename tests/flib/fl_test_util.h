@@ -83,7 +83,7 @@ inline std::vector<uint8_t> make_group_block(uint32_t b, uint32_t offset, uint32
 // EFBIG. 0, or the exit status naming the step that failed (10 the open,
 // 11 the limit).
 inline int open_under_size_limit(REL_TYPE* rel, const std::string& path, rlim_t limit) {
-  if (M_openfile(rel, path.c_str(), 2) != 1) return 10;
+  if (M_openfile(rel, path.c_str(), OpenMode::ReadWrite) != 1) return 10;
   signal(SIGXFSZ, SIG_IGN);
   rlimit r{limit, limit};
   return setrlimit(RLIMIT_FSIZE, &r) != 0 ? 11 : 0;
@@ -109,7 +109,7 @@ class RecordFile : public testing::Test {
   void create(int32_t modulo, int32_t block_code, int32_t hashtype) {
     path = tmp.str() + "/F";
     ASSERT_EQ(M_create_hashed(path.c_str(), modulo, block_code, hashtype, 0, nullptr), 1);
-    ASSERT_EQ(M_openfile(&rel, path.c_str(), 2), 1);
+    ASSERT_EQ(M_openfile(&rel, path.c_str(), OpenMode::ReadWrite), 1);
   }
   void TearDown() override {
     if (rel.block_size != 0) M_closefile(&rel);

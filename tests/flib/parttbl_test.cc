@@ -110,7 +110,7 @@ TEST_F(PartTable, PartsGoToAnotherPartitionThroughALink) {
   EXPECT_EQ(read_bytes(partition + "/AAFAR/dat001").size(), 4u * 1024);
 
   REL_TYPE rel;
-  ASSERT_EQ(M_openfile(&rel, path.c_str(), 2), 1);
+  ASSERT_EQ(M_openfile(&rel, path.c_str(), OpenMode::ReadWrite), 1);
   EXPECT_EQ(rel.modulo, 3);
   M_closefile(&rel);
   M_load_part_table();

@@ -78,7 +78,7 @@ TEST(Loader, FlushesResizesAndEnds) {
     EXPECT_EQ(r.output.find("files overflowed, Check resize_list") != std::string::npos, c.resize_list);
     EXPECT_EQ(check_findings(dir + "/ACC/CUST"), "") << trace;
     REL_TYPE rel;
-    ASSERT_EQ(M_openfile(&rel, (dir + "/ACC/CUST").c_str(), 0), 1);
+    ASSERT_EQ(M_openfile(&rel, (dir + "/ACC/CUST").c_str(), OpenMode::Read), 1);
     int found = 0;
     for (int i = 0; i < c.records; ++i) {
       std::string key = key_of(i);
@@ -138,7 +138,7 @@ TEST(Loader, RecordsOfAGroupGoInLatestFirst) {
   auto keys_of = [](const std::string& path) {
     std::string keys;
     REL_TYPE rel;
-    if (M_openfile(&rel, path.c_str(), 0) != 1) return keys;
+    if (M_openfile(&rel, path.c_str(), OpenMode::Read) != 1) return keys;
     M_for_each_key(&rel, [&](const uint8_t* key, int32_t length, const uint8_t*, int32_t, uint32_t) {
       keys.append(reinterpret_cast<const char*>(key), static_cast<size_t>(length)).push_back(' ');
       return 0;
@@ -151,7 +151,7 @@ TEST(Loader, RecordsOfAGroupGoInLatestFirst) {
   std::string direct = dir + "/DIRECT";
   ASSERT_EQ(M_create_hashed(direct.c_str(), 5, 1, 0, 0, nullptr), 1);
   REL_TYPE rel;
-  ASSERT_EQ(M_openfile(&rel, direct.c_str(), 2), 1);
+  ASSERT_EQ(M_openfile(&rel, direct.c_str(), OpenMode::ReadWrite), 1);
   ASSERT_EQ(M_init_mem_buffers(&rel), 1);
   const std::string data = "ddd";
   for (uint32_t group = 0; group < 5; ++group) {

@@ -198,7 +198,7 @@ TEST(TargetName, BlockListAndHashType) {
         reel_create_target(1);
         for (const char* name : {"CUST", "PLAIN", "DYN"}) {
           REL_TYPE rel;
-          M_openfile(&rel, name, 0);
+          M_openfile(&rel, name, OpenMode::Read);
           std::printf("%s %d %u %d\n", name, rel.modulo, rel.block_size, rel.hashtype);
           M_closefile(&rel);
         }
