@@ -105,6 +105,7 @@ struct BlockSizeCode {
   static constexpr int32_t kMax = 16;
   static constexpr uint32_t kKiB = 1024;
   static constexpr uint32_t kSmallest = 512;  // the block of code 0
+  static constexpr int32_t kOneKiB = 1;        // the code of a 1 KiB block
 
   int32_t code;  // creation form
 
@@ -126,6 +127,7 @@ static_assert(BlockSizeCode{BlockSizeCode::kMax}.bytes() == MAX_BLOCK_SIZE);
 static_assert(BlockSizeCode::of_bytes(BlockSizeCode{0}.bytes()).code == 0 &&
               BlockSizeCode::of_bytes(BlockSizeCode{BlockSizeCode::kMax}.bytes()).code == BlockSizeCode::kMax);
 static_assert(BlockSizeCode{0}.stored() == -1 && BlockSizeCode::of_stored(15).bytes() == 16384);
+static_assert(BlockSizeCode{BlockSizeCode::kOneKiB}.bytes() == BlockSizeCode::kKiB);
 // The part of block 0 read at open is there in the smallest block.
 static_assert(FH_READ_SIZE <= BlockSizeCode{0}.bytes());
 

@@ -10,6 +10,7 @@
 #include "NT/NT_command.h"
 #include "NT/NT_utils.h"
 #include "common/mrv_msg.h"
+#include "flib/fl_filehdr.h"
 #include "flib/fl_globals.h"
 #include "flib/fl_lang.h"
 #include "flib/fl_mem.h"
@@ -151,7 +152,8 @@ void reel_open_account() {
     }
     if (M_voc_read(w.name, &record) != 1) {
       reel_note_loading(REEL_OBJECT_WORK_FILE, w.name);
-      M_create_file(w.name, nullptr, 1, w.modulo, 1, 1, w.flags, 0, 0, nullptr);
+      M_create_file(w.name, nullptr, 1, w.modulo, BlockSizeCode::kOneKiB, BlockSizeCode::kOneKiB, w.flags, 0, 0,
+                    nullptr);
     }
     *w.rel = REL_TYPE{};
     if (M_open_by_voc(w.rel, w.name, 1) != 1) reel_fatal(w.open_failure);

@@ -18,6 +18,7 @@
 #include "common/mrv_marks.h"
 #include "common/mrv_msg.h"
 #include "common/mrv_status.h"
+#include "flib/fl_filehdr.h"
 #include "flib/fl_hash.h"
 #include "flib/fl_mem.h"
 #include "flib/fl_mkfile.h"
@@ -387,7 +388,8 @@ int reel_resize_check() {
   // A kill while the new layout is made must not leave it behind for good.
   if (named) reel_note_loading(REEL_OBJECT_SCRATCH, temporary, temporary);
   if (!named ||
-      reel_create_under_name(temporary, temporary, 0, n, 1, 1, CREATE_DATA, type) == 0) {
+      reel_create_under_name(temporary, temporary, 0, n, BlockSizeCode::kOneKiB, BlockSizeCode::kOneKiB, CREATE_DATA,
+                             type) == 0) {
     reel_loading_done(REEL_OBJECT_SCRATCH, temporary, true);
     if (reel_open_loader(f.name) != 0) return 1;
     reel_show('M', 0);

@@ -6,6 +6,7 @@
 #include "NT/NT_utils.h"
 #include "common/fl_errout.h"
 #include "flib/fl_clear.h"
+#include "flib/fl_filehdr.h"
 #include "flib/fl_mem.h"
 #include "flib/fl_mkfile.h"
 #include "flib/fl_open.h"
@@ -61,7 +62,7 @@ int reel_create_target(int dynamic) {
     return 0;
   reel_note_loading(f.file_kind, f.name, (f.file_kind == FILE_KIND_DICT ? "D_" : "") + f.short_name);
 
-  int32_t dict_modulo = 1, modulo = 1, block = 1, flags = CREATE_DATA, type = 0;
+  int32_t dict_modulo = 1, modulo = 1, block = BlockSizeCode::kOneKiB, flags = CREATE_DATA, type = 0;
   switch (f.file_kind) {
     case FILE_KIND_DATA:
       modulo = f.modulo;
@@ -78,7 +79,8 @@ int reel_create_target(int dynamic) {
       break;
   }
   if (f.file_kind == FILE_KIND_DATA && s.block_list_on) f.modulo = modulo;
-  if (reel_create_under_name(f.name, f.short_name, dict_modulo, modulo, 1, block, flags, type) == 0) {
+  if (reel_create_under_name(f.name, f.short_name, dict_modulo, modulo, BlockSizeCode::kOneKiB, block, flags,
+                             type) == 0) {
     reel_show('C', 0);
     reel_log_error(REEL_ERR_CREATE, "Create file error");
     return 0;
