@@ -21,6 +21,13 @@ struct ModelConfig {
   uint32_t seed;
 };
 
+// The value's name in the test names: printed by field, so that the struct's
+// padding bytes don't show.
+void PrintTo(const ModelConfig& config, std::ostream* out) {
+  *out << (config.version == IDX_VERSION_COMPRESSED ? "Compressed" : "Plain") << (config.large ? "Large" : "")
+       << config.seed;
+}
+
 std::string random_value(std::mt19937& rng) {
   static const char* kStems[] = {"red", "green", "blue", "a-rather-long-colour-name-", ""};
   std::string v = kStems[rng() % 5];
