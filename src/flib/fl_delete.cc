@@ -151,6 +151,8 @@ int M_delete_tuple(REL_TYPE* rel, const uint8_t* key, int32_t key_length, void* 
   if (M_index_prepare(rel, key, key_length, &prep) < 0) return M_file_error(rel, fn, "index", key, key_length, 0);
   int64_t head = M_dyn_hash(rel, key, key_length, LOCK_EXCLUSIVE);
   if (head < 0) return M_file_error(rel, fn, nullptr, key, key_length, static_cast<int32_t>(M_groupno));
+  BlockLock head_lock(rel);
+  head_lock.adopt(static_cast<uint32_t>(head));
   uint32_t b = rel->block_size;
   uint32_t address = static_cast<uint32_t>(head);
   uint32_t previous = 0;
@@ -159,15 +161,12 @@ int M_delete_tuple(REL_TYPE* rel, const uint8_t* key, int32_t key_length, void* 
   int result = M_read_grpblk(rel, &address, block, key, key_length, &row, &previous);
   auto finish = [&](int r) {
     if (M_release_blk_in_buffer(rel, 0) != 0 || M_release_to_file(rel, 0) != 0) r = -1;
-    M_unlock_block(rel, static_cast<uint32_t>(head));
+    head_lock.release();
     if (r == 1 && M_index_commit(rel, key, key_length, prep, nullptr, 0) < 0) r = -1;
     if (r < 0) M_file_error(rel, fn, nullptr, key, key_length, static_cast<int32_t>(M_groupno));
     return r;
   };
-  if (result <= 0) {
-    M_unlock_block(rel, static_cast<uint32_t>(head));
-    return result;
-  }
+  if (result <= 0) return result;
   if (delete_record(rel, address, block, row) != 1) return finish(-1);
   bool is_head = address == static_cast<uint32_t>(head);
   if (!is_head && gb_key_count(block) == 0) {

@@ -8,6 +8,7 @@
 #include <string>
 
 #include "NT/NT_fault.h"
+#include "NT/NT_utils.h"
 #include "flib/fl_hash.h"
 #include "flib/fl_rel.h"
 #include "flib/fl_report.h"
@@ -40,20 +41,21 @@ int M_dir_write(REL_TYPE* rel, const uint8_t* key, int32_t key_length, const uin
   // The record is written beside its entry and renamed over it, so that a
   // reader sees the old or the new record, never a part of one.
   std::string temporary = path + ".~new";
-  int fd = open(temporary.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0666);
-  if (fd < 0) return M_file_error(rel, fn, "open", key, key_length, errno);
+  ScopedFd fd(open(temporary.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0666));
+  if (!fd.valid()) return M_file_error(rel, fn, "open", key, key_length, errno);
   int32_t done = 0;
   while (done < record_length) {
-    ssize_t n = NT_write(fd, record + done, static_cast<size_t>(record_length - done));
+    ssize_t n = NT_write(fd.get(), record + done, static_cast<size_t>(record_length - done));
     if (n < 0 && errno == EINTR) continue;
     if (n <= 0) {
-      close(fd);
+      // Closed before the half-written file goes.
+      fd.reset();
       unlink(temporary.c_str());
       return M_file_error(rel, fn, "write", key, key_length, errno);
     }
     done += static_cast<int32_t>(n);
   }
-  if (close(fd) != 0 || rename(temporary.c_str(), path.c_str()) != 0) {
+  if (close(fd.release()) != 0 || rename(temporary.c_str(), path.c_str()) != 0) {
     unlink(temporary.c_str());
     return M_file_error(rel, fn, "rename", key, key_length, errno);
   }
@@ -63,21 +65,17 @@ int M_dir_write(REL_TYPE* rel, const uint8_t* key, int32_t key_length, const uin
 int M_dir_read(REL_TYPE* rel, const uint8_t* key, int32_t key_length, std::string* record) {
   std::string path;
   if (!entry_path(rel, key, key_length, &path)) return 0;
-  int fd = open(path.c_str(), O_RDONLY);
-  if (fd < 0) return errno == ENOENT ? 0 : M_file_error(rel, "M_dir_read", "open", key, key_length, errno);
+  ScopedFd fd(open(path.c_str(), O_RDONLY));
+  if (!fd.valid()) return errno == ENOENT ? 0 : M_file_error(rel, "M_dir_read", "open", key, key_length, errno);
   record->clear();
   char buffer[65536];
   for (;;) {
-    ssize_t n = read(fd, buffer, sizeof buffer);
+    ssize_t n = read(fd.get(), buffer, sizeof buffer);
     if (n < 0 && errno == EINTR) continue;
-    if (n < 0) {
-      close(fd);
-      return M_file_error(rel, "M_dir_read", "read", key, key_length, errno);
-    }
+    if (n < 0) return M_file_error(rel, "M_dir_read", "read", key, key_length, errno);
     if (n == 0) break;
     record->append(buffer, static_cast<size_t>(n));
   }
-  close(fd);
   return 1;
 }
 

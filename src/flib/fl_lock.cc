@@ -118,6 +118,12 @@ bool BlockLock::take(uint32_t address, int32_t mode) {
   return true;
 }
 
+void BlockLock::adopt(uint32_t address) {
+  assert(!held_);
+  address_ = address;
+  held_ = true;
+}
+
 int BlockLock::release() {
   if (!held_) return 0;
   held_ = false;

@@ -56,6 +56,10 @@ class BlockLock {
   // M_lock_block; false, with nothing held, when it fails.
   // REQUIRES: no lock is held by this guard.
   bool take(uint32_t address, int32_t mode);
+  // Takes over a lock taken elsewhere (M_dyn_hash locks the head block it
+  // gives), to end it like one taken here.
+  // REQUIRES: no lock is held by this guard.
+  void adopt(uint32_t address);
   // M_unlock_block of the lock held: its result, or 0 when none is held.
   int release();
   // The lock outlives the guard; whoever was told of it ends it.

@@ -98,16 +98,17 @@ int M_pre_read(REL_TYPE* rel, const uint8_t* key, int32_t length, int32_t* size)
   if (rel->modulo == 0) return M_preread_seq(rel, key, length, size);
   int64_t head = M_dyn_hash(rel, key, length, LOCK_SHARED);
   if (head < 0) return M_file_error(rel, fn, nullptr, key, length, static_cast<int32_t>(M_groupno));
+  BlockLock head_lock(rel);
+  head_lock.adopt(static_cast<uint32_t>(head));
   uint32_t address = static_cast<uint32_t>(head);
   uint32_t previous = 0;
   int32_t row = -1;
   int r = M_read_grpblk(rel, &address, M_blkbuf, key, length, &row, &previous);
   if (r == 1 && (M_found_length < 1 || M_found_length > MAX_RECORD_BYTES + 1))
     r = M_file_error(rel, fn, "check", key, length, M_found_length);
-  if (r != 1) {
-    M_unlock_block(rel, static_cast<uint32_t>(head));
-    return r;
-  }
+  if (r != 1) return r;
+  // M_post_read ends the lock.
+  head_lock.keep();
   g_pending = Pending{0, rel, static_cast<uint32_t>(head), address, M_found_position, M_found_length, {}};
   *size = M_found_length - 1;
   return 1;

@@ -775,8 +775,10 @@ int M_append_strtuple(REL_TYPE* rel, const uint8_t* key, int32_t key_length, con
     M_add_mode = 0;
     return wr_error(rel, fn, nullptr, key, key_length);
   }
+  BlockLock head_lock(rel);
+  head_lock.adopt(static_cast<uint32_t>(head));
   int r = add_to_group(rel, static_cast<uint32_t>(head), key, key_length, record, record_length + 1, nullptr, index_data);
-  M_unlock_block(rel, static_cast<uint32_t>(head));
+  head_lock.release();
   if (r == 1 && M_index_commit(rel, key, key_length, prep, record, record_length) < 0) return -1;
   return r == 1 ? 1 : -1;
 }

@@ -182,19 +182,18 @@ int form_relative_dirname(char* target, size_t size, const char* partition, cons
   size_t slash = file.rfind('/');
   std::string name = slash == std::string::npos ? file : file.substr(slash + 1);
   std::string table = std::string(partition) + "/" + kPrefixTable;
-  int fd = open(table.c_str(), O_RDWR | O_CREAT, 0666);
-  if (fd < 0) {
+  ScopedFd fd(open(table.c_str(), O_RDWR | O_CREAT, 0666));
+  if (!fd.valid()) {
     M_errout(0, "open file (%s) error\n", table.c_str());
     return M_file_error(nullptr, "form_relative_dirname", "open .fil_prefix_tbl", nullptr, 0, 0);
   }
-  if (M_mrvlockf(fd, LOCK_EXCLUSIVE, 0, 1) != 0) {
+  if (M_mrvlockf(fd.get(), LOCK_EXCLUSIVE, 0, 1) != 0) {
     M_errout(0, "Lock file (%s) error\n", table.c_str());
-    close(fd);
     return M_file_error(nullptr, "form_relative_dirname", "lock_file", nullptr, 0, 0);
   }
   std::string text;
   char buffer[4096];
-  for (ssize_t n; (n = NT_read(fd, buffer, sizeof buffer)) > 0;) text.append(buffer, static_cast<size_t>(n));
+  for (ssize_t n; (n = NT_read(fd.get(), buffer, sizeof buffer)) > 0;) text.append(buffer, static_cast<size_t>(n));
   char prefix[3] = {};
   char last[3] = {};
   std::istringstream lines(text);
@@ -212,14 +211,13 @@ int form_relative_dirname(char* target, size_t size, const char* partition, cons
       next_prefix(prefix);
     }
     std::string line = std::string(prefix, 2) + ":" + name + "\n";
-    if (M_ls_write(fd, reinterpret_cast<const uint8_t*>(line.data()), line.size(),
+    if (M_ls_write(fd.get(), reinterpret_cast<const uint8_t*>(line.data()), line.size(),
                    static_cast<off_t>(text.size())) != static_cast<ssize_t>(line.size())) {
       M_errout(0, "create file (%s) error\n", table.c_str());
       result = M_file_error(nullptr, "form_relative_dirname", "create .fil_prefix_tbl", nullptr, 0, 0);
     }
   }
-  M_mrvunlock(fd, 0, 1);
-  close(fd);
+  M_mrvunlock(fd.get(), 0, 1);
   if (result == 0) std::snprintf(target, size, "%s/%s%s", partition, prefix, name.c_str());
   return result;
 }
