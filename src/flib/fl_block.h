@@ -173,6 +173,31 @@ inline int32_t max_key_rows(uint32_t block_size) {
   return static_cast<int32_t>((block_size - GB_KEY_TABLE) / KEY_ENTRY_SIZE);
 }
 
+// A walk down the key area, row 0 first. The key of the row at hand ends at
+// `end` (datapos for row 0): its length byte is at end-1, its bytes just
+// below; the next row's key ends where this one starts. Nothing is read
+// before it is asked for, so a walk can stop at a damaged row.
+struct KeyWalk {
+  const uint8_t* block;
+  int32_t end;
+
+  int32_t length() const { return block[end - 1]; }
+  // Offset of the key's first byte.
+  int32_t start() const { return end - 1 - length(); }
+  const uint8_t* bytes() const { return block + start(); }
+  // True when the length byte and the key lie at or above `floor` (the end
+  // of the key table).
+  bool fits_above(int32_t floor) const { return end - 1 >= floor && start() >= floor; }
+  void next() { end = start(); }
+};
+// The walk at row 0, or at `row` over the keys of the rows before it.
+// REQUIRES: the keys of the rows skipped lie in the block.
+inline KeyWalk key_walk(const uint8_t* block, int32_t row = 0) {
+  KeyWalk walk{block, gb_datapos(block)};
+  for (int32_t r = 0; r < row; ++r) walk.next();
+  return walk;
+}
+
 // FREE_LIST_BLOCK entries. REQUIRES: 0 <= i < free_list_capacity(B).
 inline uint32_t free_list_entry_offset(int32_t i) {
   assert(i >= 0);

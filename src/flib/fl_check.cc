@@ -147,22 +147,22 @@ struct Checker {
   void check_keys(uint32_t group, uint32_t address, const uint8_t* block) {
     int32_t count = gb_key_count(block);
     int32_t datapos = gb_datapos(block);
-    int32_t walk = datapos;
+    KeyWalk walk = key_walk(block);
     int32_t floor = static_cast<int32_t>(ke_offset(count));
     int32_t key_bytes = 0;
     uint32_t previous = 0;
     for (int32_t row = 0; row < count; ++row) {
-      int32_t n = walk - 1 >= floor ? block[walk - 1] : -1;
-      if (n < 0 || n > kMaxKeyLength || walk - 1 - n < floor) {
+      if (!walk.fits_above(floor) || walk.length() > kMaxKeyLength) {
         add("group %u block 0X%X: key %d runs out of the key area", group, address, row);
         return;
       }
-      const uint8_t* key = block + walk - 1 - n;
+      int32_t n = walk.length();
+      const uint8_t* key = walk.bytes();
       uint32_t hashed = M_hash(key, n, rel);
       if (hashed != group)
         add("group %u block 0X%X: key '%.*s' hashes to group %u", group, address, n,
             reinterpret_cast<const char*>(key), hashed);
-      walk -= 1 + n;
+      walk.next();
       key_bytes += 1 + n;
       uint32_t position = ke_position(block, row);
       int32_t length = ke_length(block, row);
@@ -184,7 +184,7 @@ struct Checker {
     }
     if (key_bytes != gb_key_bytes(block))
       add("group %u block 0X%X: key bytes %d, the keys take %d", group, address, gb_key_bytes(block), key_bytes);
-    if (static_cast<int32_t>(ke_offset(count + 1)) <= walk && ke_position(block, count) != 0)
+    if (static_cast<int32_t>(ke_offset(count + 1)) <= walk.end && ke_position(block, count) != 0)
       add("group %u block 0X%X: the row after the last is not 0", group, address);
   }
 

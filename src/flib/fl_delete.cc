@@ -70,11 +70,10 @@ int delete_record(REL_TYPE* rel, uint32_t address, uint8_t* block, int32_t row) 
   // Cut the key out; the keys of later rows (below it) move up.
   int32_t datapos = gb_datapos(block);
   int32_t key_bytes = gb_key_bytes(block);
-  int32_t walk = datapos;
-  for (int32_t r = 0; r < row; ++r) walk -= block[walk - 1] + 1;
-  int32_t n = block[walk - 1];
+  KeyWalk walk = key_walk(block, row);
+  int32_t n = walk.length();
   int32_t low = datapos - key_bytes;
-  int32_t key_start = walk - 1 - n;
+  int32_t key_start = walk.start();
   if (key_start < low) return del_error(rel, fn, "key area");
   std::memmove(block + low + n + 1, block + low, static_cast<size_t>(key_start - low));
   std::memset(block + low, 0, static_cast<size_t>(n + 1));

@@ -250,17 +250,13 @@ int M_set_over_fd(REL_TYPE* rel, int32_t part_number) {
 int find_key_in_block(const uint8_t* block, uint32_t block_size, const uint8_t* key, int32_t length) {
   int32_t count = gb_key_count(block);
   if (count <= 0) return -1;
-  int32_t walk = gb_datapos(block);
-  if (walk < 0 || static_cast<uint32_t>(walk) > block_size) return -1;
+  KeyWalk walk = key_walk(block);
+  if (walk.end < 0 || static_cast<uint32_t>(walk.end) > block_size) return -1;
   count = std::min(count, max_key_rows(block_size));
   int32_t floor = static_cast<int32_t>(ke_offset(count));
-  for (int32_t row = 0; row < count; ++row) {
-    if (walk - 1 < floor) return -1;
-    int32_t n = block[walk - 1];
-    int32_t start = walk - 1 - n;
-    if (start < floor) return -1;
-    if (n == length && std::memcmp(block + start, key, static_cast<size_t>(n)) == 0) return row;
-    walk = start;
+  for (int32_t row = 0; row < count; ++row, walk.next()) {
+    if (!walk.fits_above(floor)) return -1;
+    if (walk.length() == length && std::memcmp(walk.bytes(), key, static_cast<size_t>(length)) == 0) return row;
   }
   return -1;
 }

@@ -203,11 +203,10 @@ int M_for_each_key(REL_TYPE* rel,
         return M_file_error(rel, fn, fault, nullptr, 0, g);
       int32_t count = std::min<int32_t>(gb_key_count(block), max_key_rows(b));
       int32_t floor = static_cast<int32_t>(ke_offset(count));
-      for (int32_t row = 0, walk = gb_datapos(block); row < count; ++row) {
-        int32_t n = walk - 1 >= floor ? block[walk - 1] : -1;
-        if (n < 0 || walk - 1 - n < floor) return M_file_error(rel, fn, "key area", nullptr, 0, g);
-        if (int r = visit(block + walk - 1 - n, n, block, row, address); r != 0) return r;
-        walk -= n + 1;
+      KeyWalk key = key_walk(block);
+      for (int32_t row = 0; row < count; ++row, key.next()) {
+        if (!key.fits_above(floor)) return M_file_error(rel, fn, "key area", nullptr, 0, g);
+        if (int r = visit(key.bytes(), key.length(), block, row, address); r != 0) return r;
       }
       address = gb_next(block);
     }

@@ -121,12 +121,12 @@ int gather_group(REL_TYPE* rel, const char* fn, uint32_t head, GroupContents* ou
     if (!is_head) out->blocks.insert(address);
     int32_t count = std::clamp<int32_t>(gb_key_count(block), 0, max_key_rows(b));
     int32_t floor = static_cast<int32_t>(ke_offset(count));
-    for (int32_t row = 0, walk = gb_datapos(block); row < count; ++row) {
-      int32_t n = block[walk - 1];
-      if (walk - 1 - n < floor) return split_error(rel, fn, "key area");
-      Item item{std::string(reinterpret_cast<const char*>(block + walk - 1 - n), static_cast<size_t>(n)), {}};
-      walk -= n + 1;
-      if (M_catch_tuple(rel, block + walk, n, block, row, address, &item.record, 0) != 1)
+    KeyWalk key = key_walk(block);
+    for (int32_t row = 0; row < count; ++row, key.next()) {
+      if (!key.fits_above(floor)) return split_error(rel, fn, "key area");
+      int32_t n = key.length();
+      Item item{std::string(reinterpret_cast<const char*>(key.bytes()), static_cast<size_t>(n)), {}};
+      if (M_catch_tuple(rel, key.bytes(), n, block, row, address, &item.record, 0) != 1)
         return split_error(rel, fn, nullptr, &item.key);
       uint32_t position = ke_position(block, row);
       int32_t length = ke_length(block, row);

@@ -97,12 +97,10 @@ void M_sort_rows(uint8_t* block, uint32_t b) {
   int32_t count = std::clamp<int32_t>(gb_key_count(block), 0, max_key_rows(b));
   int32_t datapos = gb_datapos(block);
   std::vector<Row> rows;
-  for (int32_t r = 0, walk = datapos; r < count; ++r) {
-    int32_t n = block[walk - 1];
+  KeyWalk key = key_walk(block);
+  for (int32_t r = 0; r < count; ++r, key.next())
     rows.push_back({ke_position(block, r), ke_length(block, r),
-                    std::vector<uint8_t>(block + walk - 1 - n, block + walk - 1)});
-    walk -= n + 1;
-  }
+                    std::vector<uint8_t>(key.bytes(), key.bytes() + key.length())});
   std::stable_sort(rows.begin(), rows.end(), [](const Row& x, const Row& y) { return x.position < y.position; });
   int32_t walk = datapos;
   for (int32_t r = 0; r < count; ++r) {
@@ -145,12 +143,7 @@ void insert_key(uint8_t* block, uint32_t b, const uint8_t* key, int32_t key_leng
   int32_t row = 0;
   while (row < count && ke_position(block, row) <= position) ++row;
   // Key bytes of rows before `row` lie just below datapos.
-  int32_t above = 0;
-  for (int32_t r = 0, walk = datapos; r < row; ++r) {
-    int32_t n = block[walk - 1];
-    above += n + 1;
-    walk -= n + 1;
-  }
+  int32_t above = datapos - key_walk(block, row).end;
   int32_t low = datapos - key_bytes;
   // The new key's bytes and its length byte stay above the rows and the
   // closing row's position word.
@@ -369,13 +362,10 @@ int64_t make_keyspace(REL_TYPE* rel, uint8_t* block, uint32_t address, int32_t k
     uint32_t start = (ke_position(block, victim) & 0x7FFFFFFFu) % rel->block_size;
     int32_t length = ke_length(block, victim);
     std::vector<uint8_t> record(block + start, block + start + length - 1);
-    int32_t walk = datapos, above = 0;
-    for (int32_t r = 0; r < victim; ++r) {
-      above += block[walk - 1] + 1;
-      walk -= block[walk - 1] + 1;
-    }
-    int32_t vlen = block[walk - 1];
-    std::vector<uint8_t> vkey(block + walk - 1 - vlen, block + walk - 1);
+    KeyWalk key = key_walk(block, victim);
+    int32_t walk = key.end, above = datapos - walk;
+    int32_t vlen = key.length();
+    std::vector<uint8_t> vkey(key.bytes(), key.bytes() + vlen);
     // Cut the key: the keys of earlier rows move down over it.
     std::memmove(block + walk - 1 - vlen, block + walk, static_cast<size_t>(above));
     int32_t new_datapos = datapos - vlen - 1;
