@@ -339,7 +339,7 @@ int reel_load_ltuple(REL_TYPE* rel, const char* key, int32_t key_len, int32_t da
     number = dyn_page_next(page.data());
     int32_t take = std::min(data_len - got, length - DYN_PAGE_HEAD);
     if (take <= 0) continue;
-    reel_mask_copy(data.data() + got, page.data() + DYN_PAGE_HEAD, take);
+    reel_mask_copy(data.data() + got, dyn_page_body(page.data()), take);
     got += take;
   }
   if (got != data_len) reel_log_error(REEL_ERR_RECORD, key);

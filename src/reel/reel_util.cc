@@ -42,8 +42,7 @@ void reel_mask_copy(char* destination, const unsigned char* source, int length) 
     destination[0] = '\0';
     return;
   }
-  for (int i = 0; i < length; ++i)
-    destination[i] = source[i] == 0 ? '\0' : static_cast<char>(source[i] ^ 0x80);
+  tape_dyn_flip_copy(reinterpret_cast<unsigned char*>(destination), source, static_cast<size_t>(length));
   destination[length] = '\0';
 }
 
