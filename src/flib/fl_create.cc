@@ -103,15 +103,17 @@ void M_load_settings(int32_t hashtype, int32_t* split_load, int32_t* merge_load)
 }
 
 int M_initfile(int fd, REL_TYPE* rel) {
-  const int32_t k = std::clamp<int32_t>(api_code_of_block_size(rel->block_size), 0, 16);
-  const uint32_t b = block_size_of_api_code(k);
+  const BlockSizeCode code{
+      std::clamp(BlockSizeCode::of_bytes(rel->block_size).code, BlockSizeCode::kMin, BlockSizeCode::kMax)};
+  const int32_t k = code.code;
+  const uint32_t b = code.bytes();
   rel->block_size = b;
   bool dynamic = hash_is_dynamic(rel->hashtype);
   int32_t modulo = rel->modulo;
 
   FileHeader h;
   h.rfs = rel->rfs != 0 ? 1 : 0;
-  h.block_code = k - 1;
+  h.block_code = code.stored();
   h.max_flength = M_cfg_max_flength();
   int32_t groups_per_part = h.max_flength / static_cast<int32_t>(b) - 1;
   if (dynamic && modulo > groups_per_part) {
@@ -374,7 +376,7 @@ int M_create_hashed(const char* path, int32_t modulo, int32_t block, int32_t typ
     M_msgno_out(0x2A3B, "%s", path);
     return 0;
   }
-  uint32_t b = block_size_of_api_code(block);
+  uint32_t b = BlockSizeCode{block}.bytes();
   REL_TYPE rel;
   std::snprintf(rel.path, sizeof rel.path, "%s", path);
   const char* slash = std::strrchr(path, '/');

@@ -142,8 +142,8 @@ int M_create_file(const char* name, const char* dict_name, int32_t dict_modulo, 
                   int32_t dict_block, int32_t block, int32_t flags, int32_t verbose, int32_t type,
                   const char* part_table) {
   (void)dict_name;  // names a multi-level member, which this build does not make
-  dict_block = std::clamp(dict_block, 0, 16);
-  block = std::clamp(block, 0, 16);
+  dict_block = std::clamp(dict_block, BlockSizeCode::kMin, BlockSizeCode::kMax);
+  block = std::clamp(block, BlockSizeCode::kMin, BlockSizeCode::kMax);
   if (type == CREATE_TYPE_NONE) type = 0;
   if (type == CREATE_TYPE_DEFAULT_DYNAMIC) type = HASH_DYNAMIC;
 

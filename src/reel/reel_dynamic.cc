@@ -469,7 +469,7 @@ void reel_index_info(unsigned char* page, int32_t length) {
   if (length <= DYN_INDEX_OFF_TEXT) return;
   const int32_t count = std::min<int32_t>(dyn_index_count(page), length - DYN_INDEX_OFF_TEXT - 1);
   unsigned char* text = dyn_index_text(page);
-  for (int32_t i = 0; i < count; ++i) text[i] ^= TAPE_FLIP;
+  for (int32_t i = 0; i < count; ++i) text[i] = tape_flip(text[i]);
   text[count] = '\0';
 
   const unsigned char* cursor = text;

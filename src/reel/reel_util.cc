@@ -31,7 +31,7 @@ int reel_name_from_tape(char* destination, const unsigned char* source, int leng
     return 0;
   }
   for (int i = 0; i < length; ++i)
-    destination[i] = source[i] == 0 ? '\0' : static_cast<char>((source[i] + 128) & 0xFF);
+    destination[i] = static_cast<char>(tape_flip_keep_zero(source[i]));
   destination[length] = '\0';
   while (length > 0 && destination[length - 1] == ' ') destination[--length] = '\0';
   return length;
@@ -42,7 +42,7 @@ void reel_mask_copy(char* destination, const unsigned char* source, int length) 
     destination[0] = '\0';
     return;
   }
-  tape_dyn_flip_copy(reinterpret_cast<unsigned char*>(destination), source, static_cast<size_t>(length));
+  tape_flip_keep_zero_copy(reinterpret_cast<unsigned char*>(destination), source, static_cast<size_t>(length));
   destination[length] = '\0';
 }
 
@@ -64,7 +64,7 @@ int reel_text_from_tape(char* destination, const unsigned char* source, int leng
     } else if (b == TEXT_BLANK) {
       *out++ = ' ';
     } else {
-      *out++ = static_cast<char>((b + 0x80) & 0xFF);
+      *out++ = static_cast<char>(tape_flip(b));
     }
   }
   *out = '\0';
@@ -113,7 +113,7 @@ char* reel_copy_limited(char* destination, const char* source, int n) {
 void reel_print_bytes(const unsigned char* bytes, int length) {
   for (int i = 0; i < length; ++i) {
     if (bytes[i] >= 160 && bytes[i] <= 253)
-      std::printf("   %c", bytes[i] - 128);
+      std::printf("   %c", tape_flip(bytes[i]));
     else
       std::printf(" %03d", bytes[i]);
   }
