@@ -374,8 +374,7 @@ int reel_dyn_record(const unsigned char* r) {
       reel_log_error(REEL_ERR_RECORD, line);
       return -1;
     }
-    const std::string data = decoded(r + key_room, d);
-    reel_add_tuple(key.c_str(), k, data.c_str(), d);
+    reel_add_tuple_flipped(key.c_str(), k, r + key_room, d);
     return 1;
   }
   if (s < key_room) {
