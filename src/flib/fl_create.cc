@@ -14,10 +14,11 @@
 
 #include "NT/NT_access.h"
 #include "NT/NT_utils.h"
+#include "common/fl_errout.h"
 #include "common/mrv_msg.h"
+#include "common/mrv_msgno.h"
 #include "common/readconf.h"
 #include "flib/fl_block.h"
-#include "flib/fl_errout.h"
 #include "flib/fl_filehdr.h"
 #include "flib/fl_globals.h"
 #include "flib/fl_io.h"
@@ -373,7 +374,7 @@ int create_overflow_part_file(REL_TYPE* rel, int wait) {
 int M_create_hashed(const char* path, int32_t modulo, int32_t block, int32_t type, int32_t verbose,
                     const char* part_table) {
   if (NT_access(path, 0) == 0) {
-    M_msgno_out(0x2A3B, "%s", path);
+    M_msgno_out(MRV_MSG_PATH_EXISTS, "%s", path);
     return 0;
   }
   uint32_t b = BlockSizeCode{block}.bytes();
@@ -388,12 +389,12 @@ int M_create_hashed(const char* path, int32_t modulo, int32_t block, int32_t typ
   if (!hash_is_dynamic(type)) {
     fd = open(path, O_RDWR | O_CREAT, 0666);
     if (fd < 0) {
-      M_msgno_out(0x2A34, "%s", path);
+      M_msgno_out(MRV_MSG_CREATE_FAILED, "%s", path);
       return 0;
     }
   } else {
     if (mkdir(path, 0777) != 0) {
-      M_msgno_out(0x2A34, "%s", path);
+      M_msgno_out(MRV_MSG_CREATE_FAILED, "%s", path);
       return 0;
     }
     if (part_table != nullptr)
@@ -406,7 +407,7 @@ int M_create_hashed(const char* path, int32_t modulo, int32_t block, int32_t typ
     uint32_t device = 0;
     fd = M_create_part_file(&rel, first, &device, static_cast<uint32_t>(blocks * b), 0);
     if (fd < 0) {
-      M_msgno_out(0x2A34, "%s", path);
+      M_msgno_out(MRV_MSG_CREATE_FAILED, "%s", path);
       NT_RemoveFile(path, "");
       return 0;
     }
@@ -414,7 +415,7 @@ int M_create_hashed(const char* path, int32_t modulo, int32_t block, int32_t typ
   if (M_initfile(fd, &rel) != 1) {
     // M_initfile has removed what it made.
     close(fd);
-    M_msgno_out(0x117, "%s", path);
+    M_msgno_out(MRV_MSG_INIT_FAILED, "%s", path);
     return 0;
   }
   // No sync: like every other write of the library, the new file reaches

@@ -2,8 +2,8 @@
 
 #include <cstring>
 
+#include "common/fl_errout.h"
 #include "flib/fl_coding.h"
-#include "flib/fl_errout.h"
 
 namespace {
 

@@ -5,18 +5,12 @@
 
 #include "common/init_params.h"
 #include "common/mrv_marks.h"
-#include "common/mrv_msg.h"
 #include "reel/reel_device.h"
 #include "reel/reel_settings.h"
 #include "reel/reel_summary.h"
 #include "reel/reel_tape_format.h"
 
-int32_t reel_next_prime(int32_t n) {
-  int32_t p = prime_at_or_above(n);
-  if (p >= 0) return p;
-  M_errmsg(0, "Number %d out of prime number table range.\n", n);
-  return n;
-}
+int32_t reel_next_prime(int32_t n) { return prime_or_itself(n); }
 
 int reel_is_number(const char* text) {
   int digits = 0;
