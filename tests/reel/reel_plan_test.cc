@@ -1,13 +1,16 @@
 // Analysis plans: the proposed modulo and the plan lines.
 #include "reel/reel_plan.h"
 
+#include <cstdlib>
 #include <string>
 
 #include <gtest/gtest.h>
 
+#include "reel/account_child.h"
 #include "reel/reel_current.h"
 #include "reel/reel_init.h"
 #include "reel/reel_settings.h"
+#include "reel/tape_child.h"
 #include "support/files.h"
 #include "support/run_program.h"
 #include "support/temp_dir.h"
@@ -69,6 +72,28 @@ TEST(PlanLines, APlanThatCannotBeOpenedIsFatal) {
   });
   EXPECT_EQ(r.status, 1);
   EXPECT_EQ(r.output, std::string("Can't open alanyze file\n\n") + REEL_USAGE);
+}
+
+// A plan line is read up to 1,087 characters, the rest of a longer line
+// passed; a NUL ends a line's text but the next line is read in full.
+TEST(PlanReading, LinesAreCutAt1087CharactersAndANulEndsOnlyItsOwnLine) {
+  std::string dir = tape_test::scratch("plan_reading");
+  std::string cut = "DATA, CUT, ";
+  cut.resize(1086, ' ');
+  spill(dir + "/plan", cut + "12\nDATA, AFTER, 5\n" + std::string("DATA, G\0H, 3\n", 13) + "DATA, NEXT, 7\n");
+  auto plan = [](RunSettings& s) {
+    s.create_mode = 1;
+    s.create_file = "plan";
+  };
+  ProgramResult r = account_test::in_account(dir, plan, [] {
+    reel_apply_plan();
+    std::exit(0);
+  });
+  EXPECT_EQ(r.output,
+            "Create DATA CUT --- 1 \n"
+            "Create DATA AFTER --- 5 \n"
+            "Plan line passed over (fewer than three fields): DATA, G\n"
+            "Create DATA NEXT --- 7 \n");
 }
 
 }  // namespace
