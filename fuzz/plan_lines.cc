@@ -154,8 +154,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   const uint8_t how = data[0];
   std::error_code ec;
   fs::remove_all(kAccount, ec);
-  fs::copy(fs::path(kTemplate) / kAccount, kAccount, fs::copy_options::recursive, ec);
-  if (ec) std::abort();
+  if (!ec) fs::copy(fs::path(kTemplate) / kAccount, kAccount, fs::copy_options::recursive, ec);
+  if (ec) {
+    std::fprintf(stderr, "the account cannot be made again: %s\n", ec.message().c_str());
+    std::abort();
+  }
   fuzz_write_file("plan", data + 1, size - 1);
 
   const int32_t no_wait = M_no_wait;
