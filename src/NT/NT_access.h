@@ -3,10 +3,7 @@
 // NT_access: a missing path gives errno 2 and -1; a directory always passes;
 // for a file modes 0 and 1 pass, and modes 2 and above try an open (read and
 // write for 2, read otherwise).
-// check_access: for modes below 2 only the look-up counts; for 2 and above a
-// probe file "_MRV_TEMP_<pid>_" is created in the directory, closed and
-// deleted, so a directory that cannot really take a file fails.
+// The probing test of a directory, check_access, is in common/readroot.h.
 #pragma once
 
 int NT_access(const char* path, int mode);
-int check_access(const char* path, int mode);

@@ -13,8 +13,8 @@
 #include <filesystem>
 #include <system_error>
 
+#include "common/fl_errout.h"
 #include "common/mrv_msg.h"
-#include "flib/fl_errout.h"
 
 namespace fs = std::filesystem;
 

@@ -16,11 +16,13 @@
 #include "NT/NT_fault.h"
 #include "NT/NT_logerror.h"
 #include "common/mrv_msg.h"
-#include "flib/fl_globals.h"
 
 int32_t last_block_size = 0;
 int32_t drive_max_block = 0;
 int32_t MNT_tape_name_unusable = 0;
+extern "C" {
+int32_t M_Status = 0;
+}
 
 namespace {
 

@@ -42,6 +42,11 @@ inline constexpr int32_t MNT_STATUS_END_OF_DATA = 2;
 inline constexpr int32_t MNT_STATUS_NO_NAME = 3;
 inline constexpr int32_t MNT_STATUS_FAULT = 6;
 
+// Status of the last failed operation of the platform's device layers
+// (2 end of data, 3 name unusable, 6 other fault). Exported for modules
+// loaded into the process.
+extern "C" int32_t M_Status;
+
 // Block size last set on a drive, and the largest block the drive reports;
 // both start at 0.
 extern int32_t last_block_size;

@@ -523,6 +523,13 @@ int32_t next_prime(int32_t n) {
   return n;
 }
 
+int32_t prime_or_itself(int32_t n) {
+  int32_t p = prime_at_or_above(n);
+  if (p >= 0) return p;
+  M_errmsg(0, "Number %d out of prime number table range.\n", n);
+  return n;
+}
+
 int32_t previous_prime(int32_t n) {
   if (n < 4) return n;
   for (int32_t c = (n + 1) / 2 * 2 - 1; c > 3; c -= 2)

@@ -328,6 +328,9 @@ inline constexpr int64_t kPrimeSearchLimit = 1000000000;
 int32_t prime_at_or_above(int32_t n);
 // As prime_at_or_above, but past the limit it says so and gives n.
 int32_t next_prime(int32_t n);
+// The same with only the first line of what it says: "Number %d out of
+// prime number table range.\n".
+int32_t prime_or_itself(int32_t n);
 int32_t previous_prime(int32_t n);
 // Size read-out: "unknown", "unlimited", or "1G 2M 3K 4".
 const char* format_size(int64_t n);

@@ -4,8 +4,9 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "common/fl_errout.h"
 #include "common/mrv_exit.h"
-#include "flib/fl_errout.h"
+#include "common/mrv_msgno.h"
 
 // Each block carries its size in a 16-byte head, so that mrv_realloc knows
 // which part of the new block is new and must be zeroed.

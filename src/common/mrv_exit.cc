@@ -12,6 +12,7 @@
 #include <string>
 
 #include "common/mrv_msg.h"
+#include "common/mrv_msgno.h"
 #include "common/readroot.h"
 
 int32_t error_code = 0;
@@ -42,7 +43,7 @@ void raise_severity(int32_t value) {
 // The rule shared by M_set_error and M_map_error for codes that are not the
 // product's own: the system's error number stands in for them.
 void store_system_error() {
-  error_code = errno != 0 ? errno + 14000 : MRV_ERR_UNKNOWN;
+  error_code = errno != 0 ? errno + MRV_ERR_SYSTEM_BASE : MRV_ERR_UNKNOWN;
 }
 
 }  // namespace

@@ -15,7 +15,8 @@
 inline constexpr int32_t MRV_ERR_NO_MEMORY = 39203;
 inline constexpr int32_t MRV_ERR_EXIT_IN_REGION = 39117;
 inline constexpr int32_t MRV_ERR_UNKNOWN = 30102;
-inline constexpr int32_t MRV_MSG_NO_MEMORY = 30062;
+// The code of a system error is this plus the process's errno.
+inline constexpr int32_t MRV_ERR_SYSTEM_BASE = 14000;
 
 extern int32_t error_code;
 extern int32_t severity;

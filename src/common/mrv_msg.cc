@@ -108,7 +108,7 @@ int M_errmsg(int32_t code, const char* format, ...) {
 
 int M_errno_msg(const char* text) {
   int err = errno;
-  error_code = err + 14000;
+  error_code = err + MRV_ERR_SYSTEM_BASE;
   M_set_severity(1);
   char line[1024];
   if (msg_output_fd < 0) {

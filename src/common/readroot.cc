@@ -1,6 +1,8 @@
 #include "common/readroot.h"
 
+#include <fcntl.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <cstdio>
 #include <cstdlib>
@@ -9,7 +11,6 @@
 #include <map>
 #include <vector>
 
-#include "NT/NT_access.h"
 #include "common/mrv_exit.h"
 #include "common/mrv_msg.h"
 
@@ -66,6 +67,25 @@ std::string find_directory(const char* name, const char* missing_text, const cha
 // The short form of a path. Paths here have no short form, so the path
 // stands as it is.
 std::string short_form(const char* path) { return path; }
+
+}  // namespace
+
+int check_access(const char* path, int mode) {
+  if (mode < 2) {
+    struct stat st;
+    return stat(path, &st) == 0 ? 0 : -1;
+  }
+  std::string probe = std::string(path);
+  if (!probe.empty() && probe.back() != '/') probe += '/';
+  probe += "_MRV_TEMP_" + std::to_string(getpid()) + "_";
+  int fd = open(probe.c_str(), O_CREAT | O_RDWR, 0600);
+  if (fd < 0) return -1;
+  close(fd);
+  unlink(probe.c_str());
+  return 0;
+}
+
+namespace {
 
 bool usable_temp_dir(const char* path) {
   struct stat st;

@@ -29,6 +29,12 @@ std::string get_include_dir_if_known();
 // "/"; empty when neither is known.
 std::string mrv_home_dir_if_known();
 
+// Access test of a directory that really tries: for modes below 2 only the
+// look-up counts; for 2 and above a probe file "_MRV_TEMP_<pid>_" is
+// created in the directory, closed and deleted, so a directory that cannot
+// really take a file fails. 0 or -1.
+int check_access(const char* path, int mode);
+
 std::optional<std::string> registry_value(const char* name);
 int set_registry_value(const char* name, const char* text);
 // Forgets everything read_root found (tests).

@@ -9,9 +9,9 @@
 #include <set>
 #include <string>
 
+#include "common/fl_errout.h"
 #include "common/mrv_msg.h"
 #include "flib/fl_block.h"
-#include "flib/fl_errout.h"
 #include "flib/fl_filehdr.h"
 #include "flib/fl_hash.h"
 #include "flib/fl_io.h"

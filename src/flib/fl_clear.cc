@@ -12,9 +12,10 @@
 
 #include "NT/NT_signal.h"
 #include "NT/NT_utils.h"
+#include "common/fl_errout.h"
+#include "common/mrv_msgno.h"
 #include "flib/fl_create.h"
 #include "flib/fl_delete.h"
-#include "flib/fl_errout.h"
 #include "flib/fl_hash.h"
 #include "flib/fl_index.h"
 #include "flib/fl_lock.h"
@@ -28,18 +29,6 @@
 #include "flib/lrgfillib.h"
 
 namespace {
-
-constexpr int32_t kMsgCleared = 0x27CB;
-constexpr int32_t kMsgNotCleared = 0x28E6;  // the VOC itself
-constexpr int32_t kMsgDictPathDiffers = 0x2861;
-constexpr int32_t kMsgDataPathDiffers = 0x2865;
-constexpr int32_t kMsgDirPathDiffers = 0x2867;
-constexpr int32_t kMsgNoFile = 0x292F;
-constexpr int32_t kMsgDenied = 0x2949;
-constexpr int32_t kMsgRecordLock = 0x29C1;
-constexpr int32_t kMsgOpenFailed = 0x29C2;
-constexpr int32_t kMsgFileLock = 0x2A55;
-constexpr int32_t kMsgDeleteTrigger = 0x2AAC;
 
 constexpr int32_t kOpenReadWrite = 3;
 constexpr char kVocPath[] = "VOC";
@@ -121,7 +110,7 @@ bool path_allowed(const std::string& name, const std::string& path, int32_t forc
 }
 
 int open_failure(int32_t other_message, const std::string& path) {
-  M_msgno_out(errno == EACCES ? kMsgDenied : other_message, "%s", path.c_str());
+  M_msgno_out(errno == EACCES ? MRV_MSG_DENIED : other_message, "%s", path.c_str());
   return 0;
 }
 
@@ -201,7 +190,7 @@ int open_for_clear(OpenFile* file, const std::string& path, int32_t open_message
   int rc = file->open(path);
   if (rc != 1) return open_failure(open_message, path);
   if (file->get()->delete_trigger[0] != '\0') {
-    M_msgno_out(kMsgDeleteTrigger, "%s", path.c_str());
+    M_msgno_out(MRV_MSG_DELETE_TRIGGER, "%s", path.c_str());
     return 0;
   }
   return 1;
@@ -212,11 +201,11 @@ int open_for_clear(OpenFile* file, const std::string& path, int32_t open_message
 int clear_open_file(REL_TYPE* rel, const std::string& name, int32_t lock, bool multi_level_dict) {
   NamedLock named(rel, name);
   if (lock != 0 && !named.take()) {
-    M_msgno_out(kMsgRecordLock, "%s", name.c_str());
+    M_msgno_out(MRV_MSG_RECORD_LOCK, "%s", name.c_str());
     return -1;
   }
   if (M_lock_file(rel, LOCK_EXCLUSIVE) != 0) {
-    M_msgno_out(kMsgFileLock, "%s", rel->path);
+    M_msgno_out(MRV_MSG_FILE_LOCK, "%s", rel->path);
     return 0;
   }
   if (multi_level_dict) {
@@ -232,12 +221,12 @@ int clear_open_file(REL_TYPE* rel, const std::string& name, int32_t lock, bool m
 int clear_dictionary(const std::string& name, const VocEntry& entry, int32_t force, int32_t verbose,
                      int32_t lock) {
   if (!path_allowed(kDictPrefix + name, entry.dict_path, force)) {
-    if (verbose != 0) M_msgno_out(kMsgDictPathDiffers, "%s", name.c_str());
+    if (verbose != 0) M_msgno_out(MRV_MSG_DICT_PATH_DIFFERS, "%s", name.c_str());
     return 0;
   }
   const bool multi_level = is_multi_level(entry.type);
   OpenFile file;
-  if (open_for_clear(&file, entry.dict_path, kMsgNoFile) != 1) return 0;
+  if (open_for_clear(&file, entry.dict_path, MRV_MSG_NO_FILE) != 1) return 0;
   int rc = clear_open_file(file.get(), name, lock, multi_level);
   if (rc != 1) return rc;
   if (!multi_level) {
@@ -249,11 +238,11 @@ int clear_dictionary(const std::string& name, const VocEntry& entry, int32_t for
 
 int clear_data(const std::string& name, const VocEntry& entry, int32_t force, int32_t verbose, int32_t lock) {
   if (!path_allowed(name, entry.data_path, force)) {
-    if (verbose != 0) M_msgno_out(kMsgDataPathDiffers, "%s", name.c_str());
+    if (verbose != 0) M_msgno_out(MRV_MSG_DATA_PATH_DIFFERS, "%s", name.c_str());
     return 0;
   }
   OpenFile file;
-  if (open_for_clear(&file, entry.data_path, kMsgOpenFailed) != 1) return 0;
+  if (open_for_clear(&file, entry.data_path, MRV_MSG_OPEN_FAILED) != 1) return 0;
   return clear_open_file(file.get(), name, lock, false);
 }
 
@@ -296,12 +285,12 @@ int M_remove_dir_files(const char* path, const char* pattern) {
 
 int M_clear_dir(const char* name, const char* path, int32_t force, int32_t verbose) {
   if (!path_allowed(name, path, force)) {
-    if (verbose != 0) M_msgno_out(kMsgDirPathDiffers, "%s%s", name, path);
+    if (verbose != 0) M_msgno_out(MRV_MSG_DIR_PATH_DIFFERS, "%s%s", name, path);
     return 0;
   }
   NT_DIR* dir = NT_opendir(path);
   if (dir == nullptr) {
-    M_msgno_out(kMsgNoFile, "%s", path);
+    M_msgno_out(MRV_MSG_NO_FILE, "%s", path);
     return 0;
   }
   std::vector<std::string> entries;
@@ -312,11 +301,11 @@ int M_clear_dir(const char* name, const char* path, int32_t force, int32_t verbo
   NT_closedir(dir);
   for (const std::string& entry : entries) {
     if (NT_RemoveFile(path, entry.c_str()) != 1) {
-      M_msgno_out(kMsgNoFile, "%s", path);
+      M_msgno_out(MRV_MSG_NO_FILE, "%s", path);
       return 0;
     }
   }
-  if (verbose != 0) M_msgno_out(kMsgCleared, "%s", name);
+  if (verbose != 0) M_msgno_out(MRV_MSG_CLEARED, "%s", name);
   return 1;
 }
 
@@ -354,12 +343,12 @@ int M_clear_one(const char* name, int32_t name_len, int32_t dict_mode, int32_t f
   const std::string key(name, static_cast<size_t>(name_len));
   std::string record;
   if (M_voc_read(key, &record) != 1) {
-    if (verbose != 0) M_msgno_out(kMsgNoFile, "%s", key.c_str());
+    if (verbose != 0) M_msgno_out(MRV_MSG_NO_FILE, "%s", key.c_str());
     return 0;
   }
   const VocEntry entry = M_voc_fields(record);
   if (entry.data_path == kVocPath) {
-    if (verbose != 0) M_msgno_out(kMsgNotCleared, "%s", key.c_str());
+    if (verbose != 0) M_msgno_out(MRV_MSG_NOT_CLEARED, "%s", key.c_str());
     return 0;
   }
   int rc;
@@ -369,7 +358,7 @@ int M_clear_one(const char* name, int32_t name_len, int32_t dict_mode, int32_t f
     rc = clear_dictionary(key, entry, force, verbose, lock);
   else
     rc = clear_data(key, entry, force, verbose, lock);
-  if (rc == 1 && verbose != 0) M_msgno_out(kMsgCleared, "%s", key.c_str());
+  if (rc == 1 && verbose != 0) M_msgno_out(MRV_MSG_CLEARED, "%s", key.c_str());
   return rc;
 }
 

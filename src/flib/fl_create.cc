@@ -14,10 +14,11 @@
 
 #include "NT/NT_access.h"
 #include "NT/NT_utils.h"
+#include "common/fl_errout.h"
 #include "common/mrv_msg.h"
+#include "common/mrv_msgno.h"
 #include "common/readconf.h"
 #include "flib/fl_block.h"
-#include "flib/fl_errout.h"
 #include "flib/fl_filehdr.h"
 #include "flib/fl_globals.h"
 #include "flib/fl_io.h"
@@ -103,15 +104,17 @@ void M_load_settings(int32_t hashtype, int32_t* split_load, int32_t* merge_load)
 }
 
 int M_initfile(int fd, REL_TYPE* rel) {
-  const int32_t k = std::clamp<int32_t>(api_code_of_block_size(rel->block_size), 0, 16);
-  const uint32_t b = block_size_of_api_code(k);
+  const BlockSizeCode code{
+      std::clamp(BlockSizeCode::of_bytes(rel->block_size).code, BlockSizeCode::kMin, BlockSizeCode::kMax)};
+  const int32_t k = code.code;
+  const uint32_t b = code.bytes();
   rel->block_size = b;
   bool dynamic = hash_is_dynamic(rel->hashtype);
   int32_t modulo = rel->modulo;
 
   FileHeader h;
   h.rfs = rel->rfs != 0 ? 1 : 0;
-  h.block_code = k - 1;
+  h.block_code = code.stored();
   h.max_flength = M_cfg_max_flength();
   int32_t groups_per_part = h.max_flength / static_cast<int32_t>(b) - 1;
   if (dynamic && modulo > groups_per_part) {
@@ -371,10 +374,10 @@ int create_overflow_part_file(REL_TYPE* rel, int wait) {
 int M_create_hashed(const char* path, int32_t modulo, int32_t block, int32_t type, int32_t verbose,
                     const char* part_table) {
   if (NT_access(path, 0) == 0) {
-    M_msgno_out(0x2A3B, "%s", path);
+    M_msgno_out(MRV_MSG_PATH_EXISTS, "%s", path);
     return 0;
   }
-  uint32_t b = block_size_of_api_code(block);
+  uint32_t b = BlockSizeCode{block}.bytes();
   REL_TYPE rel;
   std::snprintf(rel.path, sizeof rel.path, "%s", path);
   const char* slash = std::strrchr(path, '/');
@@ -386,12 +389,12 @@ int M_create_hashed(const char* path, int32_t modulo, int32_t block, int32_t typ
   if (!hash_is_dynamic(type)) {
     fd = open(path, O_RDWR | O_CREAT, 0666);
     if (fd < 0) {
-      M_msgno_out(0x2A34, "%s", path);
+      M_msgno_out(MRV_MSG_CREATE_FAILED, "%s", path);
       return 0;
     }
   } else {
     if (mkdir(path, 0777) != 0) {
-      M_msgno_out(0x2A34, "%s", path);
+      M_msgno_out(MRV_MSG_CREATE_FAILED, "%s", path);
       return 0;
     }
     if (part_table != nullptr)
@@ -404,7 +407,7 @@ int M_create_hashed(const char* path, int32_t modulo, int32_t block, int32_t typ
     uint32_t device = 0;
     fd = M_create_part_file(&rel, first, &device, static_cast<uint32_t>(blocks * b), 0);
     if (fd < 0) {
-      M_msgno_out(0x2A34, "%s", path);
+      M_msgno_out(MRV_MSG_CREATE_FAILED, "%s", path);
       NT_RemoveFile(path, "");
       return 0;
     }
@@ -412,7 +415,7 @@ int M_create_hashed(const char* path, int32_t modulo, int32_t block, int32_t typ
   if (M_initfile(fd, &rel) != 1) {
     // M_initfile has removed what it made.
     close(fd);
-    M_msgno_out(0x117, "%s", path);
+    M_msgno_out(MRV_MSG_INIT_FAILED, "%s", path);
     return 0;
   }
   // No sync: like every other write of the library, the new file reaches

@@ -2,8 +2,8 @@
 
 #include <cstring>
 
+#include "common/fl_errout.h"
 #include "flib/fl_coding.h"
-#include "flib/fl_errout.h"
 
 namespace {
 
@@ -58,13 +58,9 @@ void encode_file_header(const FileHeader& h, uint8_t* block) {
 }
 
 uint32_t block_size_of_code(int32_t code) {
-  if (code == -1) return 512;
-  if (code < 0 || code > 15) return 0;
-  return static_cast<uint32_t>(code + 1) * 1024;
-}
-
-int32_t code_of_block_size(uint32_t block_size) {
-  return block_size <= 512 ? -1 : static_cast<int32_t>(block_size / 1024) - 1;
+  if (code < BlockSizeCode{BlockSizeCode::kMin}.stored() || code > BlockSizeCode{BlockSizeCode::kMax}.stored())
+    return 0;
+  return BlockSizeCode::of_stored(code).bytes();
 }
 
 void report_format_word(int32_t format, int32_t rfs, const char* name) {

@@ -89,21 +89,43 @@ FileHeader decode_file_header(const uint8_t* block);
 // between the fields are left as they are, so pass a zeroed buffer.
 void encode_file_header(const FileHeader& header, uint8_t* block);
 
-// Block size of a block size code: -1 gives 512, k-1 gives k*1024; 0 for a
-// code outside -1..15.
+// Block size code. The blocks of a hashed file are B = 512 bytes or k KiB
+// for k in 1..16, and two forms of code name B:
+//   creation form (M_create_hashed, M_create_file, a -B list, the tools):
+//     0 for 512 bytes, k for k KiB, kMin..kMax;
+//   stored form (FILE_HEADER offset 16; the block and node codes of an
+//     index head, 0..15 there): one less, -1 for 512 bytes, so that
+//     B = (stored + 1) * 1024.
+// BlockSizeCode holds the creation form; every conversion goes through it.
+struct BlockSizeCode {
+  static constexpr int32_t kMin = 0;
+  static constexpr int32_t kMax = 16;
+  static constexpr uint32_t kKiB = 1024;
+  static constexpr uint32_t kSmallest = 512;  // the block of code 0
+
+  int32_t code;  // creation form
+
+  static constexpr BlockSizeCode of_stored(int32_t stored) { return {stored + 1}; }
+  // A size below 1 KiB has code 0 (512 bytes).
+  static constexpr BlockSizeCode of_bytes(uint32_t bytes) { return {static_cast<int32_t>(bytes / kKiB)}; }
+
+  constexpr int32_t stored() const { return code - 1; }
+  // B; a code below 1 gives 512 bytes.
+  constexpr uint32_t bytes() const { return code <= 0 ? kSmallest : static_cast<uint32_t>(code) * kKiB; }
+  // A file of `modulo` groups of 1 KiB recounted in blocks of this size so
+  // that it keeps its size: twice the groups of 512 bytes, a k-th of them
+  // (rounded toward zero) of k KiB.
+  constexpr int32_t modulo_keeping_size(int32_t modulo) const {
+    return code <= 0 ? modulo * static_cast<int32_t>(kKiB / kSmallest) : modulo / code;
+  }
+};
+static_assert(BlockSizeCode{BlockSizeCode::kMax}.bytes() == MAX_BLOCK_SIZE);
+static_assert(BlockSizeCode::of_bytes(BlockSizeCode{0}.bytes()).code == 0 &&
+              BlockSizeCode::of_bytes(BlockSizeCode{BlockSizeCode::kMax}.bytes()).code == BlockSizeCode::kMax);
+static_assert(BlockSizeCode{0}.stored() == -1 && BlockSizeCode::of_stored(15).bytes() == 16384);
+
+// B of a stored code; 0 for a code outside -1..15.
 uint32_t block_size_of_code(int32_t code);
-// The code stored for a block size B.
-int32_t code_of_block_size(uint32_t block_size);
-// The size code as the creation calls take it: 0 for 512 bytes, n for
-// n*1024 (a size below 1024 is 512).
-inline constexpr int32_t api_code_of_block_size(uint32_t block_size) {
-  return static_cast<int32_t>(block_size / 1024);
-}
-inline constexpr uint32_t block_size_of_api_code(int32_t code) {
-  return code <= 0 ? 512 : static_cast<uint32_t>(code) * 1024;
-}
-static_assert(api_code_of_block_size(block_size_of_api_code(0)) == 0);
-static_assert(api_code_of_block_size(block_size_of_api_code(16)) == 16);
 
 // Prints the report for a format word that this machine does not accept:
 // which machine this is, then what the word says the file is. `rfs` picks

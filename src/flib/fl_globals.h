@@ -3,6 +3,7 @@
 
 #include <cstdint>
 
+#include "NT/NT_tape.h"
 #include "common/mrv_marks.h"
 
 // While on, a failed file open says "Open %s error.\n" on the console. The
@@ -10,10 +11,8 @@
 extern int32_t M_startup_messages;
 // The run's time stamp, written into the headers of the files it makes.
 extern int32_t M_file_time_stamp;
-// Status of the last failed operation of the platform's device layers
-// (2 end of data, 3 name unusable, 6 other fault). Exported for modules
-// loaded into the process.
-extern "C" int32_t M_Status;
+// M_Status, the status of the last failed operation, which the index also
+// sets, belongs to the platform layer (NT/NT_tape.h).
 
 // The no-wait switch: when on, a full disk fails the write at once instead
 // of waiting for the operator.

@@ -4,9 +4,10 @@
 #include <cstring>
 #include <string_view>
 
+#include "common/fl_errout.h"
+#include "common/mrv_msgno.h"
 #include "common/readconf.h"
 #include "flib/fl_block.h"
-#include "flib/fl_errout.h"
 #include "flib/fl_filehdr.h"
 #include "flib/fl_lock.h"
 #include "flib/fl_rel.h"
@@ -155,7 +156,7 @@ uint32_t M_hash_with_modulo(const uint8_t* key, int32_t length, uint32_t modulo,
         group = hash_bitrev_dynamic(key, length);
         break;
       default:
-        M_msgno_out(117, "%d", hash_function(hashtype));
+        M_msgno_out(MRV_MSG_UNKNOWN_HASH, "%d", hash_function(hashtype));
         break;
     }
   } else if (hashtype == 0) {
@@ -163,7 +164,7 @@ uint32_t M_hash_with_modulo(const uint8_t* key, int32_t length, uint32_t modulo,
   } else if (hashtype == 1) {
     group = hash_bitrev_static(key, length, modulo);
   } else {
-    M_msgno_out(117, "%d", hashtype);
+    M_msgno_out(MRV_MSG_UNKNOWN_HASH, "%d", hashtype);
   }
   M_groupno = group;
   return group;

@@ -3,7 +3,7 @@
 #include <cstring>
 #include <vector>
 
-#include "flib/fl_errout.h"
+#include "common/fl_errout.h"
 #include "flib/fl_hash.h"
 #include "flib/fl_index.h"
 #include "flib/fl_lock.h"

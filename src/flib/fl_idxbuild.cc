@@ -20,9 +20,9 @@
 
 #include "NT/NT_command.h"
 #include "NT/NT_utils.h"
+#include "common/fl_errout.h"
 #include "common/mrv_msg.h"
 #include "common/readroot.h"
-#include "flib/fl_errout.h"
 #include "flib/fl_idxupd.h"
 #include "flib/fl_index.h"
 #include "flib/fl_read.h"

@@ -9,7 +9,8 @@
 
 #include <cstring>
 
-#include "flib/fl_errout.h"
+#include "common/fl_errout.h"
+#include "common/mrv_msgno.h"
 #include "flib/fl_idxbkt.h"
 #include "flib/fl_index.h"
 #include "flib/fl_rel.h"
@@ -202,7 +203,7 @@ int M_add_index(REL_TYPE* rel, const char* name, char field_type, char value_typ
     if (same_index(r.entry, e)) return 0;
   IndexRow row;
   if (free_entry_place(h, &row.entry_block, &row.entry_offset, &row.ordinal) < 0) {
-    M_msgno_out(110101, "%d", errno);
+    M_msgno_out(MRV_MSG_INDEX_NO_ENTRY_ROOM, "%d", errno);
     return -1;
   }
   int slot = take_slot(h, row.ordinal);
@@ -224,11 +225,11 @@ int M_add_index(REL_TYPE* rel, const char* name, char field_type, char value_typ
   if (M_idx_read(h, row.entry_block, block.data(), h->node_size) < 0) return -1;
   encode_index_entry(e, block.data() + row.entry_offset);
   if (M_idx_write(h, row.entry_block, block.data(), h->node_size) < 0) {
-    M_msgno_out(110134, "%d", errno);
+    M_msgno_out(MRV_MSG_INDEX_ENTRY_WRITE, "%d", errno);
     return -1;
   }
   if (change_count(h, 1) < 0 || M_ndx_updhdr(rel, 1) < 0) {
-    M_msgno_out(110158, "%d", errno);
+    M_msgno_out(MRV_MSG_INDEX_COUNT_UPDATE, "%d", errno);
     return -1;
   }
   h->rows.push_back(row);

@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <cstring>
 
-#include "flib/fl_errout.h"
+#include "common/fl_errout.h"
 
 IndexHead decode_index_head(const uint8_t* b) {
   IndexHead h;

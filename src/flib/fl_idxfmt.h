@@ -75,17 +75,21 @@
 //   entry), the rest of the key NUL-terminated, link (4), @ID length (1), @ID.
 #pragma once
 
+#include <cassert>
 #include <cstdint>
 #include <string>
 #include <vector>
 
 #include "flib/fl_coding.h"
+#include "flib/fl_filehdr.h"
 
 inline constexpr int32_t IDX_VERSION_COMPRESSED = 0x30000;
 inline constexpr int32_t IDX_VERSION_PLAIN = 0x40000;
 inline constexpr uint32_t IDX_NONE = 0xFFFFFFFFu;
 inline constexpr int32_t IDX_MAX_KEY_LENGTH = 300;
 inline constexpr int32_t IDX_MAX_BLOCK_CODE = 15;
+// An index head stores a block size code in the file header's form.
+static_assert(IDX_MAX_BLOCK_CODE == BlockSizeCode{BlockSizeCode::kMax}.stored());
 inline constexpr int32_t IDX_MAX_ID_LENGTH = 127;
 inline constexpr uint32_t IDX_PART_MASK = 0xFFu;
 inline constexpr int32_t IDX_MAX_PARTS = 255;
@@ -169,7 +173,11 @@ inline constexpr int32_t MIN_INTERNAL_ENTRY = 12;
 inline int32_t leaf_full_below(int32_t key_length) { return key_length + 134; }
 inline int32_t internal_full_below(int32_t key_length) { return 2 * key_length + 266; }
 
-inline uint32_t idx_block_size(int32_t code) { return static_cast<uint32_t>(code + 1) * 1024u; }
+// REQUIRES: 0 <= code <= IDX_MAX_BLOCK_CODE (index_head_valid checks it).
+inline uint32_t idx_block_size(int32_t code) {
+  assert(code >= 0 && code <= IDX_MAX_BLOCK_CODE);
+  return BlockSizeCode::of_stored(code).bytes();
+}
 // Whether new index files may use this key length with this block size: a
 // node holding a single entry of the largest size must never count as
 // full, or it could neither be split nor take its next entry. Files made

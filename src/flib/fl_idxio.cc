@@ -10,8 +10,9 @@
 #include <filesystem>
 #include <memory>
 
+#include "common/fl_errout.h"
+#include "common/mrv_msgno.h"
 #include "common/readconf.h"
-#include "flib/fl_errout.h"
 #include "flib/fl_filehdr.h"
 #include "flib/fl_globals.h"
 #include "flib/fl_index.h"
@@ -154,7 +155,7 @@ IndexRangeLock::IndexRangeLock(IndexState* h, uint32_t address, int32_t mode) {
   int fd = part_fd(h, part_of(h, address));
   if (fd < 0) return;
   if (M_mrvlockf(fd, mode, offset_of(h, address), 4) != 0) {
-    M_msgno_out(110084, "%d", errno);
+    M_msgno_out(MRV_MSG_INDEX_LOCK, "%d", errno);
     return;
   }
   fd_ = fd;

@@ -2,8 +2,8 @@
 
 #include <algorithm>
 
+#include "common/fl_errout.h"
 #include "common/mrv_marks.h"
-#include "flib/fl_errout.h"
 #include "flib/fl_index.h"
 #include "flib/fl_read.h"
 #include "flib/fl_rel.h"

@@ -9,7 +9,8 @@
 #include <cstring>
 #include <optional>
 
-#include "flib/fl_errout.h"
+#include "common/fl_errout.h"
+#include "common/mrv_msgno.h"
 #include "flib/fl_globals.h"
 #include "flib/fl_idxbkt.h"
 #include "flib/fl_lock.h"
@@ -168,7 +169,7 @@ int open_tree(IndexState* h, int row, int32_t mode, std::optional<IndexRangeLock
   if (address == IDX_NONE) return 0;
   lock->emplace(h, address, mode);
   if (load_node(h, row, address, root, short_forms) < 0) {
-    if (short_forms) M_msgno_out(110132, "%d", errno);
+    if (short_forms) M_msgno_out(MRV_MSG_INDEX_NODE_READ, "%d", errno);
     return -1;
   }
   return usable_root(*root) ? 1 : 0;
@@ -327,7 +328,7 @@ int walk(IndexState* h, int row, const Node& n, const Target* from, bool strict,
     }
     Node child;
     if (load_node(h, row, e.child, &child, true) < 0) {
-      M_msgno_out(110132, "%d", errno);
+      M_msgno_out(MRV_MSG_INDEX_NODE_READ, "%d", errno);
       return -1;
     }
     int r = walk(h, row, child, i == start ? from : nullptr, strict, visit, depth + 1);
@@ -488,7 +489,7 @@ int M_index_compare(char key_type, const std::string& a, const std::string& b) {
 int M_find_key(IndexState* h, int row, int mode, const std::string& key, SearchContext* context) {
   *context = SearchContext{};
   if (mode < FIND_EQUAL || mode > FIND_AT_MOST) {
-    M_msgno_out(110135, "%d", mode);
+    M_msgno_out(MRV_MSG_INDEX_FIND_MODE, "%d", mode);
     return 0;
   }
   const IndexRow& r = row_of(h, row);

@@ -9,10 +9,11 @@
 #include <cstring>
 
 #include "NT/NT_fault.h"
+#include "common/fl_errout.h"
 #include "common/mrv_msg.h"
+#include "common/mrv_msgno.h"
 #include "flib/fl_block.h"
 #include "flib/fl_create.h"
-#include "flib/fl_errout.h"
 #include "flib/fl_free.h"
 #include "flib/fl_globals.h"
 #include "flib/fl_hash.h"
@@ -165,7 +166,7 @@ int M_blkwrite(REL_TYPE* rel, uint32_t address, uint8_t* buffer) {
   if (rel_is_dynamic(rel)) {
     fd = M_get_fd(rel, address);
     if (fd < 0) {
-      M_msgno_out(30361, "%u %zu %zu", address, rel->primary.size(), rel->overflow.size());
+      M_msgno_out(MRV_MSG_NO_PART_DESCRIPTOR, "%u %zu %zu", address, rel->primary.size(), rel->overflow.size());
       return blkwrite_error(rel, "M_get_fd", address);
     }
   } else if (static_cast<uint64_t>(file_offset(address)) < static_cast<uint64_t>(b) * (M_groupno + 1)) {

@@ -3,16 +3,15 @@
 #include <cstdlib>
 #include <memory>
 
+#include "common/fl_errout.h"
 #include "common/mrv_marks.h"
 #include "common/mrv_msg.h"
+#include "common/mrv_msgno.h"
 #include "common/readroot.h"
-#include "flib/fl_errout.h"
 #include "flib/fl_open.h"
 #include "flib/fl_rel.h"
 
 namespace {
-
-constexpr int32_t kMsgNotALanguage = 30403;
 
 std::unique_ptr<REL_TYPE> g_messages;
 std::unique_ptr<REL_TYPE> g_message_dict;
@@ -34,7 +33,7 @@ std::string M_choose_language() {
   std::string group = M_langgrp_text();
   if (const char* lang = std::getenv("MRV_LANG"); lang != nullptr && *lang != '\0') {
     if (langgrp_check(LANGGRP_HAS_LANGUAGE, group.c_str(), lang) != 1) {
-      M_msgno_out(kMsgNotALanguage, "%s", lang);
+      M_msgno_out(MRV_MSG_NOT_A_LANGUAGE, "%s", lang);
       return {};
     }
     return lang;

@@ -8,9 +8,9 @@
 #include <tuple>
 
 #include "NT/NT_utils.h"
+#include "common/fl_errout.h"
 #include "common/readconf.h"
 #include "flib/fl_block.h"
-#include "flib/fl_errout.h"
 #include "flib/fl_io.h"
 #include "flib/fl_rel.h"
 

@@ -9,9 +9,9 @@
 #include <vector>
 
 #include "NT/NT_fault.h"
+#include "common/fl_errout.h"
 #include "flib/fl_block.h"
 #include "flib/fl_dirfile.h"
-#include "flib/fl_errout.h"
 #include "flib/fl_free.h"
 #include "flib/fl_hash.h"
 #include "flib/fl_io.h"

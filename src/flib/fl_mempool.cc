@@ -5,11 +5,12 @@
 #include <cstring>
 #include <utility>
 
+#include "common/fl_errout.h"
 #include "common/mrv_alloc.h"
 #include "common/mrv_exit.h"
 #include "common/mrv_msg.h"
+#include "common/mrv_msgno.h"
 #include "common/readconf.h"
-#include "flib/fl_errout.h"
 
 MemSizes M_mem_sizes;
 MEM_DESC* M_current_buffer = nullptr;
@@ -58,7 +59,7 @@ MEM_DESC* take_slot(uint32_t size) {
     ++pool.count;
     return &d;
   }
-  M_msgno_out(259, "");
+  M_msgno_out(MRV_MSG_POOL_FULL, "");
   MRV_EXIT(1);
 }
 
@@ -136,7 +137,7 @@ MEM_DESC* M_alloc_buffer_contig(uint32_t size) { return take_slot(size); }
 
 void M_free_buffer(MEM_DESC* desc) {
   if (desc == nullptr || !in_current_pool(desc) || !desc->in_use) {
-    M_msgno_out(30147, "");
+    M_msgno_out(MRV_MSG_BAD_FREE, "");
     return;
   }
   if (M_current_buffer == desc) M_current_buffer = nullptr;

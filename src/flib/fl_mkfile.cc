@@ -9,33 +9,19 @@
 
 #include "NT/NT_access.h"
 #include "NT/NT_utils.h"
+#include "common/fl_errout.h"
+#include "common/init_params.h"
 #include "common/mrv_marks.h"
+#include "common/mrv_msgno.h"
 #include "flib/fl_create.h"
-#include "flib/fl_errout.h"
 #include "flib/fl_filehdr.h"
 #include "flib/fl_open.h"
 #include "flib/fl_rel.h"
 #include "flib/fl_voc.h"
 #include "flib/fl_write.h"
-#include "reel/reel_util.h"
 
 namespace {
 
-constexpr int32_t kMsgBothHalvesExist = 0x2741;
-constexpr int32_t kMsgMultiLevel = 0x2A3C;
-constexpr int32_t kMsgDataExists = 0x2A35;
-constexpr int32_t kMsgDictExists = 0x2A37;
-constexpr int32_t kMsgBadHashType = 0x272E;
-constexpr int32_t kMsgAskModulo = 0x1DE;
-constexpr int32_t kMsgBadModulo = 0x2871;
-constexpr int32_t kMsgModuloChanged = 0x37F;
-constexpr int32_t kMsgKeyTooLong = 0x2873;
-constexpr int32_t kMsgNameTooLong = 0x2874;
-constexpr int32_t kMsgPathExists = 0x2A3B;
-constexpr int32_t kMsgNoDirectory = 0x399;
-constexpr int32_t kMsgVocWrite = 0x2A38;
-constexpr int32_t kMsgDictOpen = 0x27C8;
-constexpr int32_t kMsgDictWrite = 0x2817;
 constexpr size_t kVocKeyMax = 127;
 
 std::string last_component(const std::string& name) {
@@ -65,20 +51,20 @@ std::string entry_text(const char* type, const std::string& path, const std::str
 // input.
 int32_t ask_modulo() {
   for (;;) {
-    M_msgno_out(kMsgAskModulo, "");
+    M_msgno_out(MRV_MSG_ASK_MODULO, "");
     std::fflush(stdout);
     int value = 0;
     int got = std::scanf("%d", &value);
     if (got == EOF) return 0;
     if (got == 1 && value > 0) return value;
     if (got != 1) std::scanf("%*s");
-    M_msgno_out(kMsgBadModulo, "");
+    M_msgno_out(MRV_MSG_BAD_MODULO, "");
   }
 }
 
 int32_t round_to_prime(int32_t modulo) {
-  int32_t prime = reel_next_prime(modulo);
-  if (prime != modulo) M_msgno_out(kMsgModuloChanged, "%d%d", modulo, prime);
+  int32_t prime = prime_or_itself(modulo);
+  if (prime != modulo) M_msgno_out(MRV_MSG_MODULO_CHANGED, "%d%d", modulo, prime);
   return prime;
 }
 
@@ -87,7 +73,7 @@ int32_t round_to_prime(int32_t modulo) {
 int M_dict_at_id(const char* name, const char* dict_path, int32_t) {
   REL_TYPE dict;
   if (M_openfile(&dict, dict_path, 2) != 1) {
-    M_msgno_out(kMsgDictOpen, "%s", dict_path);
+    M_msgno_out(MRV_MSG_DICT_OPEN, "%s", dict_path);
     return 0;
   }
   const char fm = static_cast<char>(M_FM);
@@ -97,7 +83,7 @@ int M_dict_at_id(const char* name, const char* dict_path, int32_t) {
                              static_cast<int32_t>(record.size()), 0, nullptr);
   M_closefile(&dict);
   if (rc != 1) {
-    M_msgno_out(kMsgDictWrite, "%s", dict_path);
+    M_msgno_out(MRV_MSG_DICT_WRITE, "%s", dict_path);
     return 0;
   }
   return 1;
@@ -110,11 +96,11 @@ int M_create_dir_file(const char* name, int32_t name_len, int32_t flags, int voc
       (flags & CREATE_KEY_AS_GIVEN) != 0 ? path : last_component(path);
   const std::string dict = dict_path_of(path);
   if (accessible(path) || (!voc_entry_exists && accessible(dict))) {
-    M_msgno_out(kMsgPathExists, "%s", accessible(path) ? path.c_str() : dict.c_str());
+    M_msgno_out(MRV_MSG_PATH_EXISTS, "%s", accessible(path) ? path.c_str() : dict.c_str());
     return 0;
   }
   if (mkdir(path.c_str(), 0775) != 0) {
-    M_msgno_out(kMsgNoDirectory, "%s", path.c_str());
+    M_msgno_out(MRV_MSG_NO_DIRECTORY, "%s", path.c_str());
     return 0;
   }
   const bool no_dict = (flags & CREATE_DIR_NO_DICT) != 0 && !voc_entry_exists;
@@ -128,7 +114,7 @@ int M_create_dir_file(const char* name, int32_t name_len, int32_t flags, int voc
     record = entry_text("DIR", path, old_dict.empty() ? dict : old_dict);
   }
   if (M_voc_write(key, record) != 1) {
-    M_msgno_out(kMsgVocWrite, "%s", key.c_str());
+    M_msgno_out(MRV_MSG_VOC_WRITE, "%s", key.c_str());
     NT_RemoveFile(path.c_str(), "");
     return 0;
   }
@@ -142,21 +128,21 @@ int M_create_file(const char* name, const char* dict_name, int32_t dict_modulo, 
                   int32_t dict_block, int32_t block, int32_t flags, int32_t verbose, int32_t type,
                   const char* part_table) {
   (void)dict_name;  // names a multi-level member, which this build does not make
-  dict_block = std::clamp(dict_block, 0, 16);
-  block = std::clamp(block, 0, 16);
+  dict_block = std::clamp(dict_block, BlockSizeCode::kMin, BlockSizeCode::kMax);
+  block = std::clamp(block, BlockSizeCode::kMin, BlockSizeCode::kMax);
   if (type == CREATE_TYPE_NONE) type = 0;
   if (type == CREATE_TYPE_DEFAULT_DYNAMIC) type = HASH_DYNAMIC;
 
   const std::string path = name;
   const std::string short_name = last_component(path);
   if (short_name.size() > CREATE_NAME_MAX) {
-    M_msgno_out(kMsgNameTooLong, "%s", short_name.c_str());
+    M_msgno_out(MRV_MSG_NAME_TOO_LONG, "%s", short_name.c_str());
     return 0;
   }
   const bool key_as_given = (flags & CREATE_KEY_AS_GIVEN) != 0;
   const std::string key = key_as_given ? path : short_name;
   if (key_as_given && key.size() > kVocKeyMax) {
-    M_msgno_out(kMsgKeyTooLong, "%s", key.c_str());
+    M_msgno_out(MRV_MSG_KEY_TOO_LONG, "%s", key.c_str());
     return 0;
   }
 
@@ -166,20 +152,20 @@ int M_create_file(const char* name, const char* dict_name, int32_t dict_modulo, 
   std::string record;
   if (M_voc_read(key, &record) == 1) {
     if ((flags & CREATE_DATA) != 0 && (flags & CREATE_DICT) != 0) {
-      M_msgno_out(kMsgBothHalvesExist, "%s", key.c_str());
+      M_msgno_out(MRV_MSG_BOTH_HALVES_EXIST, "%s", key.c_str());
       return 0;
     }
     old = M_voc_fields(record);
     if (old.type.starts_with("L") && (flags & (CREATE_DATA | CREATE_DICT | CREATE_DIR)) != 0) {
-      M_msgno_out(kMsgMultiLevel, "%s", key.c_str());
+      M_msgno_out(MRV_MSG_MULTI_LEVEL, "%s", key.c_str());
       return 0;
     }
     if ((flags & (CREATE_DIR | CREATE_DATA)) != 0 && !old.data_path.empty()) {
-      M_msgno_out(kMsgDataExists, "%s", key.c_str());
+      M_msgno_out(MRV_MSG_DATA_EXISTS, "%s", key.c_str());
       return 0;
     }
     if ((flags & CREATE_DICT) != 0 && !old.dict_path.empty()) {
-      M_msgno_out(kMsgDictExists, "%s", key.c_str());
+      M_msgno_out(MRV_MSG_DICT_EXISTS, "%s", key.c_str());
       return 0;
     }
     entry_exists = true;
@@ -191,7 +177,7 @@ int M_create_file(const char* name, const char* dict_name, int32_t dict_modulo, 
 
   const bool dynamic = hash_is_dynamic(type);
   if ((type & ~(HASH_DYNAMIC | 0x20)) > 2) {
-    M_msgno_out(kMsgBadHashType, "%d", type);
+    M_msgno_out(MRV_MSG_BAD_HASH_TYPE, "%d", type);
     type = dynamic ? HASH_DYNAMIC + 1 : 0;
   }
   if ((flags & CREATE_DATA) != 0) {
@@ -220,7 +206,7 @@ int M_create_file(const char* name, const char* dict_name, int32_t dict_modulo, 
   }
   const char* entry_type = old.type.starts_with("D") || old.type.starts_with("d") ? "DIR" : "F";
   if (M_voc_write(key, entry_text(entry_type, data_path, dict_path)) < 0) {
-    M_msgno_out(kMsgVocWrite, "%s", key.c_str());
+    M_msgno_out(MRV_MSG_VOC_WRITE, "%s", key.c_str());
     return 0;
   }
   if ((flags & CREATE_DICT) != 0) return M_dict_at_id(short_name.c_str(), dict_path.c_str(), verbose);

@@ -11,10 +11,11 @@
 #include <string>
 
 #include "NT/NT_utils.h"
+#include "common/fl_errout.h"
 #include "common/mrv_msg.h"
+#include "common/mrv_msgno.h"
 #include "common/readconf.h"
 #include "flib/fl_block.h"
-#include "flib/fl_errout.h"
 #include "flib/fl_filehdr.h"
 #include "flib/fl_globals.h"
 #include "flib/fl_hash.h"
@@ -80,19 +81,19 @@ bool header_words_ok(const FileHeader& h, const char* name, int64_t size, uint32
   if (h.rfs != 0 && h.rfs != 1) {
     M_errout(0, "The 7th integer location in file header(RFS flag) should be 0 or 1, it is (%d).\n",
              h.rfs);
-    M_msgno_out(75, "%s", name);
+    M_msgno_out(MRV_MSG_BAD_FILE_LAYOUT, "%s", name);
     return false;
   }
   if (block_size == 0 || size < block_size || size % block_size != 0) {
     M_errout(0, "File size (%d) is not a multiple of block size(%d).\n", static_cast<int>(size),
              static_cast<int>(block_size));
-    M_msgno_out(75, "%s", name);
+    M_msgno_out(MRV_MSG_BAD_FILE_LAYOUT, "%s", name);
     return false;
   }
   if (h.modulo < 0 || size < static_cast<int64_t>(block_size) * (static_cast<int64_t>(h.modulo) + 1)) {
     M_errout(0, "File size(%d) is < minimum hash file size, blocksize(%d) * (modulo(%d) + 1).\n",
              static_cast<int>(size), static_cast<int>(block_size), h.modulo);
-    M_msgno_out(75, "%s", name);
+    M_msgno_out(MRV_MSG_BAD_FILE_LAYOUT, "%s", name);
     return false;
   }
   return true;
@@ -122,7 +123,7 @@ int M_openfile(REL_TYPE* rel, const char* path, int32_t mode) {
 
   struct stat st;
   if (stat(path, &st) != 0) {
-    M_msgno_out(427, "%s", path);
+    M_msgno_out(MRV_MSG_NO_SUCH_FILE, "%s", path);
     M_file_error(rel, "M_openfile", "stat", nullptr, 0, 0);
     return -1;
   }
@@ -141,7 +142,7 @@ int M_openfile(REL_TYPE* rel, const char* path, int32_t mode) {
   }
   uint8_t header[FH_READ_SIZE];
   if (pread(fd, header, sizeof header, 0) != static_cast<ssize_t>(sizeof header)) {
-    M_msgno_out(682, "%s", path);
+    M_msgno_out(MRV_MSG_SHORT_HEADER, "%s", path);
     close(fd);
     return -1;
   }
@@ -149,7 +150,7 @@ int M_openfile(REL_TYPE* rel, const char* path, int32_t mode) {
   if (!language_byte_ok(h.record_mark, M_langgrp[0], DEFAULT_LANGGRP[0]) ||
       !language_byte_ok(h.lang2, M_langgrp[1], DEFAULT_LANGGRP[1]) ||
       !language_byte_ok(h.lang3, M_langgrp[2], DEFAULT_LANGGRP[2])) {
-    M_msgno_out(30411, "%s", path);
+    M_msgno_out(MRV_MSG_LANGUAGE_DIFFERS, "%s", path);
     close(fd);
     return -1;
   }
@@ -158,12 +159,12 @@ int M_openfile(REL_TYPE* rel, const char* path, int32_t mode) {
   std::memcpy(rel->update_trigger, h.update_trigger, sizeof rel->update_trigger);
   std::memcpy(rel->delete_trigger, h.delete_trigger, sizeof rel->delete_trigger);
   if (rel->hashtype < 0 || hash_function(rel->hashtype) >= 3) {
-    M_msgno_out(117, "%d", rel->hashtype);
+    M_msgno_out(MRV_MSG_UNKNOWN_HASH, "%d", rel->hashtype);
     close(fd);
     return -1;
   }
   if (directory && !hash_is_dynamic(rel->hashtype)) {
-    M_msgno_out(30372, "%d", rel->hashtype);
+    M_msgno_out(MRV_MSG_DIR_NOT_DYNAMIC, "%d", rel->hashtype);
     close(fd);
     return -1;
   }

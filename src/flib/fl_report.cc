@@ -4,7 +4,7 @@
 #include <cstring>
 #include <string>
 
-#include "flib/fl_errout.h"
+#include "common/fl_errout.h"
 #include "flib/fl_rel.h"
 
 char M_err_cause[FL_CAUSE_SIZE] = {};

@@ -4,7 +4,8 @@
 #include <cstring>
 #include <vector>
 
-#include "flib/fl_errout.h"
+#include "common/fl_errout.h"
+#include "common/mrv_msgno.h"
 #include "flib/fl_ovhdr.h"
 #include "flib/fl_rel.h"
 #include "flib/fl_report.h"
@@ -46,7 +47,7 @@ int M_link_file_entry(REL_TYPE* rel, const uint8_t* over_header) {
     if (free_row == nullptr && empty_row(row)) free_row = &row;
   }
   if (free_row == nullptr) {
-    M_msgno_out(30020, "");
+    M_msgno_out(MRV_MSG_FILE_TABLE_FULL, "");
     return -1;
   }
   std::copy(rel->file_id, rel->file_id + 3, free_row->file_id);

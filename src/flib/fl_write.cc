@@ -6,12 +6,13 @@
 #include <ctime>
 #include <vector>
 
+#include "common/fl_errout.h"
 #include "common/mrv_marks.h"
+#include "common/mrv_msgno.h"
 #include "common/readconf.h"
 #include "flib/fl_block.h"
 #include "flib/fl_delete.h"
 #include "flib/fl_dirfile.h"
-#include "flib/fl_errout.h"
 #include "flib/fl_free.h"
 #include "flib/fl_globals.h"
 #include "flib/fl_hash.h"
@@ -116,7 +117,7 @@ void M_sort_rows(uint8_t* block, uint32_t b) {
 
 int32_t M_key_prologue(const uint8_t* key, int32_t key_length) {
   if (key_length > MAX_KEY_LENGTH || key_length < 0) {
-    M_msgno_out(76, "%d %.*s", key_length, std::max(key_length, 0), reinterpret_cast<const char*>(key));
+    M_msgno_out(MRV_MSG_BAD_KEY_LENGTH, "%d %.*s", key_length, std::max(key_length, 0), reinterpret_cast<const char*>(key));
     return -1;
   }
   if (key_length > 0 && key[key_length - 1] == M_FM) --key_length;
@@ -245,7 +246,7 @@ uint32_t write_record(REL_TYPE* rel, const uint8_t* block, uint32_t address, con
       gb_set_hashtype(data, static_cast<uint8_t>(rel->hashtype));
       gb_set_group(data, M_groupno);
       if (M_blkwrite(rel, static_cast<uint32_t>(current), data) != 1) {
-        if (errno == 27 || errno == 28) return wr_error(rel, fn, "write"), 1;
+        if (errno == EFBIG || errno == ENOSPC) return wr_error(rel, fn, "write"), 1;
         return wr_error(rel, fn, "write"), 0;
       }
       current = next;
@@ -277,7 +278,7 @@ uint32_t write_record(REL_TYPE* rel, const uint8_t* block, uint32_t address, con
   gb_set_byteleft(data, static_cast<int16_t>(byteleft - stored_length));
   gb_set_flags(data, static_cast<uint8_t>(gb_flags(data) | extra));
   if (M_blkwrite(rel, address, data) != 1) {
-    if (errno == 27 || errno == 28) return wr_error(rel, fn, "write"), 1;
+    if (errno == EFBIG || errno == ENOSPC) return wr_error(rel, fn, "write"), 1;
     return wr_error(rel, fn, "write"), 0;
   }
   return (address & ~ADDR_PART_MASK) + at;

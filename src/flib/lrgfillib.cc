@@ -8,9 +8,9 @@
 #include <vector>
 
 #include "NT/NT_utils.h"
+#include "common/fl_errout.h"
 #include "common/mrv_exit.h"
 #include "common/readconf.h"
-#include "flib/fl_errout.h"
 #include "flib/fl_filehdr.h"
 #include "flib/fl_rel.h"
 

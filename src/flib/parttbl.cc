@@ -14,10 +14,10 @@
 #include <string>
 
 #include "NT/NT_utils.h"
+#include "common/fl_errout.h"
 #include "common/mrv_msg.h"
 #include "common/readconf.h"
 #include "common/readroot.h"
-#include "flib/fl_errout.h"
 #include "flib/fl_globals.h"
 #include "flib/fl_io.h"
 #include "flib/fl_lock.h"

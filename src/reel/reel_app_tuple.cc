@@ -31,6 +31,7 @@
 #include "reel/reel_resume.h"
 #include "reel/reel_progress.h"
 #include "reel/reel_settings.h"
+#include "reel/reel_sizing.h"
 #include "reel/reel_summary.h"
 #include "reel/reel_tape_format.h"
 #include "reel/reel_target.h"
@@ -351,13 +352,23 @@ int32_t reel_resize_modulo() {
   const CurrentFile& f = reel_current;
   const int64_t r = f.record_count;
   if (r < 1 || reel_small_tuples.count + reel_long_tuples.count + in_hand < r || f.rel == nullptr) return 0;
-  const int64_t w = static_cast<int64_t>(f.rel->block_size) - f.key_bytes / r - 32;
+  const int64_t w = reel_group_room(f.rel->block_size, f.key_bytes, r);
   if (w <= 0) return 0;
-  const int64_t all = std::min((f.data_bytes + 10 * r + f.key_bytes) / w + 1, r);
-  const int64_t keys = (10 * r + f.key_bytes) / w + 1;
+  const int64_t all = std::min(reel_record_blocks(f.key_bytes, f.data_bytes, r, w) + 1, r);
+  const int64_t keys = reel_record_blocks(f.key_bytes, 0, r, w) + 1;
   const int64_t modulo = f.rel->modulo;
   if (keys * 3 / 2 <= modulo && all <= 2 * modulo) return 0;
   return reel_next_prime(static_cast<int32_t>(std::max(all, 2 * keys)));
+}
+
+int32_t reel_overfull_modulo(const REL_TYPE* rel) {
+  const CurrentFile& f = reel_current;
+  const int64_t r = f.record_count;
+  const int64_t w = reel_group_room(rel->block_size, f.key_bytes, r + 1);
+  if (w <= 0) return 0;
+  const int64_t g = std::min(reel_key_blocks(f.key_bytes, r, w) + 1, r);
+  if (g <= rel->modulo) return 0;
+  return reel_next_prime(static_cast<int32_t>(reel_record_blocks(f.key_bytes, f.data_bytes, r, w) + 1));
 }
 
 int reel_resize_check() {
@@ -410,18 +421,12 @@ void reel_finish_file(REL_TYPE* rel) {
   const uint64_t failed_before = NT_write_failures;
   if (M_mem_force_flush(rel, 1) != 1 && NT_write_failures != failed_before && in_slot)
     reel_write_failed(NT_last_write_errno);
-  const int64_t r = f.record_count;
-  const int64_t w = static_cast<int64_t>(rel->block_size) - f.key_bytes / (r + 1) - 32;
-  if (w > 0) {
-    const int64_t g = std::min((f.key_bytes + 9 * r) / w + 1, r);
-    if (g > rel->modulo) {
-      ++overflow_count;
-      const int32_t n = reel_next_prime(static_cast<int32_t>((f.data_bytes + 10 * r + f.key_bytes) / w + 1));
-      char line[512];
-      std::snprintf(line, sizeof line, "\t%s \t\t%d  ------->  %d", f.name.c_str(), rel->modulo, n);
-      NT_cmd_echo_append(kResizeList, NT_echo_word(line));
-      if (SummaryFile* entry = reel_summary_current_file()) entry->suggested_modulo = n;
-    }
+  if (const int32_t n = reel_overfull_modulo(rel); n > 0) {
+    ++overflow_count;
+    char line[512];
+    std::snprintf(line, sizeof line, "\t%s \t\t%d  ------->  %d", f.name.c_str(), rel->modulo, n);
+    NT_cmd_echo_append(kResizeList, NT_echo_word(line));
+    if (SummaryFile* entry = reel_summary_current_file()) entry->suggested_modulo = n;
   }
   M_closefile(rel);
   if (f.rel.get() == rel) f.rel.reset();

@@ -64,9 +64,16 @@ void reel_flush_ltuples();
 void reel_finish_file(REL_TYPE* rel);
 // 1 go on with the flush, 0 the file could not be reopened after a resize.
 int reel_resize_check();
-// The modulo that the slot's file should have, or 0 when it need not
-// change or cannot be judged.
+// Before the first write of a load: the modulo that the slot's file
+// should have, or 0 when it need not change or cannot be judged. Its key
+// table is to fit with half as much again to spare, its records in twice
+// the modulo (reel_sizing.h).
 int32_t reel_resize_modulo();
+// After the load of `rel`, the slot's file: the modulo that a resize_list
+// line proposes, or 0 when the keys fit one block per group. It judges the
+// keys with other margins than reel_resize_modulo (over r + 1 records, at
+// REEL_KEY_COST each), and the two are kept apart on purpose.
+int32_t reel_overfull_modulo(const REL_TYPE* rel);
 // Gathers a large record's data from the overflow pages and writes it.
 // 1 when the record went into the file, else 0.
 int reel_load_ltuple(REL_TYPE* rel, const char* key, int32_t key_len, int32_t data_len,

@@ -3,6 +3,8 @@
 #include <array>
 #include <utility>
 
+#include "reel/reel_tape_format.h"
+
 namespace {
 
 // EBCDIC to ASCII, by input byte.
@@ -64,7 +66,7 @@ int reel_convert_bytes(unsigned char* buffer, char mode, int32_t count, int dire
       }
       break;
     case '2':
-      for (int32_t i = 0; i < count; ++i) buffer[i] ^= 0x80;
+      for (int32_t i = 0; i < count; ++i) buffer[i] = tape_flip(buffer[i]);
       break;
     case '3':
       for (int32_t i = 0; i < count; i += 2) std::swap(buffer[i], buffer[i + 1]);

@@ -4,7 +4,7 @@
 //   mode '0'  none
 //   mode '1'  EBCDIC to ASCII through a fixed table; unknown characters
 //             become '?' (0x3F), the five marks 0xFB..0xFF pass unchanged
-//   mode '2'  each byte XOR 0x80
+//   mode '2'  each byte's tape-text bit flipped (tape_flip): XOR 0x80
 //   mode '3'  each pair of bytes exchanged, pairs taken from the start
 #pragma once
 

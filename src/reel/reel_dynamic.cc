@@ -408,7 +408,7 @@ void reel_index_info(unsigned char* page, int32_t length) {
   if (length <= DYN_INDEX_OFF_TEXT) return;
   const int32_t count = std::min<int32_t>(tape_get_u16(page + DYN_INDEX_OFF_COUNT), length - DYN_INDEX_OFF_TEXT - 1);
   unsigned char* text = page + DYN_INDEX_OFF_TEXT;
-  for (int32_t i = 0; i < count; ++i) text[i] ^= TAPE_FLIP;
+  for (int32_t i = 0; i < count; ++i) text[i] = tape_flip(text[i]);
   text[count] = '\0';
 
   const unsigned char* cursor = text;

@@ -7,6 +7,7 @@
 #include "common/mrv_alloc.h"
 #include "common/mrv_exit.h"
 #include "common/mrv_msg.h"
+#include "flib/fl_filehdr.h"
 #include "reel/reel_util.h"
 
 namespace {
@@ -222,7 +223,7 @@ int32_t reel_block_list_modulo(const char* name, int32_t modulo, int32_t* block)
   int32_t factor = 1;
   int32_t listed = -1;
   if (!reel_find_block_entry(name, &factor, &listed) || factor < 0) factor = 1;
-  if (listed < 1) listed = factor == 0 ? modulo * 2 : modulo / factor;
+  if (listed < 1) listed = BlockSizeCode{factor}.modulo_keeping_size(modulo);
   if (block != nullptr) *block = factor;
   return reel_next_prime(listed);
 }

@@ -20,6 +20,9 @@ constexpr int kSkipObject = 1;
 constexpr int32_t kKeyRoom = 1024;
 // The key shown in the line of a refused long key is cut here.
 constexpr int32_t kKeyShown = 128;
+// A file whose first sub-file gives no modulo takes a group for each KiB of
+// that sub-file's first block.
+constexpr int32_t kBytesPerGuessedGroup = 1024;
 
 enum Phase : int {
   kFresh = 0,    // no record under way
@@ -131,12 +134,12 @@ int reel_group_record(const unsigned char* pos, const unsigned char* end, int32_
 
   while (g.consumed < size && cur < avail) {
     if (g.chunk_left == 0) {
-      const unsigned char marker = pos[cur];
+      const unsigned char marker = pos[cur + CHUNK_OFF_MARKER];
       if (marker != CHUNK_MARKER && marker != CHUNK_MARKER_ALT) break;
       // A chunk header that the block end cuts cannot be read: the record
       // ends with what it has.
       if (avail - cur < CHUNK_HEADER_SIZE) break;
-      g.chunk_left = pos[cur + 1];
+      g.chunk_left = pos[cur + CHUNK_OFF_LENGTH];
       cur += CHUNK_HEADER_SIZE;
       if (g.chunk_left == 0) break;
     }
@@ -221,7 +224,7 @@ void reel_hashed_subfiles(unsigned char* buffer, int32_t* length) {
       first_with_data = false;
       CurrentFile& f = reel_current;
       f.modulo = reel_next_prime(tape_get_u16(buffer + SUBFILE_OFF_MODULO));
-      if (f.modulo == 0) f.modulo = reel_next_prime(*length / 1024 + 1);
+      if (f.modulo == 0) f.modulo = reel_next_prime(*length / kBytesPerGuessedGroup + 1);
       if (!s.analyse_mode && reel_prepare_hashed_target(0) == 0) {
         reel_skip_blocks(buffer, length, kSkipObject);
         return;

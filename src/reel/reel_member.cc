@@ -10,8 +10,8 @@
 
 #include "NT/NT_command.h"
 #include "NT/NT_fault.h"
+#include "common/fl_errout.h"
 #include "common/mrv_marks.h"
-#include "flib/fl_errout.h"
 #include "flib/fl_globals.h"
 #include "flib/fl_write.h"
 #include "reel/reel_account.h"

@@ -17,14 +17,15 @@
 #include "reel/reel_init.h"
 #include "reel/reel_resume.h"
 #include "reel/reel_settings.h"
+#include "reel/reel_sizing.h"
 #include "reel/reel_target.h"
 #include "reel/reel_util.h"
 
 namespace {
 
-// Usable bytes of a 1 KiB group block, and the overhead of one record in it.
-constexpr int64_t kUsableBlockBytes = 992;
-constexpr int64_t kRecordOverhead = 10;
+// An analysis has no target yet: the plan sizes for blocks of 1 KiB, the
+// block of a file made without a -B entry.
+constexpr int64_t kPlanBlockSize = 1024;
 
 FILE* analyse_handle = nullptr;
 
@@ -90,12 +91,13 @@ int32_t reel_suggest_modulo(int32_t kind, int64_t key_bytes, int64_t data_bytes,
   bool hashed = kind == FILE_KIND_DATA || kind == FILE_KIND_DICT;
   int32_t s = tape_modulo;
   if (hashed && records > 0) {
-    int64_t average_key = key_bytes / (records + 1);
-    // Keys are far shorter than a block; the guard only keeps damaged counts
-    // from dividing by zero.
-    int64_t room = kUsableBlockBytes - average_key > 0 ? kUsableBlockBytes - average_key : 1;
-    int64_t blocks = (data_bytes + kRecordOverhead * records + key_bytes) / room;
-    // 1 + trunc(1.1 * blocks), computed as the original did: 1 - trunc(-1.1 * blocks).
+    // The average key is taken over one record too many. Keys are far
+    // shorter than a block; the guard only keeps damaged counts from
+    // dividing by zero.
+    int64_t room = std::max<int64_t>(reel_group_room(kPlanBlockSize, key_bytes, int64_t{records} + 1), 1);
+    int64_t blocks = reel_record_blocks(key_bytes, data_bytes, records, room);
+    // A tenth more groups to spare: 1 + trunc(1.1 * blocks), computed in
+    // double precision as 1 - trunc(-1.1 * blocks).
     int64_t target = 1 - static_cast<int64_t>(std::trunc(static_cast<double>(blocks) * -1.1));
     s = reel_next_prime(static_cast<int32_t>(target));
     if (s > records) s = reel_next_prime(records);

@@ -10,14 +10,13 @@ namespace {
 
 constexpr int kRevisionBase = 128;
 constexpr int kRevisionStep = 16;
-constexpr unsigned char kHighBit = 0x80;
 
 // `text` in tape text over `width` bytes, blank padded.
 void put_tape_text(unsigned char* out, const char* text, int width) {
   const size_t length = std::strlen(text);
   for (int i = 0; i < width; ++i) {
     char c = static_cast<size_t>(i) < length ? text[i] : ' ';
-    out[i] = static_cast<unsigned char>(c) ^ kHighBit;
+    out[i] = tape_flip(static_cast<unsigned char>(c));
   }
 }
 
@@ -51,7 +50,7 @@ void tape_encode_label(unsigned char* label, const TapeLabel& fields) {
     for (int i = 0; i < LABEL_DATE_FIELD; ++i) {
       size_t at = static_cast<size_t>(3 * f + i);
       char c = at < date_length ? fields.date[at] : ' ';
-      label[places[f] + i] = static_cast<unsigned char>(c) ^ kHighBit;
+      label[places[f] + i] = tape_flip(static_cast<unsigned char>(c));
     }
   put_tape_text(label + LABEL_OFF_NAME, fields.name, LABEL_NAME_SIZE);
 }
@@ -72,27 +71,27 @@ void tape_encode_static_record(std::vector<unsigned char>& out, const std::strin
   const size_t start = out.size();
   out.resize(start + RECORD_HEADER_SIZE, 0);
   out[start + RECORD_OFF_KEY_LEN] = static_cast<unsigned char>(key.size());
-  for (char c : key) out.push_back(static_cast<unsigned char>(c) ^ TAPE_FLIP);
+  for (char c : key) out.push_back(tape_flip(static_cast<unsigned char>(c)));
   if (key.size() % 2 != 0) out.push_back(0);
   const size_t step = static_cast<size_t>(chunk < 1 ? 1 : chunk > CHUNK_MAX ? CHUNK_MAX : chunk);
   bool first = true;
   for (size_t at = 0; at < data.size(); at += step, first = !first) {
     const size_t n = std::min(step, data.size() - at);
-    out.push_back(first ? CHUNK_MARKER : CHUNK_MARKER_ALT);
-    out.push_back(static_cast<unsigned char>(n));
-    for (size_t i = 0; i < n; ++i) out.push_back(static_cast<unsigned char>(data[at + i]) ^ TAPE_FLIP);
+    const size_t chunk_at = out.size();
+    out.resize(chunk_at + CHUNK_HEADER_SIZE, 0);
+    out[chunk_at + CHUNK_OFF_MARKER] = first ? CHUNK_MARKER : CHUNK_MARKER_ALT;
+    out[chunk_at + CHUNK_OFF_LENGTH] = static_cast<unsigned char>(n);
+    for (size_t i = 0; i < n; ++i) out.push_back(tape_flip(static_cast<unsigned char>(data[at + i])));
     if ((out.size() - start) % 2 != 0) out.push_back(0);
   }
   if (!open_end) out.insert(out.end(), CHUNK_HEADER_SIZE, 0);
   const int32_t words = size_words.value_or(static_cast<int32_t>((out.size() - start) / 2));
-  out[start + RECORD_OFF_SIZE] = static_cast<unsigned char>(words >> 16);
-  out[start + RECORD_OFF_SIZE + 1] = static_cast<unsigned char>(words >> 8);
-  out[start + RECORD_OFF_SIZE + 2] = static_cast<unsigned char>(words);
+  tape_put_u24(&out[start + RECORD_OFF_SIZE], words);
 }
 
 bool tape_encode_text(std::vector<unsigned char>& out, const std::string& text) {
   for (char c : text)
-    if (c == '\0' || static_cast<unsigned char>(c) == (TEXT_BLANK_RUN ^ TAPE_FLIP)) return false;
+    if (c == '\0' || static_cast<unsigned char>(c) == tape_flip(TEXT_BLANK_RUN)) return false;
   const size_t start = out.size();
   for (size_t i = 0; i < text.size();) {
     size_t run = 0;
@@ -104,7 +103,7 @@ bool tape_encode_text(std::vector<unsigned char>& out, const std::string& text) 
       continue;
     }
     const bool even = (out.size() - start) % 2 == 0;
-    out.push_back(static_cast<unsigned char>(text[i]) ^ TAPE_FLIP);
+    out.push_back(tape_flip(static_cast<unsigned char>(text[i])));
     if (text[i] == '\n' && even) out.push_back(TEXT_FILL);
     ++i;
   }
@@ -128,10 +127,10 @@ void tape_encode_dyn_record(std::vector<unsigned char>& out, const std::string& 
   const size_t start = out.size();
   out.resize(start + DYN_REC_HEADER, 0);
   out[start + DYN_REC_OFF_KEY_LEN] = static_cast<unsigned char>(key.size());
-  for (char c : key) out.push_back(tape_dyn_flip(static_cast<unsigned char>(c)));
+  for (char c : key) out.push_back(tape_flip_keep_zero(static_cast<unsigned char>(c)));
   if (key.size() % 2 != 0) out.push_back(0);
   if (first_page == 0) {
-    for (char c : data) out.push_back(tape_dyn_flip(static_cast<unsigned char>(c)));
+    for (char c : data) out.push_back(tape_flip_keep_zero(static_cast<unsigned char>(c)));
     if (data.size() % 2 != 0) out.push_back(0);
   }
   const int32_t length = data_len >= 0 ? data_len : static_cast<int32_t>(data.size());

@@ -62,10 +62,25 @@
 #include <string>
 #include <vector>
 
+// ---- Tape text -----------------------------------------------------------------
+//
+// Text on tape is 7-bit text with the high bit set on every character; one
+// flip of that bit encodes a byte and decodes it again. Names, label fields
+// and the records of dynamic files keep a zero byte as zero, for there the
+// tape fills with zeros (and so cannot carry a plain 0x80); static records,
+// member text and the index description are flipped whole, so that there a
+// zero byte stands for 0x80.
+inline constexpr unsigned char TAPE_FLIP = 0x80;
+inline constexpr unsigned char tape_flip(unsigned char c) { return static_cast<unsigned char>(c ^ TAPE_FLIP); }
+inline constexpr unsigned char tape_flip_keep_zero(unsigned char c) { return c == 0 ? 0 : tape_flip(c); }
+static_assert(tape_flip(tape_flip('A')) == 'A' && tape_flip(' ') == 0xA0);
+
 inline constexpr int32_t TAPE_HEADER_SIZE = 6;
 inline constexpr int32_t TAPE_OFF_BLOCK_NO = 0;
 inline constexpr int32_t TAPE_OFF_LENGTH = 2;
+inline constexpr int32_t TAPE_OFF_SPARE = 4;
 inline constexpr int32_t TAPE_OFF_TYPE = 5;
+static_assert(TAPE_OFF_TYPE + 1 == TAPE_HEADER_SIZE);
 // The length field counts words; the largest block it can describe.
 inline constexpr int32_t TAPE_MAX_BLOCK = 0xFFFF * 2;
 
@@ -85,11 +100,16 @@ inline constexpr int32_t LABEL_OFF_NAME = 18;
 inline constexpr int32_t LABEL_NAME_SIZE = 6;
 inline constexpr int32_t LABEL_DATE_FIELD = 2;
 inline constexpr int32_t LABEL_SIZE = LABEL_OFF_NAME + LABEL_NAME_SIZE;
+// The three date fields stand side by side, each of two digits.
+static_assert(LABEL_OFF_DAY == LABEL_OFF_MONTH + LABEL_DATE_FIELD &&
+              LABEL_OFF_YEAR == LABEL_OFF_DAY + LABEL_DATE_FIELD && LABEL_DATE_FIELD == 2);
+static_assert(LABEL_OFF_REVISION > TAPE_OFF_TYPE && LABEL_OFF_TAPE_NO < LABEL_OFF_NAME);
 
 inline constexpr int32_t PATH_ENTRY_SIZE = 48;
 inline constexpr int32_t PATH_OFF_NAME = 2;
 inline constexpr int32_t PATH_NAME_SIZE = 32;
 inline constexpr int32_t PATH_OFF_TYPE = 39;
+static_assert(PATH_OFF_NAME + PATH_NAME_SIZE <= PATH_OFF_TYPE && PATH_OFF_TYPE < PATH_ENTRY_SIZE);
 
 // Object types of a path entry. Inside a hashed file codes 0 and 1 mark its
 // sub-files, inside a directory its members.
@@ -166,22 +186,29 @@ inline constexpr int32_t SUBFILE_STREAM = TAPE_HEADER_SIZE;
 inline constexpr int32_t RECORD_OFF_SIZE = 0;
 inline constexpr int32_t RECORD_OFF_KEY_LEN = 3;
 inline constexpr int32_t RECORD_HEADER_SIZE = 4;
+inline constexpr int32_t CHUNK_OFF_MARKER = 0;
+inline constexpr int32_t CHUNK_OFF_LENGTH = 1;
 inline constexpr int32_t CHUNK_HEADER_SIZE = 2;
 inline constexpr unsigned char CHUNK_MARKER = 0xE0;
 inline constexpr unsigned char CHUNK_MARKER_ALT = 0x00;
 inline constexpr int32_t CHUNK_MAX = 255;
+// The record size is three bytes before the key length; a chunk's length
+// is one byte, which bounds CHUNK_MAX; the modulo is a 16-bit field.
+static_assert(RECORD_OFF_SIZE + 3 == RECORD_OFF_KEY_LEN && RECORD_OFF_KEY_LEN + 1 == RECORD_HEADER_SIZE);
+static_assert(CHUNK_OFF_LENGTH + 1 == CHUNK_HEADER_SIZE && CHUNK_MAX == 0xFF);
+static_assert(SUBFILE_OFF_MODULO + 2 == SUBFILE_FIRST_STREAM && SUBFILE_OFF_MODULO >= TAPE_HEADER_SIZE);
 // Limits of a static record: the size in bytes, and the key lengths that a
 // target takes (below STATIC_KEY_LIMIT), that are cut and refused (up to
 // STATIC_KEY_MAX), and that are plainly wrong (above it).
 inline constexpr int32_t RECORD_SIZE_LIMIT = 0x80000;
 inline constexpr int32_t STATIC_KEY_LIMIT = 127;
 inline constexpr int32_t STATIC_KEY_MAX = 188;
-// Static record bytes are flipped whole: a zero byte becomes 0x80.
-inline constexpr unsigned char TAPE_FLIP = 0x80;
 
-// Copies n bytes of static record text, flipping each: eight at a time
-// through a word, the rest one by one. `out` and `in` may be the same.
+// Copies n bytes of static record text, each through tape_flip: eight at a
+// time through a word, the rest one by one. `out` and `in` may be the same.
 inline void tape_flip_copy(unsigned char* out, const unsigned char* in, size_t n) {
+  // The word form holds because the flip is an XOR with one constant.
+  static_assert(tape_flip(0) == TAPE_FLIP && tape_flip(0xFF) == (0xFF ^ TAPE_FLIP));
   constexpr uint64_t kFlipWord = 0x0101010101010101ull * TAPE_FLIP;
   size_t i = 0;
   for (; i + 8 <= n; i += 8) {
@@ -190,7 +217,7 @@ inline void tape_flip_copy(unsigned char* out, const unsigned char* in, size_t n
     w ^= kFlipWord;
     std::memcpy(out + i, &w, 8);
   }
-  for (; i < n; ++i) out[i] = static_cast<unsigned char>(in[i] ^ TAPE_FLIP);
+  for (; i < n; ++i) out[i] = tape_flip(in[i]);
 }
 
 // Size of the static record at `p`, in bytes.
@@ -237,6 +264,7 @@ inline constexpr int32_t CARTRIDGE_FRAME = 512;
 inline constexpr int32_t CARTRIDGE_OFF_COUNT = 2;
 inline constexpr int32_t CARTRIDGE_OFF_PAYLOAD = 4;
 inline constexpr int32_t CARTRIDGE_PAYLOAD = CARTRIDGE_FRAME - CARTRIDGE_OFF_PAYLOAD;
+static_assert(CARTRIDGE_OFF_COUNT + 2 == CARTRIDGE_OFF_PAYLOAD);
 
 // The -G B reader takes its byte stream in requests of this size.
 inline constexpr int32_t TAPE_STREAM_REQUEST = 32768;
@@ -264,7 +292,7 @@ inline uint8_t tape_block_type(const unsigned char* block) { return block[TAPE_O
 inline void tape_put_header(unsigned char* block, uint16_t number, int32_t length, uint8_t type) {
   tape_put_u16(block + TAPE_OFF_BLOCK_NO, number);
   tape_put_u16(block + TAPE_OFF_LENGTH, static_cast<uint16_t>(length / 2));
-  block[4] = 0;
+  block[TAPE_OFF_SPARE] = 0;
   block[TAPE_OFF_TYPE] = type;
 }
 
@@ -393,9 +421,12 @@ inline int32_t dyn_record_size(const unsigned char* p) { return 2 * tape_get_u16
 inline int32_t dyn_record_data_len(const unsigned char* p) { return tape_get_u24(p + DYN_REC_OFF_DATA_LEN); }
 inline int32_t dyn_record_first_page(const unsigned char* p) { return tape_get_u24(p + DYN_REC_OFF_FIRST_PAGE); }
 
-// Dynamic text: every non-zero byte XOR 0x80, zero bytes kept (a plain
-// 0x80 cannot be carried).
-inline unsigned char tape_dyn_flip(unsigned char c) { return c == 0 ? 0 : c ^ TAPE_FLIP; }
+// The three-byte fields close the page head and the record header; the
+// header page fits the first block; a page buffer holds the largest page.
+static_assert(DYN_PAGE_OFF_GROUP + 3 == DYN_PAGE_HEAD && DYN_REC_OFF_FIRST_PAGE + 3 == DYN_REC_HEADER);
+static_assert(DYN_HDR_OFF_INDEX + 3 <= DYN_PAGES_START && DYN_PAGES_START <= DYN_FIRST_BLOCK_MIN);
+static_assert(DYN_PAGE_UNIT * DYN_PAGE_MAX_UNITS <= DYN_PAGE_ROOM);
+static_assert(DYN_INDEX_OFF_COUNT + 2 == DYN_INDEX_OFF_TEXT && DYN_INDEX_OFF_TEXT < DYN_PAGE_UNIT);
 
 // The head of one page, over its first DYN_PAGE_HEAD bytes.
 struct DynPageHead {
@@ -421,7 +452,7 @@ struct TapeLabel {
   int32_t tape_no = 0;
   int32_t revision = 0;
   char name[LABEL_NAME_SIZE + 1] = {};  // trailing blanks cut
-  char date[9] = {};                    // "MM-DD-YY"
+  char date[3 * (LABEL_DATE_FIELD + 1)] = {};  // "MM-DD-YY"
 };
 
 // REQUIRES: label has LABEL_SIZE bytes.

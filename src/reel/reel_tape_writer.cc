@@ -14,7 +14,6 @@ namespace {
 
 constexpr char kFirstName[] = "SAVE";
 constexpr char kDefaultDate[] = "01-01-92";
-constexpr unsigned char kHighBit = 0x80;
 
 int fail(TapeWriter& w, const std::string& what) {
   w.error = w.path + ": " + what;
@@ -88,7 +87,7 @@ int put_block(TapeWriter& w, const std::vector<unsigned char>& block) {
 
 std::vector<unsigned char> reel_tape_text(const std::string& text) {
   std::vector<unsigned char> out(text.begin(), text.end());
-  for (auto& c : out) c ^= kHighBit;
+  for (auto& c : out) c = tape_flip(c);
   return out;
 }
 
@@ -330,7 +329,7 @@ std::vector<unsigned char> index_text(const std::vector<TapeDynIndex>& indexes) 
     text += fm + "0" + vm + x.name + vm + x.type + vm + std::to_string(x.number) + vm + x.letter;
   text += static_cast<char>(TAPE_RM);
   std::vector<unsigned char> out;
-  for (char c : text) out.push_back(static_cast<unsigned char>(c) ^ TAPE_FLIP);
+  for (char c : text) out.push_back(tape_flip(static_cast<unsigned char>(c)));
   return out;
 }
 
@@ -351,7 +350,7 @@ int dyn_layout(TapeWriter& w, const TapeDynFile& f, DynLayout& l) {
       continue;
     }
     std::vector<unsigned char> data;
-    for (char c : r.data) data.push_back(tape_dyn_flip(static_cast<unsigned char>(c)));
+    for (char c : r.data) data.push_back(tape_flip_keep_zero(static_cast<unsigned char>(c)));
     std::vector<DynPage> pages = chain_pages(l, f, data, l.next_number++, false, 0, DYN_KIND_NO_CHAIN);
     tape_encode_dyn_record(g, r.key, "", static_cast<int32_t>(r.data.size()), pages.front().head.number);
     l.large.insert(l.large.end(), pages.begin(), pages.end());

@@ -4,8 +4,8 @@
 #include <cstring>
 
 #include "NT/NT_utils.h"
+#include "common/fl_errout.h"
 #include "flib/fl_clear.h"
-#include "flib/fl_errout.h"
 #include "flib/fl_mem.h"
 #include "flib/fl_mkfile.h"
 #include "flib/fl_open.h"

@@ -5,18 +5,12 @@
 
 #include "common/init_params.h"
 #include "common/mrv_marks.h"
-#include "common/mrv_msg.h"
 #include "reel/reel_device.h"
 #include "reel/reel_settings.h"
 #include "reel/reel_summary.h"
 #include "reel/reel_tape_format.h"
 
-int32_t reel_next_prime(int32_t n) {
-  int32_t p = prime_at_or_above(n);
-  if (p >= 0) return p;
-  M_errmsg(0, "Number %d out of prime number table range.\n", n);
-  return n;
-}
+int32_t reel_next_prime(int32_t n) { return prime_or_itself(n); }
 
 int reel_is_number(const char* text) {
   int digits = 0;
@@ -31,7 +25,7 @@ int reel_name_from_tape(char* destination, const unsigned char* source, int leng
     return 0;
   }
   for (int i = 0; i < length; ++i)
-    destination[i] = source[i] == 0 ? '\0' : static_cast<char>((source[i] + 128) & 0xFF);
+    destination[i] = static_cast<char>(tape_flip_keep_zero(source[i]));
   destination[length] = '\0';
   while (length > 0 && destination[length - 1] == ' ') destination[--length] = '\0';
   return length;
@@ -43,7 +37,7 @@ void reel_mask_copy(char* destination, const unsigned char* source, int length) 
     return;
   }
   for (int i = 0; i < length; ++i)
-    destination[i] = source[i] == 0 ? '\0' : static_cast<char>(source[i] ^ 0x80);
+    destination[i] = static_cast<char>(tape_flip_keep_zero(source[i]));
   destination[length] = '\0';
 }
 
@@ -65,7 +59,7 @@ int reel_text_from_tape(char* destination, const unsigned char* source, int leng
     } else if (b == TEXT_BLANK) {
       *out++ = ' ';
     } else {
-      *out++ = static_cast<char>((b + 0x80) & 0xFF);
+      *out++ = static_cast<char>(tape_flip(b));
     }
   }
   *out = '\0';
@@ -114,7 +108,7 @@ char* reel_copy_limited(char* destination, const char* source, int n) {
 void reel_print_bytes(const unsigned char* bytes, int length) {
   for (int i = 0; i < length; ++i) {
     if (bytes[i] >= 160 && bytes[i] <= 253)
-      std::printf("   %c", bytes[i] - 128);
+      std::printf("   %c", tape_flip(bytes[i]));
     else
       std::printf(" %03d", bytes[i]);
   }

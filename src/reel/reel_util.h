@@ -1,7 +1,8 @@
 // Small services on tape text and numbers.
 //
-// Text on tape has the high bit set on each character; zero bytes are
-// filler. Each routine says what it does with them.
+// Text on tape has the high bit set on each character (tape_flip in
+// reel_tape_format.h); zero bytes are filler. Each routine says what it
+// does with them.
 #pragma once
 
 #include <cstddef>
@@ -15,12 +16,12 @@ int32_t reel_next_prime(int32_t n);
 // passes), else 0.
 int reel_is_number(const char* text);
 
-// Each non-zero byte plus 128 (mod 256), zero bytes kept, terminated,
+// Each byte through tape_flip_keep_zero (zero bytes kept), terminated,
 // trailing blanks cut. Returns the length after the cut.
 // REQUIRES: destination has room for length + 1 bytes.
 int reel_name_from_tape(char* destination, const unsigned char* source, int length);
 
-// Each non-zero byte XOR 0x80, zero bytes kept, terminated.
+// Each byte through tape_flip_keep_zero (zero bytes kept), terminated.
 // REQUIRES: destination has room for length + 1 bytes.
 void reel_mask_copy(char* destination, const unsigned char* source, int length);
 
@@ -29,7 +30,7 @@ void reel_mask_copy(char* destination, const unsigned char* source, int length);
 //   0x8A             newline; at an even source offset a following 0xA0 or 0
 //                    is filler and skipped
 //   0x80             blank
-//   other            byte + 0x80
+//   other            tape_flip(byte)
 // Returns the bytes written.
 // REQUIRES: destination has room for 50 * length + 1 bytes (the worst case).
 int reel_text_from_tape(char* destination, const unsigned char* source, int length);
@@ -54,8 +55,8 @@ void reel_drop_prefix(char* text, int count);
 // REQUIRES: destination has room for n + 1 bytes.
 char* reel_copy_limited(char* destination, const char* source, int n);
 
-// Prints each byte from 160 to 253 as "   %c" of the byte less 128, every
-// other one as " %03d", then "\n\n".
+// Prints each byte from 160 to 253 as "   %c" of its tape_flip (the byte
+// less 128), every other one as " %03d", then "\n\n".
 void reel_print_bytes(const unsigned char* bytes, int length);
 
 // Reads at least one block through reel_next_block, leaving each length in

@@ -8,9 +8,9 @@
 
 #include <gtest/gtest.h>
 
+#include "common/fl_errout.h"
 #include "common/mrv_alloc.h"
 #include "common/mrv_msg.h"
-#include "flib/fl_errout.h"
 
 namespace {
 

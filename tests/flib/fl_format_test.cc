@@ -5,6 +5,7 @@
 #include "flib/fl_block.h"
 #include "flib/fl_coding.h"
 #include "flib/fl_filehdr.h"
+#include "flib/fl_idxfmt.h"
 #include "flib/fl_ovhdr.h"
 
 namespace {
@@ -31,6 +32,38 @@ TEST(FlFormat, InitialDataposAndIllegalBlockCodes) {
   EXPECT_EQ(initial_datapos(4096), 424u);
   EXPECT_EQ(initial_datapos(8192), 824u);
   EXPECT_EQ(initial_datapos(16384), 1624u);
+}
+
+// Both forms of the block size code name the same sizes: the creation
+// form 0..16, the stored form one less, an index head's code 0..15 as the
+// file header's.
+TEST(FlFormat, BlockSizeCodeFormsNameTheSameSizes) {
+  const uint32_t sizes[] = {512,  1024,  2048,  3072,  4096,  5120,  6144,  7168, 8192,
+                            9216, 10240, 11264, 12288, 13312, 14336, 15360, 16384};
+  for (int32_t k = BlockSizeCode::kMin; k <= BlockSizeCode::kMax; ++k) {
+    const BlockSizeCode code{k};
+    const uint32_t b = sizes[k];
+    EXPECT_EQ(code.bytes(), b) << k;
+    EXPECT_EQ(BlockSizeCode::of_bytes(b).code, k) << k;
+    EXPECT_EQ(code.stored(), k - 1) << k;
+    EXPECT_EQ(block_size_of_code(code.stored()), b) << k;
+    if (k >= 1) {
+      EXPECT_EQ(idx_block_size(code.stored()), b) << k;
+    }
+  }
+  // Sizes between the steps belong to the step below; below 1 KiB is 512.
+  EXPECT_EQ(BlockSizeCode::of_bytes(1536).code, 1);
+  EXPECT_EQ(BlockSizeCode::of_bytes(700).bytes(), 512u);
+}
+
+// A -B entry recounts the tape's modulo of 1 KiB groups so that the file
+// keeps its size: 512-byte blocks double it, k KiB divide it by k.
+TEST(FlFormat, BlockSizeCodeRecountsAModuloToKeepTheFileSize) {
+  EXPECT_EQ(BlockSizeCode{0}.modulo_keeping_size(101), 202);
+  EXPECT_EQ(BlockSizeCode{1}.modulo_keeping_size(101), 101);
+  EXPECT_EQ(BlockSizeCode{4}.modulo_keeping_size(101), 25);
+  EXPECT_EQ(BlockSizeCode{4}.modulo_keeping_size(11), 2);
+  EXPECT_EQ(BlockSizeCode{16}.modulo_keeping_size(11), 0);
 }
 
 }  // namespace

@@ -7,10 +7,10 @@
 #include <filesystem>
 #include <random>
 
+#include "common/fl_errout.h"
 #include "common/mrv_marks.h"
 #include "fl_idx_test_util.h"
 #include "flib/fl_clear.h"
-#include "flib/fl_errout.h"
 #include "flib/fl_filehdr.h"
 #include "flib/fl_globals.h"
 #include "flib/fl_idxbkt.h"

@@ -101,6 +101,36 @@ TEST(Loader, FlushesResizesAndEnds) {
   }
 }
 
+// The end of a load judges the key table alone: a key costs its row and
+// its length byte, 9 bytes beside its text, in what a block leaves after
+// its 32-byte head and one average key. A key more than fits one block per
+// group makes a resize_list line, whose modulo counts the whole records.
+TEST(Loader, TheEndOfALoadJudgesTheKeyTableAlone) {
+  struct Case {
+    uint32_t block_size;
+    int32_t modulo;
+    int32_t records;  // of one-byte keys: 10 bytes each in the key table
+    int64_t data_bytes;
+    int32_t proposed;  // 0: no resize_list line
+  } cases[] = {
+      {1024, 1, 0, 0, 0},    {1024, 1, 99, 0, 0},     {1024, 1, 100, 0, 2},
+      {1024, 2, 100, 0, 0},  {512, 1, 47, 0, 0},      {512, 1, 48, 0, 2},
+      {1024, 1, 100, 9000, 11},  // the proposal counts the data: (9000 + 1100) / 992 + 1
+  };
+  for (const Case& c : cases) {
+    CurrentFile& f = reel_current;
+    f = CurrentFile{};
+    f.record_count = c.records;
+    f.key_bytes = c.records;
+    f.data_bytes = c.data_bytes;
+    REL_TYPE rel;
+    rel.block_size = c.block_size;
+    rel.modulo = c.modulo;
+    EXPECT_EQ(reel_overfull_modulo(&rel), c.proposed) << c.block_size << "/" << c.modulo << "/" << c.records;
+  }
+  reel_current = CurrentFile{};
+}
+
 // Records land in the file in group order, and within a group latest
 // first (the descriptors grow down from the top of the buffer, and the
 // sort keeps their order): the keys of the loaded file, walked block by

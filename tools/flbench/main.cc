@@ -133,7 +133,7 @@ int main(int argc, char** argv) {
       return usage();
     }
   }
-  if (dir.empty() || records < 1 || block < 0 || block > 16 || hash < 0 || hash > 1) return usage();
+  if (dir.empty() || records < 1 || block < BlockSizeCode::kMin || block > BlockSizeCode::kMax || hash < 0 || hash > 1) return usage();
   M_init_pools();
   if (M_load_part_table() < 0) return 1;
   if (grow) {
@@ -142,7 +142,7 @@ int main(int argc, char** argv) {
     return run_grow(path, records, block,
                     HASH_DYNAMIC | (keydata ? HASH_KEYDATA : 0) | static_cast<int32_t>(hash));
   }
-  uint32_t b = block == 0 ? 512 : static_cast<uint32_t>(block) * 1024;
+  uint32_t b = BlockSizeCode{static_cast<int32_t>(block)}.bytes();
   // About two thirds of a block of short records per group.
   if (modulo == 0) modulo = std::max<long>(1, records * 200 / (b * 2 / 3));
   std::string path = dir + "/BENCH";

@@ -31,7 +31,7 @@ int mrvfile_create(const Args& args) {
   if (path.empty()) return mrvfile_usage();
   // KEYDATA accounting belongs to dynamic files: it makes one.
   if (keydata) dynamic = true;
-  if (modulo < 1 || block < 0 || block > 16 || hash < 0 || hash > (dynamic ? 1 : 2) || spread < 0 ||
+  if (modulo < 1 || block < BlockSizeCode::kMin || block > BlockSizeCode::kMax || hash < 0 || hash > (dynamic ? 1 : 2) || spread < 0 ||
       spread > 255) {
     std::fprintf(stderr, "mrvfile: modulo must be 1 or more, block 0..16, hash 0..%d, spread 0..255\n",
                  dynamic ? 1 : 2);

@@ -34,7 +34,7 @@ int mrvfile_info(const Args& args) {
   std::printf("hash type: %d (function %d%s)\n", rel.hashtype, hash_function(rel.hashtype),
               dynamic ? (hash_is_keydata(rel.hashtype) ? ", KEYDATA" : ", KEYONLY") : "");
   // The code in the form `create --block` takes, so that a file can be made alike.
-  std::printf("block size: %u (code %d)\n", rel.block_size, api_code_of_block_size(rel.block_size));
+  std::printf("block size: %u (code %d)\n", rel.block_size, BlockSizeCode::of_bytes(rel.block_size).code);
   std::printf("modulo: %d\n", rel.modulo);
   std::printf("recoverable: %d\n", rel.rfs);
   print_language(args[0]);

@@ -8,6 +8,7 @@
 #include <cstring>
 
 #include "common/mrv_msg.h"
+#include "common/mrv_msgno.h"
 #include "flib/fl_open.h"
 #include "flib/fl_read.h"
 #include "flib/fl_rel.h"
@@ -41,12 +42,12 @@ struct Refusal {
   const char* words;
 };
 constexpr Refusal kRefusals[] = {
-    {75, "its header does not agree with its size or layout (damaged)"},
-    {117, "an unknown hash type in its header"},
-    {427, "no such file"},
-    {682, "too short to hold a file header"},
-    {30372, "a directory whose header is not a dynamic file's"},
-    {30411, "made under another language group than this installation's (the marks differ)"},
+    {MRV_MSG_BAD_FILE_LAYOUT, "its header does not agree with its size or layout (damaged)"},
+    {MRV_MSG_UNKNOWN_HASH, "an unknown hash type in its header"},
+    {MRV_MSG_NO_SUCH_FILE, "no such file"},
+    {MRV_MSG_SHORT_HEADER, "too short to hold a file header"},
+    {MRV_MSG_DIR_NOT_DYNAMIC, "a directory whose header is not a dynamic file's"},
+    {MRV_MSG_LANGUAGE_DIFFERS, "made under another language group than this installation's (the marks differ)"},
 };
 
 // The words for the library's last refusal, with its number for reference.

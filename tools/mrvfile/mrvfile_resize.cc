@@ -122,7 +122,7 @@ int mrvfile_resize(const Args& args) {
     return fail(path, "a key-range file keeps its layout and cannot be resized");
   }
   const int32_t type = from.hashtype;
-  const int32_t block = api_code_of_block_size(from.block_size);
+  const int32_t block = BlockSizeCode::of_bytes(from.block_size).code;
   const int32_t was = rel_is_dynamic(&from) ? from.min_modulo : from.modulo;
   if (M_create_hashed(copy.c_str(), static_cast<int32_t>(modulo), block, type, 0, nullptr) != 1) {
     M_closefile(&from);

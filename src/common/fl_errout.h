@@ -1,5 +1,8 @@
 // Error output of the file library.
 //
+// It sits among the common services, below the platform layer, because the
+// platform layer and the allocator report through it as the library does.
+//
 // M_errout prints a library error unless V__Errout is 0; M_errout_log sends
 // the same decision's text to the level logger; M_msgno_out prints a
 // numbered message of the message file in its number-only form.

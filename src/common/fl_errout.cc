@@ -1,4 +1,4 @@
-#include "flib/fl_errout.h"
+#include "common/fl_errout.h"
 
 #include <cstdarg>
 #include <cstdio>
@@ -7,6 +7,7 @@
 #include "common/init_logs.h"
 #include "common/mrv_exit.h"
 #include "common/mrv_msg.h"
+#include "common/mrv_msgno.h"
 
 int32_t V__Errout = 1;
 
@@ -22,7 +23,7 @@ std::string program_prefix(const char* layout) {
 }  // namespace
 
 int M_errout(int32_t code, const char* format, ...) {
-  M_set_last_message_number(-10000000);
+  M_set_last_message_number(MRV_MSG_UNNUMBERED);
   if (V__Errout == 0) return 0;
   va_list args;
   va_start(args, format);
@@ -33,7 +34,7 @@ int M_errout(int32_t code, const char* format, ...) {
 }
 
 int M_errout_log(int32_t code, const char* format, ...) {
-  M_set_last_message_number(-10000000);
+  M_set_last_message_number(MRV_MSG_UNNUMBERED);
   if (V__Errout == 0) return 0;
   va_list args;
   va_start(args, format);
