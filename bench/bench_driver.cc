@@ -319,7 +319,7 @@ bool open_restored(std::vector<REL_TYPE>* rels) {
   int last = recs.files.empty() ? -1 : recs.files.back();
   for (int f = 0; f <= last; ++f) {
     std::string p = (account_dir() / bench_file_name(f)).string();
-    if (M_openfile(&(*rels)[static_cast<size_t>(f)], p.c_str(), 0) != 1) {
+    if (M_openfile(&(*rels)[static_cast<size_t>(f)], p.c_str(), OpenMode::Read) != 1) {
       std::fprintf(stderr, "bench: cannot open %s\n", p.c_str());
       return false;
     }

@@ -25,7 +25,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     std::vector<std::string> findings;
     M_check_file("F", &findings);
     REL_TYPE rel;
-    if (M_openfile(&rel, "F", 0) != 1) return;
+    if (M_openfile(&rel, "F", OpenMode::Read) != 1) return;
     std::vector<std::string> keys;
     M_for_each_key(&rel, [&keys](const uint8_t* key, int32_t length, const uint8_t*, int32_t, uint32_t) {
       keys.emplace_back(reinterpret_cast<const char*>(key), static_cast<size_t>(length));

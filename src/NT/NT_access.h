@@ -7,3 +7,11 @@
 #pragma once
 
 int NT_access(const char* path, int mode);
+
+// The modes by name: whether the path is there, and whether it can be
+// opened for reading and writing.
+enum class AccessMode : int {
+  Exists = 0,
+  Write = 2,
+};
+inline int NT_access(const char* path, AccessMode mode) { return NT_access(path, static_cast<int>(mode)); }

@@ -32,21 +32,19 @@ bool remove_tree(const std::string& path) {
     }
     return true;
   }
-  NT_DIR* dir = NT_opendir(path.c_str());
-  if (dir == nullptr) {
+  ScopedDir dir(NT_opendir(path.c_str()));
+  if (dir.get() == nullptr) {
     MNT_LogError("DeleteFile or NT_RemoveFile");
     return false;
   }
-  while (NT_dirent* e = NT_readdir(dir)) {
+  while (NT_dirent* e = NT_readdir(dir.get())) {
     std::string_view name(e->d_name, e->d_namlen);
     if (name == "." || name == "..") continue;
     std::string child = path + "/" + std::string(name);
-    if (!remove_tree(child)) {
-      NT_closedir(dir);
-      return false;
-    }
+    if (!remove_tree(child)) return false;
   }
-  NT_closedir(dir);
+  // The directory goes once its scan has ended.
+  dir.reset();
   if (rmdir(path.c_str()) != 0) {
     MNT_LogError("RemoveDirectory");
     return false;
@@ -55,17 +53,14 @@ bool remove_tree(const std::string& path) {
 }
 
 bool copy_file(const char* from, const char* to, mode_t mode) {
-  int in = open(from, O_RDONLY);
-  if (in < 0) return false;
+  ScopedFd in(open(from, O_RDONLY));
+  if (!in.valid()) return false;
   int out = open(to, O_WRONLY | O_CREAT | O_TRUNC, mode & 07777);
-  if (out < 0) {
-    close(in);
-    return false;
-  }
+  if (out < 0) return false;
   char buffer[65536];
   bool ok = true;
   for (;;) {
-    ssize_t n = NT_read(in, buffer, sizeof buffer);
+    ssize_t n = NT_read(in.get(), buffer, sizeof buffer);
     if (n == 0) break;
     if (n < 0) {
       ok = false;
@@ -82,7 +77,7 @@ bool copy_file(const char* from, const char* to, mode_t mode) {
     }
     if (!ok) break;
   }
-  close(in);
+  in.reset();
   if (close(out) != 0) ok = false;
   if (ok) chmod(to, mode & 07777);
   return ok;
@@ -125,17 +120,13 @@ int NT_RemoveFile(const char* directory, const char* pattern) {
   }
   // Only the directory's entries that start with the pattern's prefix go.
   std::string_view prefix = pat.substr(0, pat.size() - 1);
-  NT_DIR* scan = NT_opendir(dir.c_str());
-  if (scan == nullptr) return 0;
-  while (NT_dirent* e = NT_readdir(scan)) {
+  ScopedDir scan(NT_opendir(dir.c_str()));
+  if (scan.get() == nullptr) return 0;
+  while (NT_dirent* e = NT_readdir(scan.get())) {
     std::string name(e->d_name, e->d_namlen);
     if (name == "." || name == ".." || name.compare(0, prefix.size(), prefix) != 0) continue;
-    if (!remove_tree(dir + name)) {
-      NT_closedir(scan);
-      return 0;
-    }
+    if (!remove_tree(dir + name)) return 0;
   }
-  NT_closedir(scan);
   return 1;
 }
 
@@ -144,23 +135,20 @@ int NT_copy_tree(const char* from, const char* to) {
   if (stat(from, &st) != 0) return -1;
   if (S_ISREG(st.st_mode)) return copy_file(from, to, st.st_mode) ? 0 : -1;
   if (!S_ISDIR(st.st_mode)) return -1;
-  NT_DIR* scan = NT_opendir(from);
-  if (scan == nullptr) return -1;
+  ScopedDir scan(NT_opendir(from));
+  if (scan.get() == nullptr) return -1;
   struct stat target;
-  if (stat(to, &target) != 0 && mkdir(to, st.st_mode & 07777) != 0) {
-    NT_closedir(scan);
-    return -1;
-  }
+  if (stat(to, &target) != 0 && mkdir(to, st.st_mode & 07777) != 0) return -1;
   // The scan's entry is shared by all scans, so names are taken out before
   // the recursion starts another one.
   std::string names;
-  while (NT_dirent* e = NT_readdir(scan)) {
+  while (NT_dirent* e = NT_readdir(scan.get())) {
     std::string_view name(e->d_name, e->d_namlen);
     if (name == "." || name == "..") continue;
     names.append(name);
     names.push_back('\0');
   }
-  NT_closedir(scan);
+  scan.reset();
   for (size_t at = 0; at < names.size();) {
     std::string name(names.c_str() + at);
     at += name.size() + 1;

@@ -7,6 +7,43 @@
 
 #include <cstdint>
 #include <sys/types.h>
+#include <unistd.h>
+
+// ---- Descriptor ownership ------------------------------------------------------
+
+// Owns a descriptor of open(2) and closes it at the end of its scope, unless
+// release() has handed it on to a longer-lived owner. A function with many
+// ways out keeps its descriptor here instead of closing it on each of them.
+// Not copyable: two owners would close one descriptor twice.
+class ScopedFd {
+ public:
+  ScopedFd() = default;
+  explicit ScopedFd(int fd) : fd_(fd) {}
+  ~ScopedFd() { reset(); }
+  ScopedFd(const ScopedFd&) = delete;
+  ScopedFd& operator=(const ScopedFd&) = delete;
+  ScopedFd(ScopedFd&& other) noexcept : fd_(other.release()) {}
+  ScopedFd& operator=(ScopedFd&& other) noexcept {
+    if (this != &other) reset(other.release());
+    return *this;
+  }
+  int get() const { return fd_; }
+  bool valid() const { return fd_ >= 0; }
+  // The descriptor, no longer owned here.
+  int release() {
+    int fd = fd_;
+    fd_ = -1;
+    return fd;
+  }
+  // Closes the descriptor held (if any) and takes `fd`.
+  void reset(int fd = -1) {
+    if (fd_ >= 0) close(fd_);
+    fd_ = fd;
+  }
+
+ private:
+  int fd_ = -1;
+};
 
 // ---- Byte-range locks ------------------------------------------------------
 
@@ -49,6 +86,25 @@ NT_DIR* NT_opendir(const char* path);
 // The entry stays valid until the next call of any scan; null at the end.
 NT_dirent* NT_readdir(NT_DIR* dir);
 int NT_closedir(NT_DIR* dir);
+
+// Owns a scan of NT_opendir and ends it at the end of its scope, or at
+// reset(). Not copyable: the scan must end exactly once.
+class ScopedDir {
+ public:
+  explicit ScopedDir(NT_DIR* dir) : dir_(dir) {}
+  ~ScopedDir() { reset(); }
+  ScopedDir(const ScopedDir&) = delete;
+  ScopedDir& operator=(const ScopedDir&) = delete;
+  NT_DIR* get() const { return dir_; }
+  // Ends the scan now.
+  void reset() {
+    if (dir_ != nullptr) NT_closedir(dir_);
+    dir_ = nullptr;
+  }
+
+ private:
+  NT_DIR* dir_;
+};
 
 // ---- File identity -----------------------------------------------------------
 

@@ -89,7 +89,7 @@ namespace {
 
 bool usable_temp_dir(const char* path) {
   struct stat st;
-  return stat(path, &st) == 0 && S_ISDIR(st.st_mode) && check_access(path, 2) == 0;
+  return stat(path, &st) == 0 && S_ISDIR(st.st_mode) && check_access(path, DirAccessMode::Write) == 0;
 }
 
 }  // namespace
@@ -143,7 +143,7 @@ void read_root() {
   struct stat st;
   if (stat(temp.c_str(), &st) != 0) root_failure("Can't access %s.\n", temp);
   if (!S_ISDIR(st.st_mode)) root_failure("%s is not a directory file.\n", temp);
-  if (check_access(temp.c_str(), 2) != 0) root_failure("Unable to access %s directory file.\n", temp);
+  if (check_access(temp.c_str(), DirAccessMode::Write) != 0) root_failure("Unable to access %s directory file.\n", temp);
   g_root_done = true;
 }
 

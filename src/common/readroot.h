@@ -34,6 +34,12 @@ std::string mrv_home_dir_if_known();
 // created in the directory, closed and deleted, so a directory that cannot
 // really take a file fails. 0 or -1.
 int check_access(const char* path, int mode);
+// The modes of check_access by name.
+enum class DirAccessMode : int {
+  LookUp = 0,
+  Write = 2,
+};
+inline int check_access(const char* path, DirAccessMode mode) { return check_access(path, static_cast<int>(mode)); }
 
 std::optional<std::string> registry_value(const char* name);
 int set_registry_value(const char* name, const char* text);

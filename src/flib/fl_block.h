@@ -58,6 +58,7 @@
 // free-list block), 8 last block; bits 4-7 are preserved when 0-3 clear.
 #pragma once
 
+#include <cassert>
 #include <cstdint>
 
 #include "flib/fl_coding.h"
@@ -100,9 +101,18 @@ inline constexpr uint32_t FL_NEXT = 0;
 inline constexpr uint32_t FL_LAST_INDEX = 4;
 inline constexpr uint32_t FL_SPACE_LEFT = 8;
 inline constexpr uint32_t FL_ENTRIES = 12;
+inline constexpr uint32_t FL_ENTRY_SIZE = 4;
 
 // Block overhead: a record of stored length up to B-12 is short.
 inline constexpr uint32_t BLOCK_OVERHEAD = 12;
+
+// The layout the formulas below rely on: the key table follows the fixed
+// fields, a row is a position word and a length word, and a data block's
+// bytes and a free-list block's entries start after the 12 bytes all blocks
+// share.
+static_assert(GB_KEY_TABLE == GB_OVER_PART + 4);
+static_assert(KEY_ENTRY_SIZE == KE_LENGTH + 4 && KE_POSITION == 0);
+static_assert(DB_DATA == BLOCK_OVERHEAD && FL_ENTRIES == BLOCK_OVERHEAD);
 
 // Flags.
 inline constexpr uint8_t FLAG_KIND_MASK = 3;
@@ -122,6 +132,7 @@ inline constexpr uint8_t FLAG_LOW_BITS = 15;
 inline constexpr uint32_t initial_datapos(uint32_t block_size) {
   return ((block_size + 512) / 1024) * 100 + 24;
 }
+static_assert(initial_datapos(512) == 124 && initial_datapos(1024) == 124 && initial_datapos(16384) == 1624);
 
 inline uint32_t gb_free_chain(const uint8_t* b) { return fl_get_u32(b, GB_FREE_CHAIN); }
 inline int16_t gb_byteleft(const uint8_t* b) { return fl_get_i16(b, GB_BYTELEFT); }
@@ -155,9 +166,23 @@ inline uint32_t ke_position(const uint8_t* b, int32_t row) { return fl_get_u32(b
 inline int32_t ke_length(const uint8_t* b, int32_t row) { return fl_get_i32(b, ke_offset(row) + KE_LENGTH); }
 inline void ke_set_position(uint8_t* b, int32_t row, uint32_t v) { fl_put_u32(b, ke_offset(row) + KE_POSITION, v); }
 inline void ke_set_length(uint8_t* b, int32_t row, int32_t v) { fl_put_i32(b, ke_offset(row) + KE_LENGTH, v); }
+// Bytes that `rows` KEY_ENTRY rows take.
+inline int32_t key_table_bytes(int32_t rows) { return static_cast<int32_t>(KEY_ENTRY_SIZE) * rows; }
 // Rows a block of size B can hold at most.
 inline int32_t max_key_rows(uint32_t block_size) {
   return static_cast<int32_t>((block_size - GB_KEY_TABLE) / KEY_ENTRY_SIZE);
+}
+
+// FREE_LIST_BLOCK entries. REQUIRES: 0 <= i < free_list_capacity(B).
+inline uint32_t free_list_entry_offset(int32_t i) {
+  assert(i >= 0);
+  return FL_ENTRIES + FL_ENTRY_SIZE * static_cast<uint32_t>(i);
+}
+inline uint32_t free_list_entry(const uint8_t* b, int32_t i) { return fl_get_u32(b, free_list_entry_offset(i)); }
+inline void free_list_set_entry(uint8_t* b, int32_t i, uint32_t v) { fl_put_u32(b, free_list_entry_offset(i), v); }
+// Entries a FREE_LIST_BLOCK of size B can hold at most.
+inline int32_t free_list_capacity(uint32_t block_size) {
+  return static_cast<int32_t>((block_size - FL_ENTRIES) / FL_ENTRY_SIZE);
 }
 
 // The block that holds a record: position minus its in-block offset, with

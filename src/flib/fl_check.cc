@@ -262,7 +262,7 @@ struct Checker {
     if (h.stack_count < 0 || h.stack_count > h.stack_capacity)
       add("over%03u: stack count %d", number, h.stack_count);
     for (int32_t i = 0; i < std::min<int32_t>(h.stack_count, overflow_stack_capacity(b)); ++i) {
-      uint32_t entry = fl_get_u32(block, OH_STACK + 4 * static_cast<uint32_t>(i));
+      uint32_t entry = oh_stack_entry(block, i);
       if (!addr_is_overflow(entry) || !address_in_file(entry) || addr_part_index(entry) != number - 1)
         add("over%03u: free stack entry %d is 0X%X", number, i, entry);
       else
@@ -299,14 +299,14 @@ struct Checker {
       if ((gb_flags(block) & FLAG_LOW_BITS) != FLAG_FREE_LIST)
         add("over%03u: free list block 0X%X has flags %u", number, list, gb_flags(block));
       int32_t last = fl_get_i16(block, FL_LAST_INDEX);
-      if (last < 0 || FL_ENTRIES + 4 * static_cast<uint32_t>(last) + 4 > b) {
+      if (last < 0 || last >= free_list_capacity(b)) {
         add("over%03u: free list block 0X%X has last index %d", number, list, last);
         return;
       }
-      if (fl_get_u32(block, FL_ENTRIES + 4 * static_cast<uint32_t>(last)) != list)
+      if (free_list_entry(block, last) != list)
         add("over%03u: free list block 0X%X does not end with itself", number, list);
       for (int32_t i = 0; i < last; ++i) {
-        uint32_t entry = fl_get_u32(block, FL_ENTRIES + 4 * static_cast<uint32_t>(i));
+        uint32_t entry = free_list_entry(block, i);
         if (!address_in_file(entry) || addr_part_index(entry) != number - 1)
           add("over%03u: free list block 0X%X entry %d is 0X%X", number, list, i, entry);
         else
@@ -339,7 +339,7 @@ struct Checker {
 
 int M_check_file(const char* path, std::vector<std::string>* findings) {
   REL_TYPE rel;
-  if (M_openfile(&rel, path, 0) != 1) {
+  if (M_openfile(&rel, path, OpenMode::Read) != 1) {
     findings->push_back(std::string(path) + ": the file does not open");
     return 1;
   }

@@ -53,8 +53,10 @@ void remove_new_file(const REL_TYPE* rel) {
     unlink(rel->path);
 }
 
-int initfile_error(const REL_TYPE* rel, const char* cause, int part_fd) {
-  if (part_fd >= 0) close(part_fd);
+// Closes the part being written (when there is one), reports, and removes
+// the new file. 0.
+int initfile_error(const REL_TYPE* rel, const char* cause, ScopedFd* part = nullptr) {
+  if (part != nullptr) part->reset();
   M_file_error(rel, "M_initfile", cause, nullptr, 0, rel->modulo);
   remove_new_file(rel);
   return 0;
@@ -95,6 +97,104 @@ int create_part_error(REL_TYPE* rel, const char* function, const char* cause, in
   return M_file_error(rel, function, cause, nullptr, 0, rel->modulo);
 }
 
+// Writes the head block of every group: into `fd` (dat001, or the static
+// file) and, for the groups past the first part, into further primary parts
+// that each start with a copy of `h`. The number of primary parts, or 0
+// after a report (the new file is gone then).
+int32_t write_group_heads(REL_TYPE* rel, int fd, const FileHeader& h, int32_t groups_per_part, int32_t spread) {
+  const uint32_t b = rel->block_size;
+  const int32_t modulo = rel->modulo;
+  // Later primary parts start with a copy of the header.
+  FileHeader copy = h;
+  uint8_t block[MAX_BLOCK_SIZE] = {};
+  uint8_t head[MAX_BLOCK_SIZE] = {};
+  uint32_t d = initial_datapos(b);
+  gb_set_byteleft(head, static_cast<int16_t>(b - d));
+  gb_set_datapos(head, static_cast<int16_t>(d));
+  gb_set_flags(head, FLAG_HEAD);
+  gb_set_hashtype(head, static_cast<uint8_t>(rel->hashtype));
+  gb_set_time(head, time_stamp());
+
+  // The part being written when it is not `fd`; closed when its last group
+  // head is written.
+  ScopedFd part;
+  int32_t first_group = 0;
+  int32_t primary_parts = 1;
+  // Group heads are consecutive blocks of their part: they are gathered and
+  // written in runs of up to kCreateRun bytes.
+  std::vector<uint8_t> run;
+  off_t run_offset = 0;
+  auto write_run = [&]() {
+    if (run.empty()) return 0;
+    int r = write_waiting(part.valid() ? part.get() : fd, run.data(), run.size(), run_offset);
+    run.clear();
+    return r;
+  };
+  for (int32_t g = 0; g < modulo; ++g) {
+    if (g > 0 && g % groups_per_part == 0) {
+      copy.first_group = g;
+      first_group = g;
+      ++primary_parts;
+      char path[REL_NAME_SIZE + 16];
+      M_part_path(rel, static_cast<uint32_t>(g / groups_per_part + 1), path, sizeof path);
+      uint32_t size = static_cast<uint32_t>(std::min(modulo - g + 1, groups_per_part)) * b;
+      part.reset(layout_part(rel, path, size));
+      if (!part.valid()) return initfile_error(rel, "M_create_part_file");
+      std::memset(block, 0, b);
+      encode_file_header(copy, block);
+      if (write_waiting(part.get(), block, b, 0) != 0) return initfile_error(rel, "write", &part);
+    }
+    gb_set_over_part(head, spread_part(spread, g, groups_per_part, modulo));
+    gb_set_group(head, static_cast<uint32_t>(g));
+    if (run.empty()) run_offset = static_cast<off_t>(g - first_group + 1) * b;
+    run.insert(run.end(), head, head + b);
+    bool last_of_part = g + 1 == modulo || (g + 1) % groups_per_part == 0;
+    if ((last_of_part || run.size() + b > kCreateRun) && write_run() != 0)
+      return initfile_error(rel, "write", &part);
+    if (last_of_part) part.reset();
+  }
+  return primary_parts;
+}
+
+// Writes the OVERFLOW_HEADER of each overflow part of a new dynamic file,
+// with the live state in over001's. 1, or 0 after a report (the new file is
+// gone then).
+int write_overflow_headers(REL_TYPE* rel, const FileHeader& h, int32_t groups_per_part, int32_t primary_parts,
+                           int32_t overflow_parts) {
+  const uint32_t b = rel->block_size;
+  const int32_t modulo = rel->modulo;
+  OverflowHeader oh;
+  oh.primary_parts = static_cast<uint16_t>(primary_parts);
+  oh.overflow_parts = static_cast<uint16_t>(overflow_parts);
+  oh.next_block = b;
+  oh.modulo = static_cast<uint32_t>(modulo);
+  oh.min_modulo = static_cast<uint32_t>(modulo);
+  bool key_range_groups = hash_is_key_range(rel->hashtype) && modulo != 0;
+  int32_t split_setting = 0;
+  int32_t merge_setting = 0;
+  M_load_settings(rel->hashtype, &split_setting, &merge_setting);
+  int32_t split = key_range_groups ? 100 : rel->split_load != 0 ? rel->split_load : split_setting;
+  int32_t merge = key_range_groups ? 0 : rel->merge_load != 0 ? rel->merge_load : merge_setting;
+  oh.split_load = static_cast<uint8_t>(std::clamp(split, 0, 255));
+  oh.merge_load = static_cast<uint8_t>(std::clamp(merge, 0, MAX_MERGE_LOAD));
+  oh.max_flength = h.max_flength;
+  oh.grp_free_blk = static_cast<int16_t>(M_cfg_grp_free_blk());
+  oh.stack_capacity = static_cast<int16_t>(overflow_stack_capacity(b));
+  oh.stack_count = 0;
+  uint8_t block[MAX_BLOCK_SIZE] = {};
+  for (int32_t p = 1; p <= overflow_parts; ++p) {
+    char path[REL_NAME_SIZE + 16];
+    M_part_path(rel, static_cast<uint32_t>(p) | PART_OVERFLOW, path, sizeof path);
+    uint32_t size = static_cast<uint32_t>(std::min(modulo + 1, groups_per_part)) * b;
+    ScopedFd over_fd(layout_part(rel, path, size));
+    if (!over_fd.valid()) return initfile_error(rel, "M_create_part_file");
+    std::memset(block, 0, b);
+    encode_overflow_header(oh, block);
+    if (write_waiting(over_fd.get(), block, b, 0) != 0) return initfile_error(rel, "write", &over_fd);
+  }
+  return 1;
+}
+
 }  // namespace
 
 void M_load_settings(int32_t hashtype, int32_t* split_load, int32_t* merge_load) {
@@ -130,7 +230,7 @@ int M_initfile(int fd, REL_TYPE* rel) {
     h.format = FORMAT_STATIC;
     if ((static_cast<int64_t>(modulo) + 1) * k > MAX_STATIC_KBLOCKS) {
       errno = EFBIG;
-      return initfile_error(rel, "write", -1);
+      return initfile_error(rel, "write");
     }
   } else {
     h.format = FORMAT_DYNAMIC;
@@ -146,90 +246,13 @@ int M_initfile(int fd, REL_TYPE* rel) {
 
   uint8_t block[MAX_BLOCK_SIZE] = {};
   encode_file_header(h, block);
-  if (write_waiting(fd, block, b, 0) != 0) return initfile_error(rel, "write", -1);
-
-  // Later primary parts start with a copy of the header.
-  FileHeader copy = h;
-  uint8_t head[MAX_BLOCK_SIZE] = {};
-  uint32_t d = initial_datapos(b);
-  gb_set_byteleft(head, static_cast<int16_t>(b - d));
-  gb_set_datapos(head, static_cast<int16_t>(d));
-  gb_set_flags(head, FLAG_HEAD);
-  gb_set_hashtype(head, static_cast<uint8_t>(rel->hashtype));
-  gb_set_time(head, time_stamp());
-
-  int part_fd = fd;
-  int32_t first_group = 0;
-  int32_t primary_parts = 1;
-  // Group heads are consecutive blocks of their part: they are gathered and
-  // written in runs of up to kCreateRun bytes.
-  std::vector<uint8_t> run;
-  off_t run_offset = 0;
-  auto write_run = [&]() {
-    if (run.empty()) return 0;
-    int r = write_waiting(part_fd, run.data(), run.size(), run_offset);
-    run.clear();
-    return r;
-  };
-  for (int32_t g = 0; g < modulo; ++g) {
-    if (g > 0 && g % groups_per_part == 0) {
-      copy.first_group = g;
-      first_group = g;
-      ++primary_parts;
-      char path[REL_NAME_SIZE + 16];
-      M_part_path(rel, static_cast<uint32_t>(g / groups_per_part + 1), path, sizeof path);
-      uint32_t size = static_cast<uint32_t>(std::min(modulo - g + 1, groups_per_part)) * b;
-      part_fd = layout_part(rel, path, size);
-      if (part_fd < 0) return initfile_error(rel, "M_create_part_file", -1);
-      std::memset(block, 0, b);
-      encode_file_header(copy, block);
-      if (write_waiting(part_fd, block, b, 0) != 0) return initfile_error(rel, "write", part_fd);
-    }
-    gb_set_over_part(head, spread_part(spread, g, groups_per_part, modulo));
-    gb_set_group(head, static_cast<uint32_t>(g));
-    if (run.empty()) run_offset = static_cast<off_t>(g - first_group + 1) * b;
-    run.insert(run.end(), head, head + b);
-    bool last_of_part = g + 1 == modulo || (g + 1) % groups_per_part == 0;
-    if ((last_of_part || run.size() + b > kCreateRun) && write_run() != 0)
-      return initfile_error(rel, "write", part_fd != fd ? part_fd : -1);
-    if (last_of_part && part_fd != fd) {
-      close(part_fd);
-      part_fd = fd;
-    }
-  }
+  if (write_waiting(fd, block, b, 0) != 0) return initfile_error(rel, "write");
+  int32_t primary_parts = write_group_heads(rel, fd, h, groups_per_part, spread);
+  if (primary_parts == 0) return 0;
   rel->primary.assign(static_cast<size_t>(primary_parts), PartEntry{});
   if (!dynamic) return 1;
-
   int32_t overflow_parts = overflow_part_count(spread, primary_parts);
-  OverflowHeader oh;
-  oh.primary_parts = static_cast<uint16_t>(primary_parts);
-  oh.overflow_parts = static_cast<uint16_t>(overflow_parts);
-  oh.next_block = b;
-  oh.modulo = static_cast<uint32_t>(modulo);
-  oh.min_modulo = static_cast<uint32_t>(modulo);
-  bool key_range_groups = hash_is_key_range(rel->hashtype) && modulo != 0;
-  int32_t split_setting = 0;
-  int32_t merge_setting = 0;
-  M_load_settings(rel->hashtype, &split_setting, &merge_setting);
-  int32_t split = key_range_groups ? 100 : rel->split_load != 0 ? rel->split_load : split_setting;
-  int32_t merge = key_range_groups ? 0 : rel->merge_load != 0 ? rel->merge_load : merge_setting;
-  oh.split_load = static_cast<uint8_t>(std::clamp(split, 0, 255));
-  oh.merge_load = static_cast<uint8_t>(std::clamp(merge, 0, MAX_MERGE_LOAD));
-  oh.max_flength = h.max_flength;
-  oh.grp_free_blk = static_cast<int16_t>(M_cfg_grp_free_blk());
-  oh.stack_capacity = static_cast<int16_t>(overflow_stack_capacity(b));
-  oh.stack_count = 0;
-  for (int32_t p = 1; p <= overflow_parts; ++p) {
-    char path[REL_NAME_SIZE + 16];
-    M_part_path(rel, static_cast<uint32_t>(p) | PART_OVERFLOW, path, sizeof path);
-    uint32_t size = static_cast<uint32_t>(std::min(modulo + 1, groups_per_part)) * b;
-    int over_fd = layout_part(rel, path, size);
-    if (over_fd < 0) return initfile_error(rel, "M_create_part_file", -1);
-    std::memset(block, 0, b);
-    encode_overflow_header(oh, block);
-    if (write_waiting(over_fd, block, b, 0) != 0) return initfile_error(rel, "write", over_fd);
-    close(over_fd);
-  }
+  if (write_overflow_headers(rel, h, groups_per_part, primary_parts, overflow_parts) != 1) return 0;
   rel->overflow.assign(static_cast<size_t>(overflow_parts), PartEntry{});
   return 1;
 }
@@ -263,7 +286,8 @@ int write_file_header(REL_TYPE* rel, uint32_t part) {
 int update_file_info(REL_TYPE* rel, int what) {
   if (rel->sfd == nullptr) return -1;
   uint8_t block[MAX_BLOCK_SIZE];
-  if (M_lock_block(rel, ADDR_OVERFLOW, LOCK_EXCLUSIVE) != 0)
+  BlockLock lock(rel);
+  if (!lock.take(ADDR_OVERFLOW, LOCK_EXCLUSIVE))
     return M_file_error(rel, "update_file_info", "M_mrvlockf", nullptr, 0, what);
   int result = M_blkread(rel, ADDR_OVERFLOW, block, CHECK_NONE) == 1 ? 0 : -1;
   if (result == 0) {
@@ -280,7 +304,7 @@ int update_file_info(REL_TYPE* rel, int what) {
     }
     result = M_blkwrite(rel, ADDR_OVERFLOW, block) == 1 ? 0 : -1;
   }
-  M_unlock_block(rel, ADDR_OVERFLOW);
+  lock.release();
   if (result != 0) M_file_error(rel, "update_file_info", nullptr, nullptr, 0, what);
   return result;
 }
@@ -373,7 +397,7 @@ int create_overflow_part_file(REL_TYPE* rel, int wait) {
 
 int M_create_hashed(const char* path, int32_t modulo, int32_t block, int32_t type, int32_t verbose,
                     const char* part_table) {
-  if (NT_access(path, 0) == 0) {
+  if (NT_access(path, AccessMode::Exists) == 0) {
     M_msgno_out(MRV_MSG_PATH_EXISTS, "%s", path);
     return 0;
   }
@@ -385,10 +409,10 @@ int M_create_hashed(const char* path, int32_t modulo, int32_t block, int32_t typ
   rel.modulo = modulo;
   rel.hashtype = static_cast<int16_t>(type);
   rel.block_size = b;
-  int fd;
+  ScopedFd fd;
   if (!hash_is_dynamic(type)) {
-    fd = open(path, O_RDWR | O_CREAT, 0666);
-    if (fd < 0) {
+    fd.reset(open(path, O_RDWR | O_CREAT, 0666));
+    if (!fd.valid()) {
       M_msgno_out(MRV_MSG_CREATE_FAILED, "%s", path);
       return 0;
     }
@@ -405,23 +429,22 @@ int M_create_hashed(const char* path, int32_t modulo, int32_t block, int32_t typ
     char first[REL_NAME_SIZE + 16];
     M_part_path(&rel, 1, first, sizeof first);
     uint32_t device = 0;
-    fd = M_create_part_file(&rel, first, &device, static_cast<uint32_t>(blocks * b), 0);
-    if (fd < 0) {
+    fd.reset(M_create_part_file(&rel, first, &device, static_cast<uint32_t>(blocks * b), 0));
+    if (!fd.valid()) {
       M_msgno_out(MRV_MSG_CREATE_FAILED, "%s", path);
       NT_RemoveFile(path, "");
       return 0;
     }
   }
-  if (M_initfile(fd, &rel) != 1) {
+  if (M_initfile(fd.get(), &rel) != 1) {
     // M_initfile has removed what it made.
-    close(fd);
+    fd.reset();
     M_msgno_out(MRV_MSG_INIT_FAILED, "%s", path);
     return 0;
   }
   // No sync: like every other write of the library, the new file reaches
   // the disk through the page cache. A sync here cost a restore one disk
   // flush per file made, and guarded nothing that the load after it does
-  // not leave to the page cache anyway.
-  close(fd);
+  // not leave to the page cache anyway. The descriptor closes here.
   return 1;
 }

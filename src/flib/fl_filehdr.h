@@ -50,6 +50,9 @@ inline constexpr uint32_t FH_DELETE_TRIGGER = 288;
 inline constexpr uint32_t FH_TRIGGER_SIZE = 32;
 // The part of block 0 that open reads.
 inline constexpr uint32_t FH_READ_SIZE = 512;
+// Every field lies in the part read at open.
+static_assert(FH_DELETE_TRIGGER + FH_TRIGGER_SIZE <= FH_READ_SIZE);
+static_assert(FH_UPDATE_TRIGGER + FH_TRIGGER_SIZE == FH_DELETE_TRIGGER);
 
 inline constexpr int32_t HASH_DYNAMIC = 64;
 inline constexpr int32_t HASH_KEYDATA = 32;
@@ -123,6 +126,8 @@ static_assert(BlockSizeCode{BlockSizeCode::kMax}.bytes() == MAX_BLOCK_SIZE);
 static_assert(BlockSizeCode::of_bytes(BlockSizeCode{0}.bytes()).code == 0 &&
               BlockSizeCode::of_bytes(BlockSizeCode{BlockSizeCode::kMax}.bytes()).code == BlockSizeCode::kMax);
 static_assert(BlockSizeCode{0}.stored() == -1 && BlockSizeCode::of_stored(15).bytes() == 16384);
+// The part of block 0 read at open is there in the smallest block.
+static_assert(FH_READ_SIZE <= BlockSizeCode{0}.bytes());
 
 // B of a stored code; 0 for a code outside -1..15.
 uint32_t block_size_of_code(int32_t code);

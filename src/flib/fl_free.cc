@@ -39,8 +39,6 @@ constexpr int64_t kNoHeaderLock = -3;
 // byte 0 for its end-of-file lock).
 int64_t g_header_lock = kNoHeaderLock;
 
-uint32_t entry_of(const uint8_t* b, int32_t i) { return fl_get_u32(b, FL_ENTRIES + 4 * static_cast<uint32_t>(i)); }
-
 void start_buffer(const REL_TYPE* rel, uint32_t address) {
   uint32_t b = rel->block_size;
   g_release.image.assign(b, 0);
@@ -49,7 +47,7 @@ void start_buffer(const REL_TYPE* rel, uint32_t address) {
   gb_set_hashtype(img, static_cast<uint8_t>(rel->hashtype));
   fl_put_u32(img, FL_SPACE_LEFT, b - kFreeListReserve);
   fl_put_i16(img, FL_LAST_INDEX, 0);
-  fl_put_u32(img, FL_ENTRIES, address);
+  free_list_set_entry(img, 0, address);
   g_release.active = true;
 }
 
@@ -60,38 +58,38 @@ int drain(REL_TYPE* rel) {
   const char* fn = "M_release_to_file";
   uint8_t* img = g_release.image.data();
   int32_t last = fl_get_i16(img, FL_LAST_INDEX);
-  uint32_t header = ADDR_OVERFLOW | addr_part_index(entry_of(img, last));
-  bool held = g_header_lock == static_cast<int64_t>(header);
-  if (!held && M_lock_block(rel, header, LOCK_EXCLUSIVE) != 0)
+  uint32_t header = ADDR_OVERFLOW | addr_part_index(free_list_entry(img, last));
+  // The header lock is taken here unless the running operation holds it.
+  BlockLock lock(rel);
+  if (g_header_lock != static_cast<int64_t>(header) && !lock.take(header, LOCK_EXCLUSIVE))
     return M_file_error(rel, fn, "M_mrvlockf", nullptr, 0, 0);
   uint8_t block[MAX_BLOCK_SIZE];
   if (M_blkread(rel, header, block, CHECK_NONE) != 1) {
-    if (!held) M_unlock_block(rel, header);
+    lock.release();
     return M_file_error(rel, fn, nullptr, nullptr, 0, 0);
   }
   OverflowHeader h = decode_overflow_header(block);
   int32_t capacity = overflow_stack_capacity(rel->block_size);
   int32_t count = std::clamp<int32_t>(h.stack_count, 0, capacity);
   while (last >= 0 && count < capacity) {
-    fl_put_u32(block, OH_STACK + 4 * static_cast<uint32_t>(count++), entry_of(img, last--));
+    oh_set_stack_entry(block, count++, free_list_entry(img, last--));
     ++h.free_count;
   }
   h.stack_count = static_cast<int16_t>(count);
   int result = 0;
   if (last >= 0) {
-    uint32_t self = entry_of(img, last);
+    uint32_t self = free_list_entry(img, last);
     fl_put_u32(img, FL_NEXT, h.free_head);
     fl_put_i16(img, FL_LAST_INDEX, static_cast<int16_t>(last));
-    fl_put_u32(img, FL_SPACE_LEFT, rel->block_size - kFreeListReserve - 4 * static_cast<uint32_t>(last));
-    std::memset(img + FL_ENTRIES + 4 * static_cast<uint32_t>(last + 1), 0,
-                rel->block_size - FL_ENTRIES - 4 * static_cast<uint32_t>(last + 1));
+    fl_put_u32(img, FL_SPACE_LEFT, rel->block_size - kFreeListReserve - FL_ENTRY_SIZE * static_cast<uint32_t>(last));
+    std::memset(img + free_list_entry_offset(last + 1), 0, rel->block_size - free_list_entry_offset(last + 1));
     h.free_head = self;
     h.free_count += static_cast<uint32_t>(last + 1);
     if (M_blkwrite(rel, self, img) != 1) result = -1;
   }
   encode_overflow_header(h, block);
   if (result == 0 && M_blkwrite(rel, header, block) != 1) result = -1;
-  if (!held) M_unlock_block(rel, header);
+  lock.release();
   g_release.active = false;
   if (result != 0) M_file_error(rel, fn, nullptr, nullptr, 0, 0);
   return result;
@@ -111,10 +109,10 @@ int M_release_to_file(REL_TYPE* rel, uint32_t address) {
   uint8_t* img = g_release.image.data();
   int32_t last = fl_get_i16(img, FL_LAST_INDEX);
   uint32_t space = fl_get_u32(img, FL_SPACE_LEFT);
-  if (address != 0 && same_part(address, entry_of(img, 0)) && space > 4) {
-    fl_put_u32(img, FL_ENTRIES + 4 * static_cast<uint32_t>(last + 1), address);
+  if (address != 0 && same_part(address, free_list_entry(img, 0)) && space > FL_ENTRY_SIZE) {
+    free_list_set_entry(img, last + 1, address);
     fl_put_i16(img, FL_LAST_INDEX, static_cast<int16_t>(last + 1));
-    fl_put_u32(img, FL_SPACE_LEFT, space - 4);
+    fl_put_u32(img, FL_SPACE_LEFT, space - FL_ENTRY_SIZE);
     return 0;
   }
   int result = drain(rel);
@@ -287,38 +285,30 @@ bool M_block_stack_open() { return g_stack.open; }
 void next_free_blocks(uint32_t block_size, uint8_t* header, const uint8_t* list_block) {
   int32_t last = fl_get_i16(list_block, FL_LAST_INDEX);
   int32_t capacity = overflow_stack_capacity(block_size);
-  last = std::clamp<int32_t>(last, 0, static_cast<int32_t>((block_size - FL_ENTRIES) / 4) - 1);
+  last = std::clamp<int32_t>(last, 0, free_list_capacity(block_size) - 1);
   int32_t count = std::clamp<int32_t>(fl_get_i16(header, OH_STACK_COUNT), 0, capacity);
   // Entries 0..last-1 are free blocks; entry `last` is the list block itself.
   for (int32_t i = 0; i < last && count < capacity; ++i)
-    fl_put_u32(header, OH_STACK + 4 * static_cast<uint32_t>(count++), entry_of(list_block, i));
+    oh_set_stack_entry(header, count++, free_list_entry(list_block, i));
   fl_put_i16(header, OH_STACK_COUNT, static_cast<int16_t>(count));
   fl_put_u32(header, OH_FREE_HEAD, fl_get_u32(list_block, FL_NEXT));
 }
 
-int get_free_blocks(REL_TYPE* rel, int32_t count, int charge) {
-  const char* fn = "get_free_blocks";
+namespace {
+
+// Reserves `need` blocks of the overflow part `part_index`, header at `header`:
+// from its free stack and chain, the rest from the end of the part. The
+// header lock is kept for M_check_file_lock when the whole need is served
+// and ends here otherwise, before the caller reports. 0, FREE_NO_ROOM, or
+// -1 with the cause in *cause (null when the failing routine said it).
+int reserve_in_part(REL_TYPE* rel, uint32_t part_index, uint32_t header, uint32_t need, int charge,
+                    const char** cause) {
   uint32_t b = bsize(rel);
-  g_stack.entries.clear();
-  g_stack.top = 0;
-  g_stack.first_new = g_stack.next_new = g_stack.end_new = 0;
-  // The group list serves first when it lies in this part.
-  uint32_t part_index = static_cast<uint32_t>(rel->over_current) - 1;
-  uint32_t need = static_cast<uint32_t>(std::max(count, 0));
-  g_stack.group_reserved = 0;
-  if (g_stack.list_head != 0 && addr_part_index(g_stack.list_head) == part_index) {
-    g_stack.group_reserved = std::min<uint32_t>(need, static_cast<uint32_t>(g_stack.list_count));
-    need -= g_stack.group_reserved;
-  }
-  if (need == 0) return 0;
-  uint32_t header = header_address(rel);
+  BlockLock lock(rel);
   // A part whose header cannot be locked has no room for this operation.
-  if (M_lock_block(rel, header, LOCK_EXCLUSIVE) != 0) return FREE_NO_ROOM;
+  if (!lock.take(header, LOCK_EXCLUSIVE)) return FREE_NO_ROOM;
   uint8_t hb[MAX_BLOCK_SIZE];
-  if (M_blkread(rel, header, hb, CHECK_NONE) != 1) {
-    M_unlock_block(rel, header);
-    return M_file_error(rel, fn, nullptr, nullptr, 0, static_cast<int32_t>(M_groupno));
-  }
+  if (M_blkread(rel, header, hb, CHECK_NONE) != 1) return -1;
   OverflowHeader h = decode_overflow_header(hb);
   int32_t capacity = overflow_stack_capacity(b);
   h.stack_count = static_cast<int16_t>(std::clamp<int32_t>(h.stack_count, 0, capacity));
@@ -333,16 +323,16 @@ int get_free_blocks(REL_TYPE* rel, int32_t count, int charge) {
   while (reuse && taken.size() < need) {
     int16_t top = fl_get_i16(hb, OH_STACK_COUNT);
     if (top > 0) {
-      taken.push_back(fl_get_u32(hb, OH_STACK + 4 * static_cast<uint32_t>(top - 1)));
-      fl_put_u32(hb, OH_STACK + 4 * static_cast<uint32_t>(top - 1), 0);
+      taken.push_back(oh_stack_entry(hb, top - 1));
+      oh_set_stack_entry(hb, top - 1, 0);
       fl_put_i16(hb, OH_STACK_COUNT, static_cast<int16_t>(top - 1));
     } else {
       uint32_t list = fl_get_u32(hb, OH_FREE_HEAD);
       if (list == 0) break;
       uint8_t lb[MAX_BLOCK_SIZE];
       if (addr_part_index(list) != part_index || M_blkread(rel, list, lb, CHECK_NONE) != 1) {
-        M_unlock_block(rel, header);
-        return alloc_error(rel, fn, "free list");
+        *cause = "free list";
+        return -1;
       }
       next_free_blocks(b, hb, lb);
       taken.push_back(list);
@@ -355,30 +345,44 @@ int get_free_blocks(REL_TYPE* rel, int32_t count, int charge) {
     int64_t end = part_end(rel, header);
     int64_t limit = h.max_flength != 0 ? h.max_flength : M_cfg_max_flength();
     if (end < 0 || end + static_cast<int64_t>(rest) * b > limit ||
-        end + static_cast<int64_t>(rest) * b > static_cast<int64_t>(ADDR_OFFSET_MASK)) {
-      M_unlock_block(rel, header);
+        end + static_cast<int64_t>(rest) * b > static_cast<int64_t>(ADDR_OFFSET_MASK))
       return FREE_NO_ROOM;
-    }
     if (charge != 0 && rel->space_cell != nullptr) {
       uint32_t units = static_cast<uint32_t>((static_cast<uint64_t>(rest) * b) / 512);
-      if (*rel->space_cell <= rel->space_reserved + units) {
-        M_unlock_block(rel, header);
-        return FREE_NO_ROOM;
-      }
+      if (*rel->space_cell <= rel->space_reserved + units) return FREE_NO_ROOM;
       *rel->space_cell -= units;
     }
     g_stack.first_new = make_addr(true, static_cast<uint32_t>(end), part_index);
     g_stack.next_new = g_stack.first_new;
     g_stack.end_new = g_stack.first_new + rest * b;
   }
-  if (!taken.empty() && M_blkwrite(rel, header, hb) != 1) {
-    M_unlock_block(rel, header);
-    return M_file_error(rel, fn, nullptr, nullptr, 0, static_cast<int32_t>(M_groupno));
-  }
+  if (!taken.empty() && M_blkwrite(rel, header, hb) != 1) return -1;
   g_stack.entries = std::move(taken);
   g_stack.top = g_stack.entries.size();
+  lock.keep();
   g_header_lock = header;
   return 0;
+}
+
+}  // namespace
+
+int get_free_blocks(REL_TYPE* rel, int32_t count, int charge) {
+  g_stack.entries.clear();
+  g_stack.top = 0;
+  g_stack.first_new = g_stack.next_new = g_stack.end_new = 0;
+  // The group list serves first when it lies in this part.
+  uint32_t part_index = static_cast<uint32_t>(rel->over_current) - 1;
+  uint32_t need = static_cast<uint32_t>(std::max(count, 0));
+  g_stack.group_reserved = 0;
+  if (g_stack.list_head != 0 && addr_part_index(g_stack.list_head) == part_index) {
+    g_stack.group_reserved = std::min<uint32_t>(need, static_cast<uint32_t>(g_stack.list_count));
+    need -= g_stack.group_reserved;
+  }
+  if (need == 0) return 0;
+  const char* cause = nullptr;
+  int r = reserve_in_part(rel, part_index, header_address(rel), need, charge, &cause);
+  if (r < 0) return alloc_error(rel, "get_free_blocks", cause);
+  return r;
 }
 
 int search_avail_part_file(REL_TYPE* rel, int32_t count, uint8_t* block, int32_t own_count) {

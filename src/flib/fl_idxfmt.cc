@@ -1,6 +1,7 @@
 #include "flib/fl_idxfmt.h"
 
 #include <algorithm>
+#include <cassert>
 #include <cstring>
 
 #include "common/fl_errout.h"
@@ -305,8 +306,9 @@ int32_t encoded_entries_size(const std::vector<KeyEntry>& entries, bool leaf, bo
 
 void encode_node(uint8_t* node, uint32_t node_size, const NodeHead& head, const std::vector<KeyEntry>& entries,
                  bool compressed) {
-  std::memset(node, 0, node_size);
   bool leaf = head.is_leaf != 0;
+  assert(encoded_entries_size(entries, leaf, compressed) <= static_cast<int32_t>(node_size - ND_KEYS));
+  std::memset(node, 0, node_size);
   uint32_t at = ND_KEYS;
   const std::string* previous = nullptr;
   for (const KeyEntry& e : entries) {

@@ -147,7 +147,7 @@ IndexVersionLock::IndexVersionLock(IndexState* h, uint32_t part) : fd_(part_fd(h
 }
 
 IndexVersionLock::~IndexVersionLock() {
-  if (fd_ >= 0) M_idx_lockf(fd_, 0);
+  if (fd_ >= 0) M_idx_lockf(fd_, LOCK_NONE);
 }
 
 IndexRangeLock::IndexRangeLock(IndexState* h, uint32_t address, int32_t mode) {
@@ -225,36 +225,19 @@ int M_idx_write(IndexState* h, uint32_t address, const uint8_t* buffer, uint32_t
   }
 }
 
-int M_open_index(REL_TYPE* rel) {
-  bool dynamic = rel_is_dynamic(rel);
-  std::string first = M_index_path(rel->path, dynamic, 0);
-  if (access(first.c_str(), F_OK) != 0) return 0;
-  auto h = std::make_unique<IndexState>();
-  h->data_path = rel->path;
-  h->writable = rel->open_mode != 0;
-  IndexHead head;
-  if (read_part_head(h.get(), 0, &head) < 0) {
-    for (int fd : h->part_fds)
-      if (fd >= 0) close(fd);
-    return -1;
-  }
-  auto fail = [&](const char* what) {
-    M_errout(0, what, first.c_str());
-    for (int fd : h->part_fds)
-      if (fd >= 0) close(fd);
-    return -1;
-  };
-  if (!index_head_valid(head)) return fail("Index: %s has damaged master head\n");
-  h->node_size = idx_block_size(head.node_code);
-  // The entries, along the entry block chain, and the slot map.
-  std::vector<uint8_t> block(h->node_size);
+namespace {
+
+// Reads the live entries of the index file along its entry block chain into
+// h->rows, numbering every slot, deleted ones too. False when the chain or
+// an entry is damaged.
+bool read_index_entries(IndexState* h, const IndexHead& head, std::vector<uint8_t>& block) {
   uint32_t address = 0;
   uint32_t ordinal = 0;
   std::vector<uint32_t> seen;
   while (address != IDX_NONE) {
-    if (std::find(seen.begin(), seen.end(), address) != seen.end()) return fail("Index: %s has damaged index entries\n");
+    if (std::find(seen.begin(), seen.end(), address) != seen.end()) return false;
     seen.push_back(address);
-    if (M_idx_read(h.get(), address, block.data(), h->node_size) < 0) return fail("Index: %s has damaged index entries\n");
+    if (M_idx_read(h, address, block.data(), h->node_size) < 0) return false;
     bool block0 = address == 0;
     uint32_t start = block0 ? IE_FIRST_IN_BLOCK0 : CHAIN_HEAD;
     bool ended = false;
@@ -268,7 +251,7 @@ int M_open_index(REL_TYPE* rel) {
       if (entry_slot_is_deleted(p)) continue;
       IndexRow row;
       row.entry = decode_index_entry(p);
-      if (!index_entry_valid(row.entry)) return fail("Index: %s has damaged index entries\n");
+      if (!index_entry_valid(row.entry)) return false;
       row.entry_block = address;
       row.entry_offset = start + i * IE_SIZE;
       row.ordinal = ordinal;
@@ -277,14 +260,19 @@ int M_open_index(REL_TYPE* rel) {
     if (ended) break;
     address = block0 ? head.next_entry_block : fl_get_u32(block.data(), 0);
   }
-  // Slot n of the map holds the ordinal of index number n.
-  address = head.slot_map != 0 ? head.slot_map : IDX_NONE;
+  return true;
+}
+
+// Gives each row its index number: slot n of the map holds the ordinal of
+// index number n. False when the map's chain is damaged.
+bool read_slot_map(IndexState* h, const IndexHead& head, std::vector<uint8_t>& block) {
+  uint32_t address = head.slot_map != 0 ? head.slot_map : IDX_NONE;
   uint32_t slot = 0;
-  seen.clear();
+  std::vector<uint32_t> seen;
   while (address != IDX_NONE) {
-    if (std::find(seen.begin(), seen.end(), address) != seen.end()) return fail("Index: %s has damaged index entries\n");
+    if (std::find(seen.begin(), seen.end(), address) != seen.end()) return false;
     seen.push_back(address);
-    if (M_idx_read(h.get(), address, block.data(), h->node_size) < 0) return fail("Index: %s has damaged index entries\n");
+    if (M_idx_read(h, address, block.data(), h->node_size) < 0) return false;
     for (uint32_t at = CHAIN_HEAD; at + SLOT_SIZE <= h->node_size; at += SLOT_SIZE, ++slot) {
       uint32_t o = fl_get_u32(block.data(), at);
       for (auto& row : h->rows)
@@ -292,15 +280,43 @@ int M_open_index(REL_TYPE* rel) {
     }
     address = fl_get_u32(block.data(), 0);
   }
+  return true;
+}
+
+}  // namespace
+
+int M_open_index(REL_TYPE* rel) {
+  bool dynamic = rel_is_dynamic(rel);
+  std::string first = M_index_path(rel->path, dynamic, 0);
+  if (access(first.c_str(), F_OK) != 0) return 0;
+  auto h = std::make_unique<IndexState>();
+  h->data_path = rel->path;
+  h->writable = rel->open_mode != 0;
+  IndexHead head;
+  // On a failure the state and the parts it opened go with `h`.
+  if (read_part_head(h.get(), 0, &head) < 0) return -1;
+  if (!index_head_valid(head)) {
+    M_errout(0, "Index: %s has damaged master head\n", first.c_str());
+    return -1;
+  }
+  h->node_size = idx_block_size(head.node_code);
+  std::vector<uint8_t> block(h->node_size);
+  if (!read_index_entries(h.get(), head, block) || !read_slot_map(h.get(), head, block)) {
+    M_errout(0, "Index: %s has damaged index entries\n", first.c_str());
+    return -1;
+  }
   M_close_index(rel);
   rel->index = h.release();
   return 1;
 }
 
+IndexState::~IndexState() {
+  for (int fd : part_fds)
+    if (fd >= 0) close(fd);
+}
+
 void M_close_index(REL_TYPE* rel) {
   if (rel->index == nullptr) return;
-  for (int fd : rel->index->part_fds)
-    if (fd >= 0) close(fd);
   delete rel->index;
   rel->index = nullptr;
 }

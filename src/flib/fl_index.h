@@ -43,7 +43,14 @@ struct IndexRow {
   uint16_t idx_no = 0;        // slot of the slot map, carried by its nodes
 };
 
+// The open index of a hashed file; it owns the descriptors of its parts,
+// which close with it. Not copyable: a copy would close them twice.
 struct IndexState {
+  IndexState() = default;
+  ~IndexState();
+  IndexState(const IndexState&) = delete;
+  IndexState& operator=(const IndexState&) = delete;
+
   std::string data_path;          // the hashed file
   std::vector<int> part_fds;      // part n of a large index; [0] is idx001
   IndexHead head;                 // block 0 of idx001 as last read

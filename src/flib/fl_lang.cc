@@ -23,7 +23,7 @@ std::string bare_locale(const std::string& locale) { return locale.substr(0, loc
 std::unique_ptr<REL_TYPE> open_in_sys(const std::string& name) {
   auto rel = std::make_unique<REL_TYPE>();
   std::string path = mrv_home_dir() + "sys/" + name;
-  if (M_openfile(rel.get(), path.c_str(), 0) != 1) return nullptr;
+  if (M_openfile(rel.get(), path.c_str(), OpenMode::Read) != 1) return nullptr;
   return rel;
 }
 

@@ -1,6 +1,7 @@
 #include "flib/fl_lock.h"
 
 #include <algorithm>
+#include <cassert>
 #include <cerrno>
 #include <cstring>
 #include <map>
@@ -109,6 +110,20 @@ int M_unlock_file(REL_TYPE* rel) {
   return unlock_range(rel, 0, 0);
 }
 
+bool BlockLock::take(uint32_t address, int32_t mode) {
+  assert(!held_);
+  if (M_lock_block(rel_, address, mode) != 0) return false;
+  address_ = address;
+  held_ = true;
+  return true;
+}
+
+int BlockLock::release() {
+  if (!held_) return 0;
+  held_ = false;
+  return M_unlock_block(rel_, address_);
+}
+
 int M_LLM_Lock(const char* kind, const uint32_t file_id[2], const char* key, int32_t function,
                int32_t wait, int32_t owner, int32_t kind_length, int32_t key_length) {
   ++M_lock_stats.lock_calls;
@@ -159,7 +174,7 @@ int M_upl_unlock(const REL_TYPE* rel, uint32_t group) {
 void M_check_lock_config() { M_lock_fifo = M_cfg_lockfifo() ? 1 : 0; }
 
 int M_idx_lockf(int fd, int32_t mode) {
-  int result = mode == 0 ? M_mrvunlock(fd, 0, 1) : M_mrvlockf(fd, mode, 0, 1);
+  int result = mode == LOCK_NONE ? M_mrvunlock(fd, 0, 1) : M_mrvlockf(fd, mode, 0, 1);
   if (result != 0) M_errout(0, "M_lock lock error in M_idx_lockf.(%d) \n", errno);
   return result;
 }

@@ -18,6 +18,9 @@
 
 struct REL_TYPE;
 
+// No lock: the memory-buffered writer holds the whole file; to
+// M_idx_lockf, the release of the lock.
+inline constexpr int32_t LOCK_NONE = 0;
 inline constexpr int32_t LOCK_SHARED = 1;
 inline constexpr int32_t LOCK_EXCLUSIVE = 2;
 // OR-ed into a mode: fail at once instead of waiting.
@@ -38,6 +41,32 @@ int M_unlock_block(REL_TYPE* rel, uint32_t address);
 // shared reads without a lock call per record. 0 or -1.
 int M_lock_file(REL_TYPE* rel, int32_t mode);
 int M_unlock_file(REL_TYPE* rel);
+
+// The lock of one block, held from take() to release() or to the end of the
+// scope, whichever comes first. A function that must end the lock before a
+// later step (an error report that closes the file's descriptors, say)
+// calls release() there; one that hands the lock on to a later call calls
+// keep(). Not copyable: the lock must end exactly once.
+class BlockLock {
+ public:
+  explicit BlockLock(REL_TYPE* rel) : rel_(rel) {}
+  ~BlockLock() { release(); }
+  BlockLock(const BlockLock&) = delete;
+  BlockLock& operator=(const BlockLock&) = delete;
+  // M_lock_block; false, with nothing held, when it fails.
+  // REQUIRES: no lock is held by this guard.
+  bool take(uint32_t address, int32_t mode);
+  // M_unlock_block of the lock held: its result, or 0 when none is held.
+  int release();
+  // The lock outlives the guard; whoever was told of it ends it.
+  void keep() { held_ = false; }
+  bool held() const { return held_; }
+
+ private:
+  REL_TYPE* rel_;
+  uint32_t address_ = 0;
+  bool held_ = false;
+};
 
 // Results of the lock manager.
 inline constexpr int32_t LLM_GRANTED = 0;

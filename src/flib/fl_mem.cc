@@ -326,7 +326,7 @@ int M_mem_add_tuple(REL_TYPE* rel, const uint8_t* key, int32_t key_length, const
   if (record_length < 0 || record_length >= MAX_RECORD_BYTES)
     return M_file_error(rel, fn, "record length", key, key_length, record_length);
   if (rel->modulo == 0) return M_dir_write(rel, key, key_length, record, record_length, 0);
-  int64_t head = mem_dyn_hash(rel, key, key_length, 0);
+  int64_t head = mem_dyn_hash(rel, key, key_length, LOCK_NONE);
   if (head < 0) return M_file_error(rel, fn, nullptr, key, key_length, static_cast<int32_t>(M_groupno));
   if (add_to_group(rel, static_cast<uint32_t>(head), key, key_length, record, record_length + 1, nullptr, nullptr) != 1)
     return M_file_error(rel, fn, nullptr, key, key_length, static_cast<int32_t>(M_groupno));

@@ -36,7 +36,7 @@ std::string dict_path_of(const std::string& name) {
   return dir + "D_" + last_component(name);
 }
 
-bool accessible(const std::string& path) { return NT_access(path.c_str(), 0) == 0; }
+bool accessible(const std::string& path) { return NT_access(path.c_str(), AccessMode::Exists) == 0; }
 
 std::string entry_text(const char* type, const std::string& path, const std::string& dict) {
   std::string record = type;
@@ -72,7 +72,7 @@ int32_t round_to_prime(int32_t modulo) {
 
 int M_dict_at_id(const char* name, const char* dict_path, int32_t) {
   REL_TYPE dict;
-  if (M_openfile(&dict, dict_path, 2) != 1) {
+  if (M_openfile(&dict, dict_path, OpenMode::ReadWrite) != 1) {
     M_msgno_out(MRV_MSG_DICT_OPEN, "%s", dict_path);
     return 0;
   }
@@ -124,6 +124,37 @@ int M_create_dir_file(const char* name, int32_t name_len, int32_t flags, int voc
   return M_dict_at_id(key.c_str(), dict.c_str(), verbose);
 }
 
+namespace {
+
+// An entry of the same name may hold the other half of the pair: it is
+// read into *old, and *exists says whether there was one. False, after the
+// message, when it leaves no room for what `flags` asks to make.
+bool existing_entry_allows(const std::string& key, int32_t flags, VocEntry* old, bool* exists) {
+  std::string record;
+  if (M_voc_read(key, &record) != 1) return true;
+  if ((flags & CREATE_DATA) != 0 && (flags & CREATE_DICT) != 0) {
+    M_msgno_out(MRV_MSG_BOTH_HALVES_EXIST, "%s", key.c_str());
+    return false;
+  }
+  *old = M_voc_fields(record);
+  if (old->type.starts_with("L") && (flags & (CREATE_DATA | CREATE_DICT | CREATE_DIR)) != 0) {
+    M_msgno_out(MRV_MSG_MULTI_LEVEL, "%s", key.c_str());
+    return false;
+  }
+  if ((flags & (CREATE_DIR | CREATE_DATA)) != 0 && !old->data_path.empty()) {
+    M_msgno_out(MRV_MSG_DATA_EXISTS, "%s", key.c_str());
+    return false;
+  }
+  if ((flags & CREATE_DICT) != 0 && !old->dict_path.empty()) {
+    M_msgno_out(MRV_MSG_DICT_EXISTS, "%s", key.c_str());
+    return false;
+  }
+  *exists = true;
+  return true;
+}
+
+}  // namespace
+
 int M_create_file(const char* name, const char* dict_name, int32_t dict_modulo, int32_t modulo,
                   int32_t dict_block, int32_t block, int32_t flags, int32_t verbose, int32_t type,
                   const char* part_table) {
@@ -146,30 +177,9 @@ int M_create_file(const char* name, const char* dict_name, int32_t dict_modulo, 
     return 0;
   }
 
-  // An entry of the same name may hold the other half of the pair.
   bool entry_exists = false;
   VocEntry old;
-  std::string record;
-  if (M_voc_read(key, &record) == 1) {
-    if ((flags & CREATE_DATA) != 0 && (flags & CREATE_DICT) != 0) {
-      M_msgno_out(MRV_MSG_BOTH_HALVES_EXIST, "%s", key.c_str());
-      return 0;
-    }
-    old = M_voc_fields(record);
-    if (old.type.starts_with("L") && (flags & (CREATE_DATA | CREATE_DICT | CREATE_DIR)) != 0) {
-      M_msgno_out(MRV_MSG_MULTI_LEVEL, "%s", key.c_str());
-      return 0;
-    }
-    if ((flags & (CREATE_DIR | CREATE_DATA)) != 0 && !old.data_path.empty()) {
-      M_msgno_out(MRV_MSG_DATA_EXISTS, "%s", key.c_str());
-      return 0;
-    }
-    if ((flags & CREATE_DICT) != 0 && !old.dict_path.empty()) {
-      M_msgno_out(MRV_MSG_DICT_EXISTS, "%s", key.c_str());
-      return 0;
-    }
-    entry_exists = true;
-  }
+  if (!existing_entry_allows(key, flags, &old, &entry_exists)) return 0;
 
   if ((flags & CREATE_DIR) != 0)
     return M_create_dir_file(path.c_str(), static_cast<int32_t>(path.size()), flags, entry_exists ? 1 : 0,

@@ -9,6 +9,7 @@
 #include <cstring>
 #include <fstream>
 #include <string>
+#include <utility>
 
 #include "NT/NT_utils.h"
 #include "common/fl_errout.h"
@@ -50,20 +51,13 @@ bool load_key_ranges(REL_TYPE* rel) {
   return true;
 }
 
-int open_error(REL_TYPE* rel, const char* cause, int fd, int over_fd) {
+// Reports a failed open of a dynamic file and takes it out of the shared
+// file table and the part rows; the rows close the parts they own. A
+// descriptor not yet in a row is closed by its guard after this.
+int open_error(REL_TYPE* rel, const char* cause) {
   M_file_error(rel, "M_openfile", cause, nullptr, 0, rel->modulo);
-  if (rel_is_dynamic(rel)) {
-    // The part rows own dat001 and over001 once they are filled.
-    bool rows_own = !rel->primary.empty();
-    M_remove_part_files(rel);
-    M_del_file_entry(rel);
-    if (!rows_own) {
-      if (over_fd >= 0) close(over_fd);
-      if (fd >= 0) close(fd);
-    }
-  } else if (fd >= 0) {
-    close(fd);
-  }
+  M_remove_part_files(rel);
+  M_del_file_entry(rel);
   rel->fd = -1;
   return -1;
 }
@@ -110,17 +104,12 @@ int open_index_of(REL_TYPE* rel, const FileHeader& h, int32_t mode) {
   return -1;
 }
 
-}  // namespace
-
-int M_openfile(REL_TYPE* rel, const char* path, int32_t mode) {
-  *rel = REL_TYPE{};
-  std::snprintf(rel->name, sizeof rel->name, "%s", path);
-  std::snprintf(rel->path, sizeof rel->path, "%s", path);
-  rel->name_len = static_cast<uint8_t>(std::min<size_t>(std::strlen(rel->name), 255));
-  rel->path_len = rel->name_len;
-  rel->open_mode = mode & ~(OPEN_TEMPORARY | OPEN_NO_INDEX);
-  rel->temporary = (mode & OPEN_TEMPORARY) != 0 ? 1 : 0;
-
+// Opens the first part of the file at `path` (the file itself, or dat001
+// of a dynamic file's directory), reads its FILE_HEADER and checks it in
+// the fixed order; the handle takes the header's fields and the file's
+// identity. 1 with the descriptor in *fd, 0 when the file is absent or not
+// permitted, -1 after a report.
+int read_file_header(REL_TYPE* rel, const char* path, ScopedFd* fd, FileHeader* out, MRV_STAT* id) {
   struct stat st;
   if (stat(path, &st) != 0) {
     M_msgno_out(MRV_MSG_NO_SUCH_FILE, "%s", path);
@@ -132,8 +121,8 @@ int M_openfile(REL_TYPE* rel, const char* path, int32_t mode) {
   M_part_path(rel, 1, part, sizeof part);
   std::string main_path = directory ? std::string(part) : std::string(path);
 
-  int fd = open(main_path.c_str(), M_open_flags(rel->open_mode));
-  if (fd < 0) {
+  fd->reset(open(main_path.c_str(), M_open_flags(rel->open_mode)));
+  if (!fd->valid()) {
     int e = errno;
     if (M_startup_messages) M_errmsg(0, "Open %s error.\n", main_path.c_str());
     errno = e;
@@ -141,9 +130,8 @@ int M_openfile(REL_TYPE* rel, const char* path, int32_t mode) {
     return -1;
   }
   uint8_t header[FH_READ_SIZE];
-  if (pread(fd, header, sizeof header, 0) != static_cast<ssize_t>(sizeof header)) {
+  if (pread(fd->get(), header, sizeof header, 0) != static_cast<ssize_t>(sizeof header)) {
     M_msgno_out(MRV_MSG_SHORT_HEADER, "%s", path);
-    close(fd);
     return -1;
   }
   FileHeader h = decode_file_header(header);
@@ -151,7 +139,6 @@ int M_openfile(REL_TYPE* rel, const char* path, int32_t mode) {
       !language_byte_ok(h.lang2, M_langgrp[1], DEFAULT_LANGGRP[1]) ||
       !language_byte_ok(h.lang3, M_langgrp[2], DEFAULT_LANGGRP[2])) {
     M_msgno_out(MRV_MSG_LANGUAGE_DIFFERS, "%s", path);
-    close(fd);
     return -1;
   }
   rel->modulo = h.modulo;
@@ -160,12 +147,10 @@ int M_openfile(REL_TYPE* rel, const char* path, int32_t mode) {
   std::memcpy(rel->delete_trigger, h.delete_trigger, sizeof rel->delete_trigger);
   if (rel->hashtype < 0 || hash_function(rel->hashtype) >= 3) {
     M_msgno_out(MRV_MSG_UNKNOWN_HASH, "%d", rel->hashtype);
-    close(fd);
     return -1;
   }
   if (directory && !hash_is_dynamic(rel->hashtype)) {
     M_msgno_out(MRV_MSG_DIR_NOT_DYNAMIC, "%d", rel->hashtype);
-    close(fd);
     return -1;
   }
   bool dynamic = hash_is_dynamic(rel->hashtype);
@@ -176,49 +161,30 @@ int M_openfile(REL_TYPE* rel, const char* path, int32_t mode) {
     int32_t length = h.max_flength != 0 ? h.max_flength : M_cfg_max_flength();
     rel->groups_per_part = rel->block_size != 0 ? length / static_cast<int32_t>(rel->block_size) : 0;
   }
-  MRV_STAT id;
-  if (mrv_fstat(fd, &id) != 0) {
-    close(fd);
-    return -1;
-  }
-  rel->file_id[0] = id.ino_high;
-  rel->file_id[1] = id.ino_low;
-  rel->file_id[2] = id.dev;
-  rel->device_slot = id.dev;
-  if (!header_words_ok(h, path, id.size, rel->block_size, dynamic)) {
-    close(fd);
-    return -1;
-  }
+  if (mrv_fstat(fd->get(), id) != 0) return -1;
+  rel->file_id[0] = id->ino_high;
+  rel->file_id[1] = id->ino_low;
+  rel->file_id[2] = id->dev;
+  rel->device_slot = id->dev;
+  if (!header_words_ok(h, path, id->size, rel->block_size, dynamic)) return -1;
   rel->rfs = static_cast<uint8_t>(h.rfs);
-  rel->fd = fd;
-  if (!dynamic) return open_index_of(rel, h, mode);
+  *out = h;
+  return 1;
+}
 
-  // A dynamic file: the live state is in block 0 of over001.
-  M_part_path(rel, 1 | PART_OVERFLOW, part, sizeof part);
-  int over_fd = open(part, M_open_flags(rel->open_mode));
-  if (over_fd < 0) return open_error(rel, "m_open", fd, -1);
-  rel->over_fd = over_fd;
-  MRV_STAT over_id;
-  if (mrv_fstat(over_fd, &over_id) != 0) return open_error(rel, "m_fstat", fd, over_fd);
-  rel->primary.assign(1, PartEntry{});
-  rel->overflow.assign(1, PartEntry{});
-  rel->primary[0].fd = fd;
-  rel->primary[0].device = id.dev;
-  rel->primary[0].first_group = 0;
-  rel->overflow[0].fd = over_fd;
-  rel->overflow[0].device = over_id.dev;
+// Under the shared lock of over001's block 0: joins the shared file table,
+// takes the live state of the OVERFLOW_HEADER, and opens the other parts.
+// The lock ends before the caller reports a failure, which closes the
+// parts. The cause of a failure, or null.
+const char* read_live_state(REL_TYPE* rel) {
   // The lock is held through the part row, so that over001 keeps its
   // descriptor while the other parts are opened.
-  if (M_lock_block(rel, ADDR_OVERFLOW, LOCK_SHARED) != 0) return open_error(rel, "M_mrvlockf", fd, over_fd);
+  BlockLock lock(rel);
+  if (!lock.take(ADDR_OVERFLOW, LOCK_SHARED)) return "M_mrvlockf";
   uint8_t over[MAX_BLOCK_SIZE];
-  if (pread(over_fd, over, rel->block_size, 0) != static_cast<ssize_t>(rel->block_size)) {
-    M_unlock_block(rel, ADDR_OVERFLOW);
-    return open_error(rel, "m_read", fd, over_fd);
-  }
-  if (M_link_file_entry(rel, over) < 0) {
-    M_unlock_block(rel, ADDR_OVERFLOW);
-    return open_error(rel, "M_link_file_entry", fd, over_fd);
-  }
+  if (pread(rel->overflow[0].fd, over, rel->block_size, 0) != static_cast<ssize_t>(rel->block_size))
+    return "m_read";
+  if (M_link_file_entry(rel, over) < 0) return "M_link_file_entry";
   OverflowHeader oh = decode_overflow_header(over);
   rel->grp_free_blk = oh.grp_free_blk != 0
                           ? oh.grp_free_blk
@@ -227,16 +193,11 @@ int M_openfile(REL_TYPE* rel, const char* path, int32_t mode) {
   rel->merge_load = oh.merge_load;
   rel->min_modulo = static_cast<int32_t>(oh.min_modulo);
   rel->sfd->split_flag = 0;
-  if (M_insert_part_file(rel, 0) < 0 || M_insert_part_file(rel, PART_OVERFLOW) < 0) {
-    M_unlock_block(rel, ADDR_OVERFLOW);
-    return open_error(rel, "M_insert_part_file", fd, over_fd);
-  }
+  if (M_insert_part_file(rel, 0) < 0 || M_insert_part_file(rel, PART_OVERFLOW) < 0)
+    return "M_insert_part_file";
   rel->modulo = static_cast<int32_t>(oh.modulo);
   set_split_base(rel);
-  if (M_open_large_file(rel) < 0) {
-    M_unlock_block(rel, ADDR_OVERFLOW);
-    return open_error(rel, "M_open_large_file", fd, over_fd);
-  }
+  if (M_open_large_file(rel) < 0) return "M_open_large_file";
   // No part is current yet; M_get_fd finds every part through its row.
   rel->primary_current = 0;
   rel->over_current = 0;
@@ -246,10 +207,57 @@ int M_openfile(REL_TYPE* rel, const char* path, int32_t mode) {
   rel->space_reserved = rel->overflow[0].space_reserved;
   if (hash_is_key_range(rel->hashtype) && !load_key_ranges(rel)) {
     M_errout(0, "GMK file is too big to open.\n");
-    M_unlock_block(rel, ADDR_OVERFLOW);
-    return open_error(rel, "malloc", fd, over_fd);
+    return "malloc";
   }
-  if (M_unlock_block(rel, ADDR_OVERFLOW) != 0) return open_error(rel, "M_mrvunlock", fd, over_fd);
+  if (lock.release() != 0) return "M_mrvunlock";
+  return nullptr;
+}
+
+// Attaches the dynamic parts of a file whose dat001 is open in `fd`: opens
+// over001, gives both their part rows, and reads the live state. 1, or -1
+// after a report.
+int attach_dynamic_parts(REL_TYPE* rel, ScopedFd fd, const MRV_STAT& id) {
+  char part[REL_NAME_SIZE + 16];
+  M_part_path(rel, 1 | PART_OVERFLOW, part, sizeof part);
+  ScopedFd over_fd(open(part, M_open_flags(rel->open_mode)));
+  if (!over_fd.valid()) return open_error(rel, "m_open");
+  rel->over_fd = over_fd.get();
+  MRV_STAT over_id;
+  if (mrv_fstat(over_fd.get(), &over_id) != 0) return open_error(rel, "m_fstat");
+  // From here the part rows own both descriptors.
+  rel->primary.assign(1, PartEntry{});
+  rel->overflow.assign(1, PartEntry{});
+  rel->primary[0].fd = fd.release();
+  rel->primary[0].device = id.dev;
+  rel->primary[0].first_group = 0;
+  rel->overflow[0].fd = over_fd.release();
+  rel->overflow[0].device = over_id.dev;
+  if (const char* cause = read_live_state(rel)) return open_error(rel, cause);
+  return 1;
+}
+
+}  // namespace
+
+int M_openfile(REL_TYPE* rel, const char* path, int32_t mode) {
+  *rel = REL_TYPE{};
+  std::snprintf(rel->name, sizeof rel->name, "%s", path);
+  std::snprintf(rel->path, sizeof rel->path, "%s", path);
+  rel->name_len = static_cast<uint8_t>(std::min<size_t>(std::strlen(rel->name), 255));
+  rel->path_len = rel->name_len;
+  rel->open_mode = mode & ~(OPEN_TEMPORARY | OPEN_NO_INDEX);
+  rel->temporary = (mode & OPEN_TEMPORARY) != 0 ? 1 : 0;
+
+  ScopedFd fd;
+  FileHeader h;
+  MRV_STAT id;
+  if (int r = read_file_header(rel, path, &fd, &h, &id); r != 1) return r;
+  if (!hash_is_dynamic(rel->hashtype)) {
+    rel->fd = fd.release();
+    return open_index_of(rel, h, mode);
+  }
+  // A dynamic file: the live state is in block 0 of over001.
+  rel->fd = fd.get();
+  if (attach_dynamic_parts(rel, std::move(fd), id) != 1) return -1;
   return open_index_of(rel, h, mode);
 }
 

@@ -22,7 +22,10 @@
 //     76  cap*4 free stack of BLOCK_ADDRESS values, top at stack count - 1
 #pragma once
 
+#include <cassert>
 #include <cstdint>
+
+#include "flib/fl_coding.h"
 
 inline constexpr uint32_t OH_FREE_HEAD = 20;
 inline constexpr uint32_t OH_STACK_COUNT = 24;
@@ -38,6 +41,10 @@ inline constexpr uint32_t OH_FREE_COUNT = 48;
 inline constexpr uint32_t OH_PRIMARY_PARTS = 52;
 inline constexpr uint32_t OH_OVERFLOW_PARTS = 54;
 inline constexpr uint32_t OH_STACK = 76;
+// The stack follows the 20 reserved bytes after the last field, and its
+// capacity (B-76)/4 counts whole entries in every block size.
+static_assert(OH_STACK == OH_OVERFLOW_PARTS + 2 + 20);
+static_assert(OH_STACK % 4 == 0);
 
 inline constexpr int32_t DEFAULT_GRP_FREE_BLK = 5;
 inline constexpr int32_t MAX_MERGE_LOAD = 90;
@@ -61,6 +68,14 @@ struct OverflowHeader {
 inline int32_t overflow_stack_capacity(uint32_t block_size) {
   return static_cast<int32_t>((block_size - OH_STACK) / 4);
 }
+// Entry `i` of the free stack, 0 at the bottom.
+// REQUIRES: 0 <= i < overflow_stack_capacity(B).
+inline uint32_t oh_stack_offset(int32_t i) {
+  assert(i >= 0);
+  return OH_STACK + 4 * static_cast<uint32_t>(i);
+}
+inline uint32_t oh_stack_entry(const uint8_t* b, int32_t i) { return fl_get_u32(b, oh_stack_offset(i)); }
+inline void oh_set_stack_entry(uint8_t* b, int32_t i, uint32_t v) { fl_put_u32(b, oh_stack_offset(i), v); }
 // A stored part count of 0 counts as one part.
 inline int32_t stored_part_count(uint16_t stored) { return stored == 0 ? 1 : stored; }
 

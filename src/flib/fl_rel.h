@@ -43,6 +43,15 @@ struct SharedFileRow {
 struct IndexState;
 
 struct REL_TYPE {
+  // Not copyable: a copy would share the descriptors and the table rows of
+  // the handle. A handle that is not open yet (or a fresh one that clears
+  // it) may be moved.
+  REL_TYPE() = default;
+  REL_TYPE(const REL_TYPE&) = delete;
+  REL_TYPE& operator=(const REL_TYPE&) = delete;
+  REL_TYPE(REL_TYPE&&) = default;
+  REL_TYPE& operator=(REL_TYPE&&) = default;
+
   char name[REL_NAME_SIZE] = {};
   char path[REL_NAME_SIZE] = {};
   int32_t fd = -1;

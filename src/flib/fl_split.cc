@@ -42,6 +42,7 @@ constexpr int32_t kKeyRoomOverhead = 36;
 // What one key takes of that room besides its bytes: its length byte and
 // its KEY_ENTRY row.
 constexpr int32_t kKeyCost = 1 + static_cast<int32_t>(KEY_ENTRY_SIZE);
+static_assert(kKeyRoomOverhead == GB_KEY_TABLE + 4);
 
 int32_t usable(uint32_t b) { return static_cast<int32_t>(b - BLOCK_OVERHEAD); }
 
@@ -81,29 +82,6 @@ class NoRecoveryJump {
 
  private:
   std::jmp_buf* outer_;
-};
-
-// The lock of a head block taken here (not one the caller already holds),
-// released with the object.
-class HeadLock {
- public:
-  explicit HeadLock(REL_TYPE* rel) : rel_(rel) {}
-  ~HeadLock() { release(); }
-  HeadLock(const HeadLock&) = delete;
-  HeadLock& operator=(const HeadLock&) = delete;
-  bool take(uint32_t address, int32_t mode) {
-    if (M_lock_block(rel_, address, mode) != 0) return false;
-    address_ = address;
-    return true;
-  }
-  void release() {
-    if (address_ != 0) M_unlock_block(rel_, address_);
-    address_ = 0;
-  }
-
- private:
-  REL_TYPE* rel_;
-  uint32_t address_ = 0;
 };
 
 // The handle takes the modulo of the sfd row and its split base.
@@ -412,7 +390,7 @@ int64_t head_of_new_group(REL_TYPE* rel, const char* fn, uint32_t group) {
 // a KEYDATA file the records of all rows but long records in overflow.
 int64_t merge_load_bytes(const REL_TYPE* rel, const uint8_t* block) {
   int32_t count = std::clamp<int32_t>(gb_key_count(block), 0, max_key_rows(rel->block_size));
-  int64_t sum = gb_key_bytes(block) + static_cast<int64_t>(KEY_ENTRY_SIZE) * count;
+  int64_t sum = gb_key_bytes(block) + static_cast<int64_t>(key_table_bytes(count));
   if (!hash_is_keydata(rel->hashtype)) return sum;
   for (int32_t row = 0; row < count; ++row) {
     int32_t length = ke_length(block, row);
@@ -466,7 +444,7 @@ int M_split_group(REL_TYPE* rel) {
   NoRecoveryJump no_jump;
   // The group the caller holds locked (the add's group) needs no lock here.
   uint32_t held = M_groupno;
-  HeadLock lock(rel);
+  BlockLock lock(rel);
   uint32_t old_group = 0;
   uint32_t old_head = 0;
   for (int pass = 0;; ++pass) {
@@ -605,7 +583,7 @@ void try_merge_group(REL_TYPE* rel, uint8_t* block, uint32_t address) {
   if (partner_address == 0) return;
   uint32_t saved = M_groupno;
   M_groupno = std::min(group, partner);
-  HeadLock lock(rel);
+  BlockLock lock(rel);
   if (lock.take(partner_address, LOCK_EXCLUSIVE | LOCK_NOWAIT)) M_merge_group(rel, partner_address, address, block);
   M_groupno = saved;
 }

@@ -27,7 +27,7 @@ bool M_voc_is_open() { return voc_open; }
 int M_open_voc(const char* path) {
   if (voc_open) M_close_voc();
   M_voc = REL_TYPE{};
-  int rc = M_openfile(&M_voc, path, 2);
+  int rc = M_openfile(&M_voc, path, OpenMode::ReadWrite);
   voc_open = rc == 1;
   return rc;
 }
@@ -87,5 +87,5 @@ int M_open_by_voc(REL_TYPE* rel, const std::string& name, int which) {
     rel->modulo = 0;
     return 1;
   }
-  return M_openfile(rel, path.c_str(), 2);
+  return M_openfile(rel, path.c_str(), OpenMode::ReadWrite);
 }

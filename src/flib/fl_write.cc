@@ -1,6 +1,7 @@
 #include "flib/fl_write.h"
 
 #include <algorithm>
+#include <cassert>
 #include <csetjmp>
 #include <cstring>
 #include <ctime>
@@ -151,6 +152,9 @@ void insert_key(uint8_t* block, uint32_t b, const uint8_t* key, int32_t key_leng
     walk -= n + 1;
   }
   int32_t low = datapos - key_bytes;
+  // The new key's bytes and its length byte stay above the rows and the
+  // closing row's position word.
+  assert(static_cast<int32_t>(ke_offset(count + 1)) + 4 <= low - key_length - 1);
   int32_t moving = key_bytes - above;
   std::memmove(block + low - key_length - 1, block + low, static_cast<size_t>(moving));
   int32_t slot = datapos - above;  // the new key's length byte is at slot-1
@@ -340,7 +344,7 @@ int64_t make_keyspace(REL_TYPE* rel, uint8_t* block, uint32_t address, int32_t k
   int32_t b = static_cast<int32_t>(rel->block_size);
   auto room = [&] {
     int32_t need = gb_key_bytes(block) + key_length + 37;
-    return need + 8 * gb_key_count(block) + 8 <= gb_datapos(block);
+    return need + key_table_bytes(gb_key_count(block) + 1) <= gb_datapos(block);
   };
   if (room()) return address;
   if (gb_key_count(block) == 0) {
@@ -450,7 +454,7 @@ int check_group(REL_TYPE* rel, uint8_t* block, const uint8_t* key, int32_t key_l
   uint32_t b = rel->block_size;
   char text[64];
   auto has_room = [&](const uint8_t* blk) {
-    return gb_key_bytes(blk) + key_length + 5 + 8 * gb_key_count(blk) + 40 < static_cast<int32_t>(b);
+    return gb_key_bytes(blk) + key_length + 5 + key_table_bytes(gb_key_count(blk)) + 40 < static_cast<int32_t>(b);
   };
   if (const char* fault = group_block_fault(block, b, true, text, sizeof text))
     return wr_error(rel, fn, fault, key, key_length);
@@ -505,7 +509,7 @@ int check_group(REL_TYPE* rel, uint8_t* block, const uint8_t* key, int32_t key_l
 
 int need_split(REL_TYPE* rel, const uint8_t* block, int32_t key_length, int32_t stored_length) {
   int64_t b = rel->block_size;
-  int64_t keys = gb_key_bytes(block) + 8 * static_cast<int64_t>(gb_key_count(block));
+  int64_t keys = gb_key_bytes(block) + static_cast<int64_t>(key_table_bytes(gb_key_count(block)));
   if (!hash_is_keydata(rel->hashtype)) return (key_length + keys + 9) * 100 / b > rel->split_load;
   int64_t sum = 0;
   int32_t count = rows_of(block, rel->block_size);

@@ -74,7 +74,7 @@ std::string final_directory() {
   return here.string();
 }
 
-bool exists(const std::string& path) { return NT_access(path.c_str(), 0) == 0; }
+bool exists(const std::string& path) { return NT_access(path.c_str(), AccessMode::Exists) == 0; }
 
 // A directory that must be there: made, unless the run only loads into
 // what exists.

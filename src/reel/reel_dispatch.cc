@@ -40,8 +40,6 @@ constexpr const char* kReservedNames[] = {
     "ERRMSG",    "&MAP&",   "MENUFILE", "COLLATIONS", "VOC",
 };
 
-constexpr int kSkipData = 0;    // passes the data blocks at hand
-constexpr int kSkipObject = 1;  // passes a whole object with its sub-objects
 
 bool is_hashed(uint8_t type) {
   return type == TAPE_OBJECT_HASHED || type == TAPE_OBJECT_HASHED_ALT;
@@ -109,21 +107,21 @@ void directory_file(unsigned char* buffer, int32_t* length) {
   f.file_kind = FILE_KIND_DIR;
   f.modulo = 0;
   if (s.analyse_mode) {
-    reel_skip_blocks(buffer, length, kSkipObject);
+    reel_skip_blocks(buffer, length, SkipMode::Object);
     return;
   }
   if (s.overlay) {
     reel_target_from_voc();
     reel_show('L', 1);
   } else if (reel_create_target(0) == 0) {
-    reel_skip_blocks(buffer, length, kSkipObject);
+    reel_skip_blocks(buffer, length, SkipMode::Object);
     return;
   }
   if (reel_open_target() == 0) {
-    reel_skip_blocks(buffer, length, kSkipObject);
+    reel_skip_blocks(buffer, length, SkipMode::Object);
     return;
   }
-  reel_skip_blocks(buffer, length, kSkipData);
+  reel_skip_blocks(buffer, length, SkipMode::Data);
   if (!s.target_dir.empty()) NT_cmd_mkdir(in_target_dir(f.short_name).c_str());
   reel_dir_members(buffer, length);
 }
@@ -134,10 +132,10 @@ void directory_file(unsigned char* buffer, int32_t* length) {
 void hashed_file(unsigned char* buffer, int32_t* length) {
   const RunSettings& s = reel_settings;
   if (s.data_only && reel_current.file_kind == FILE_KIND_DICT) {
-    reel_skip_blocks(buffer, length, kSkipObject);  // -D leaves dictionaries alone
+    reel_skip_blocks(buffer, length, SkipMode::Object);  // -D leaves dictionaries alone
     return;
   }
-  reel_skip_blocks(buffer, length, kSkipData);
+  reel_skip_blocks(buffer, length, SkipMode::Data);
   if (*length == s.level_sub && tape_block_type(buffer) == TAPE_BLOCK_DESCRIPTION &&
       tape_path_type(buffer, s.level_file) == TAPE_OBJECT_DAM)
     reel_dyn_file(buffer, length);
@@ -190,7 +188,7 @@ void reel_account_block(unsigned char* buffer, int32_t* length) {
   if (!is_account_name(name)) {
     // Logged, and what follows is restored into the account at hand.
     reel_log_error(REEL_ERR_ACCOUNT, "");
-    reel_skip_blocks(buffer, length, kSkipObject);
+    reel_skip_blocks(buffer, length, SkipMode::Object);
     return;
   }
   if (!tape_account.empty()) {
@@ -205,7 +203,7 @@ void reel_account_block(unsigned char* buffer, int32_t* length) {
   tape_account = name;
   reel_summary_rename_account(name);
   reel_tell("\t\t\tACCT_NAME  ---  %s\n", name);
-  reel_skip_blocks(buffer, length, kSkipObject);
+  reel_skip_blocks(buffer, length, SkipMode::Object);
 }
 
 int reel_dispatch_block(unsigned char* buffer, int32_t* length) {
@@ -220,12 +218,12 @@ int reel_dispatch_block(unsigned char* buffer, int32_t* length) {
     if (account_type_at > TAPE_HEADER_SIZE && is_directory(buffer[account_type_at]))
       reel_account_block(buffer, length);
     else
-      reel_skip_blocks(buffer, length, kSkipObject);
+      reel_skip_blocks(buffer, length, SkipMode::Object);
     return 1;
   }
   if (*length != s.level_file) {
     reel_log_error(REEL_ERR_FILE_DESC, "block length error");
-    reel_skip_blocks(buffer, length, kSkipObject);
+    reel_skip_blocks(buffer, length, SkipMode::Object);
     return 1;
   }
 
@@ -236,7 +234,7 @@ int reel_dispatch_block(unsigned char* buffer, int32_t* length) {
   // -D restores data only: members and directories go before their names
   // are even looked at.
   if (s.data_only && !is_hashed(type)) {
-    reel_skip_blocks(buffer, length, kSkipObject);
+    reel_skip_blocks(buffer, length, SkipMode::Object);
     return 1;
   }
   char tape_name[PATH_NAME_SIZE + 1];
@@ -245,7 +243,7 @@ int reel_dispatch_block(unsigned char* buffer, int32_t* length) {
 
   // The -R list names files as they are after the rules above.
   if (s.recovery_mode == 1 && reel_in_recovery_list(reel_current.name.c_str()) == 0) {
-    reel_skip_blocks(buffer, length, kSkipObject);
+    reel_skip_blocks(buffer, length, SkipMode::Object);
     reel_current.name.clear();
     return 1;
   }
@@ -255,7 +253,7 @@ int reel_dispatch_block(unsigned char* buffer, int32_t* length) {
     case TAPE_OBJECT_DAM:
       reel_current.file_kind = type == TAPE_OBJECT_SAM ? FILE_KIND_SAM : FILE_KIND_DAM;
       if (s.analyse_mode)
-        reel_skip_blocks(buffer, length, kSkipObject);
+        reel_skip_blocks(buffer, length, SkipMode::Object);
       else
         reel_member_file(buffer, length);
       break;
@@ -269,7 +267,7 @@ int reel_dispatch_block(unsigned char* buffer, int32_t* length) {
       break;
     default:  // an object type this system does not know
       reel_current.name.clear();
-      reel_skip_blocks(buffer, length, kSkipObject);
+      reel_skip_blocks(buffer, length, SkipMode::Object);
       break;
   }
   return 1;

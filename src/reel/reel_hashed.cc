@@ -15,8 +15,6 @@
 
 namespace {
 
-constexpr int kSkipData = 0;
-constexpr int kSkipObject = 1;
 constexpr int32_t kKeyRoom = 1024;
 // The key shown in the line of a refused long key is cut here.
 constexpr int32_t kKeyShown = 128;
@@ -167,7 +165,7 @@ int reel_group_block(unsigned char* buffer, int32_t* length, int first) {
   const int32_t start = first ? SUBFILE_FIRST_STREAM : SUBFILE_STREAM;
   if (end < start) {
     reel_log_error(REEL_ERR_DATA, "block length too short");
-    reel_skip_blocks(buffer, length, kSkipData);
+    reel_skip_blocks(buffer, length, SkipMode::Data);
     return 1;
   }
 
@@ -210,14 +208,14 @@ void reel_hashed_subfiles(unsigned char* buffer, int32_t* length) {
   while (tape_block_type(buffer) == TAPE_BLOCK_DESCRIPTION) {
     // Direct sub-files of a static file carry nothing to restore.
     if (tape_path_type(buffer, s.level_file) != TAPE_OBJECT_SAM) {
-      reel_skip_blocks(buffer, length, kSkipData);
+      reel_skip_blocks(buffer, length, SkipMode::Data);
       if (*length != s.level_sub) return;
       continue;
     }
     *length = reel_next_block(buffer);
     if (*length < SUBFILE_FIRST_STREAM || tape_block_type(buffer) != TAPE_BLOCK_DATA) {
       reel_log_error(REEL_ERR_SUB_DESC, "block length or type error");
-      reel_skip_blocks(buffer, length, kSkipObject);
+      reel_skip_blocks(buffer, length, SkipMode::Object);
       return;
     }
     if (first_with_data) {
@@ -226,7 +224,7 @@ void reel_hashed_subfiles(unsigned char* buffer, int32_t* length) {
       f.modulo = reel_next_prime(tape_get_u16(buffer + SUBFILE_OFF_MODULO));
       if (f.modulo == 0) f.modulo = reel_next_prime(*length / kBytesPerGuessedGroup + 1);
       if (!s.analyse_mode && reel_prepare_hashed_target(0) == 0) {
-        reel_skip_blocks(buffer, length, kSkipObject);
+        reel_skip_blocks(buffer, length, SkipMode::Object);
         return;
       }
     }

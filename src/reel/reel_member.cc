@@ -26,7 +26,6 @@
 
 namespace {
 
-constexpr int kSkipData = 0;
 constexpr char kSamDir[] = "SAM";
 constexpr char kDamDir[] = "DAM";
 constexpr char kProgramList[] = "pgm_list";
@@ -153,7 +152,7 @@ void reel_dir_members(unsigned char* buffer, int32_t* length) {
   // Members are written inside the directory's target; without its name
   // on disk there is nowhere inside the account to put them.
   if (f.short_name.empty()) {
-    if (*length == s.level_sub) reel_skip_blocks(buffer, length, 1);
+    if (*length == s.level_sub) reel_skip_blocks(buffer, length, SkipMode::Object);
     return;
   }
   std::vector<char> text(REEL_MEMBER_BUFFER);
@@ -161,18 +160,18 @@ void reel_dir_members(unsigned char* buffer, int32_t* length) {
     // Deeper paths (sub-directories' contents) and objects that are no
     // members are passed with their data.
     if (*length > s.level_sub) {
-      reel_skip_blocks(buffer, length, kSkipData);
+      reel_skip_blocks(buffer, length, SkipMode::Data);
       continue;
     }
     const uint8_t type = tape_path_type(buffer, s.level_file);
     if (type != TAPE_OBJECT_SAM && type != TAPE_OBJECT_DAM) {
-      reel_skip_blocks(buffer, length, kSkipData);
+      reel_skip_blocks(buffer, length, SkipMode::Data);
       continue;
     }
     char tape_name[PATH_NAME_SIZE + 1];
     tape_path_name(tape_name, buffer, s.level_file);
     if (tape_name[0] == '$') {
-      reel_skip_blocks(buffer, length, kSkipData);
+      reel_skip_blocks(buffer, length, SkipMode::Data);
       continue;
     }
     // A member of a directory is mapped by its path: a later restore of

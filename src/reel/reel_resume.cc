@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cassert>
 #include <cstdio>
 #include <fstream>
 #include <sstream>
@@ -134,6 +135,7 @@ void reel_loading_done(int kind, const std::string& name, bool complete) {
 }
 
 void reel_clear_scratch() {
+  assert(M_voc_is_open());
   const std::string prefix = std::string(kind_text(REEL_OBJECT_SCRATCH)) + " ";
   const std::vector<Noted> left = g_left_unfinished;
   for (const Noted& n : left) {

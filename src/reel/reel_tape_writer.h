@@ -54,7 +54,14 @@ struct TapePathEntry {
   uint8_t type = TAPE_OBJECT_DIR;
 };
 
+// Not copyable: the device slot it opened must be closed exactly once.
 struct TapeWriter {
+  TapeWriter() = default;
+  TapeWriter(const TapeWriter&) = delete;
+  TapeWriter& operator=(const TapeWriter&) = delete;
+  TapeWriter(TapeWriter&&) = default;
+  TapeWriter& operator=(TapeWriter&&) = default;
+
   TapeWriterOptions options;
   int slot = -1;
   bool plain_file = false;

@@ -32,7 +32,7 @@ bool is_file_word(const char* type) {
          std::strcmp(type, "F") == 0;
 }
 
-bool accessible(const std::string& path) { return NT_access(path.c_str(), 0) == 0; }
+bool accessible(const std::string& path) { return NT_access(path.c_str(), AccessMode::Exists) == 0; }
 
 // The VOC item of `key` as type, data path and dictionary path, each read
 // as reel_next_attribute reads them. False when there is no item.

@@ -123,7 +123,7 @@ void reel_skip_blocks(unsigned char* buffer, int32_t* length, int mode) {
     // The end of the save goes back to the dispatcher whatever its length.
     if (type == TAPE_BLOCK_END) return;
     if (type == TAPE_BLOCK_DATA) continue;
-    if (mode == 1 && *length == reel_settings.level_sub) continue;
+    if (mode == static_cast<int>(SkipMode::Object) && *length == reel_settings.level_sub) continue;
     return;
   }
 }

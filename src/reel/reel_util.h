@@ -65,6 +65,14 @@ void reel_print_bytes(const unsigned char* bytes, int length);
 // and so a whole object with its sub-files. Both stop at the end-of-save
 // block, whatever its length.
 void reel_skip_blocks(unsigned char* buffer, int32_t* length, int mode);
+// The modes of reel_skip_blocks by name.
+enum class SkipMode : int {
+  Data = 0,    // passes the data blocks at hand
+  Object = 1,  // passes a whole object with its sub-objects
+};
+inline void reel_skip_blocks(unsigned char* buffer, int32_t* length, SkipMode mode) {
+  reel_skip_blocks(buffer, length, static_cast<int>(mode));
+}
 
 // Keeps data that could not be placed: "\n<name>\n" and the raw bytes,
 // appended to BAD_BLOCKS in the working directory (made afresh by the

@@ -3,12 +3,6 @@
 
 #include <sys/stat.h>
 
-#include <filesystem>
-#include <fstream>
-#include <string>
-
-#include <gtest/gtest.h>
-
 #include "support/files.h"
 #include "support/run_program.h"
 #include "support/temp_dir.h"

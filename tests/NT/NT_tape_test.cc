@@ -1,12 +1,6 @@
 // The medium layer: the slot table, tape images and plain files.
 #include "NT/NT_tape.h"
 
-#include <gtest/gtest.h>
-
-#include <filesystem>
-#include <string>
-#include <vector>
-
 #include "flib/fl_globals.h"
 #include "reel/tape_child.h"
 

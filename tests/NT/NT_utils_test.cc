@@ -3,20 +3,20 @@
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
-#include <unistd.h>
-
-#include <gtest/gtest.h>
 
 #include <cerrno>
 #include <cstring>
 #include <set>
-#include <string>
 
 #include "support/files.h"
 #include "support/run_program.h"
 #include "support/temp_dir.h"
 
 namespace {
+
+using NTFcntl = ScratchTest;
+using NTMktemp = ScratchTest;
+using NTFiles = ScratchTest;
 
 bool exists(const std::string& path) {
   struct stat st;
@@ -28,9 +28,7 @@ int try_lock(int fd, int32_t type, int32_t start, int32_t length) {
   return NT_fcntl(fd, NT_SETLK, &lock);
 }
 
-TEST(NTFcntl, RefusalsWriteStanzasAndTheProcessGoesOn) {
-  TempDir tmp;
-  std::string dir = tmp.str();
+TEST_F(NTFcntl, RefusalsWriteStanzasAndTheProcessGoesOn) {
   setenv("MRVBIN", dir.c_str(), 1);
   NT_flock lock{NT_WRLCK, 0, 0, 1};
   EXPECT_EQ(NT_fcntl(0, NT_SETLK, &lock), -1);
@@ -49,8 +47,7 @@ TEST(NTFcntl, RefusalsWriteStanzasAndTheProcessGoesOn) {
   EXPECT_NE(log.find("NT_fcntl(): unsupported l_type=9\n"), std::string::npos);
 }
 
-TEST(NTFcntl, LocksConvertAndOthersAreRefusedWithEagain) {
-  TempDir tmp;
+TEST_F(NTFcntl, LocksConvertAndOthersAreRefusedWithEagain) {
   std::string file = tmp.str() + "/f";
   spill(file, "x");
   int fd = open(file.c_str(), O_RDWR);
@@ -78,9 +75,7 @@ TEST(NTFcntl, LocksConvertAndOthersAreRefusedWithEagain) {
   close(fd);
 }
 
-TEST(NTMktemp, DigitsOfTheThreadThenLettersUntilFree) {
-  TempDir tmp;
-  std::string dir = tmp.str();
+TEST_F(NTMktemp, DigitsOfTheThreadThenLettersUntilFree) {
   long tid = syscall(SYS_gettid);
   char digits[16];
   std::snprintf(digits, sizeof digits, "%05ld", tid % 100000);
@@ -103,7 +98,7 @@ TEST(NTMktemp, DigitsOfTheThreadThenLettersUntilFree) {
   EXPECT_FALSE(exists(third));
 }
 
-TEST(NTMktemp, TemplatesThatDoNotFit) {
+TEST_F(NTMktemp, TemplatesThatDoNotFit) {
   std::string five = "nameXXXXX";
   errno = 42;
   EXPECT_EQ(mrv_mktemp(five.data()), nullptr);
@@ -115,9 +110,7 @@ TEST(NTMktemp, TemplatesThatDoNotFit) {
   EXPECT_EQ(mrv_mktemp(three.data()), nullptr);
 }
 
-TEST(NTFiles, IdentityIsStableAcrossNamesOfOneFile) {
-  TempDir tmp;
-  std::string dir = tmp.str();
+TEST_F(NTFiles, IdentityIsStableAcrossNamesOfOneFile) {
   spill(dir + "/a", "x");
   spill(dir + "/b", "x");
   ASSERT_EQ(symlink((dir + "/a").c_str(), (dir + "/link").c_str()), 0);
@@ -136,9 +129,7 @@ TEST(NTFiles, IdentityIsStableAcrossNamesOfOneFile) {
   EXPECT_EQ(mrv_stat((dir + "/missing").c_str(), &viafd), -1);
 }
 
-TEST(NTFiles, RenameReplacesAndLeavesEqualNamesAlone) {
-  TempDir tmp;
-  std::string dir = tmp.str();
+TEST_F(NTFiles, RenameReplacesAndLeavesEqualNamesAlone) {
   spill(dir + "/A", "from");
   spill(dir + "/B", "old");
   EXPECT_EQ(NT_rename((dir + "/A").c_str(), (dir + "/A").c_str(), 0), 0);
@@ -148,9 +139,7 @@ TEST(NTFiles, RenameReplacesAndLeavesEqualNamesAlone) {
   EXPECT_EQ(slurp(dir + "/B"), "from");
 }
 
-TEST(NTFiles, RemoveTreesPatternsAndMissingObjects) {
-  TempDir tmp;
-  std::string dir = tmp.str();
+TEST_F(NTFiles, RemoveTreesPatternsAndMissingObjects) {
   mkdir((dir + "/t").c_str(), 0777);
   mkdir((dir + "/t/sub").c_str(), 0777);
   spill(dir + "/t/sub/f", "x");
@@ -169,9 +158,7 @@ TEST(NTFiles, RemoveTreesPatternsAndMissingObjects) {
   EXPECT_EQ(NT_RemoveFile((dir + "/t").c_str(), ""), 0);
 }
 
-TEST(NTFiles, CopyTreeAndScan) {
-  TempDir tmp;
-  std::string dir = tmp.str();
+TEST_F(NTFiles, CopyTreeAndScan) {
   mkdir((dir + "/src").c_str(), 0777);
   mkdir((dir + "/src/in").c_str(), 0777);
   spill(dir + "/src/one", "1");

@@ -1,10 +1,6 @@
 // Report files: the mrv.errlog stanza and failed platform calls.
 #include <cerrno>
-#include <cstdlib>
 #include <regex>
-#include <string>
-
-#include <gtest/gtest.h>
 
 #include "NT/NT_logerror.h"
 #include "common/mrv_exit.h"

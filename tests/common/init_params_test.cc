@@ -2,16 +2,12 @@
 // environment and the rule set.
 #include "common/init_params.h"
 
-#include <gtest/gtest.h>
 #include <sys/stat.h>
 
 #include <cstdio>
 #include <cstdlib>
-#include <filesystem>
-#include <string>
 
 #include "common/init_logs.h"
-#include "common/mrv_msg.h"
 #include "common/readconf.h"
 #include "support/console.h"
 #include "support/files.h"

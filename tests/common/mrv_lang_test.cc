@@ -1,11 +1,6 @@
 // The multibyte description of a language: sections and their refusals.
 #include "common/mrv_lang.h"
 
-#include <gtest/gtest.h>
-
-#include <filesystem>
-#include <string>
-
 #include "support/console.h"
 #include "support/files.h"
 #include "support/temp_dir.h"

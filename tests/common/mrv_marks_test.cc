@@ -1,13 +1,8 @@
 // Marks from the language group, the group rules, and LANGGRP look-ups.
 #include "common/mrv_marks.h"
 
-#include <gtest/gtest.h>
-
 #include <cstdlib>
-#include <filesystem>
-#include <string>
 
-#include "common/mrv_msg.h"
 #include "common/readroot.h"
 #include "support/console.h"
 #include "support/files.h"

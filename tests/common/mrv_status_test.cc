@@ -3,10 +3,6 @@
 #include "common/mrv_status.h"
 
 #include <gtest/gtest.h>
-#include <unistd.h>
-
-#include <cstdlib>
-#include <string>
 
 #include "common/mrv_msg.h"
 #include "support/run_program.h"

@@ -2,13 +2,7 @@
 // directory's candidates, and read_root's single run.
 #include "common/readroot.h"
 
-#include <gtest/gtest.h>
 #include <sys/stat.h>
-#include <unistd.h>
-
-#include <cstdlib>
-#include <filesystem>
-#include <string>
 
 #include "common/settmppath.h"
 #include "support/files.h"

@@ -4,19 +4,11 @@
 // restored account.
 #include <fcntl.h>
 #include <pty.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <cerrno>
-#include <filesystem>
-#include <fstream>
-#include <sstream>
-#include <string>
-#include <vector>
 
 #include "common/mrv_json.h"
 #include "e2e/sandbox.h"
-#include "support/temp_dir.h"
 
 namespace {
 
@@ -32,16 +24,14 @@ std::string long_save(int records) {
 // Runs REEL_INTAKE with its standard input, output and error on a
 // pseudo-terminal, as at an operator's console; returns what the terminal
 // showed.
-std::string run_on_terminal(const std::string& root, const std::vector<std::string>& args) {
+std::string run_on_terminal(const Sandbox& box, const std::vector<std::string>& args) {
   const std::string program = std::string(REEL_BIN_DIR) + "/REEL_INTAKE";
+  box.set_unit(args);
   int master = -1;
   pid_t pid = forkpty(&master, nullptr, nullptr, nullptr);
   if (pid == 0) {
-    if (chdir((root + "/run").c_str()) != 0) _exit(127);
-    setenv("MRVHOME", (root + "/home").c_str(), 1);
-    setenv("MRVBIN", (root + "/bin").c_str(), 1);
-    setenv("TMP", (root + "/tmp").c_str(), 1);
-    setenv("MRV_REGISTRY", (root + "/no-registry").c_str(), 1);
+    if (chdir(box.run().c_str()) != 0) _exit(127);
+    for (const auto& [name, value] : box.env()) setenv(name.c_str(), value.c_str(), 1);
     setenv("MRV_MSG_PAUSE_MS", "0", 1);
     unsetenv("MRV_STATUS");
     std::vector<char*> argv{const_cast<char*>(program.c_str())};
@@ -72,10 +62,8 @@ TEST(Progress, ShownInPlaceOnATerminalAndNotInAPipe) {
   Sandbox box;
   spill(box.run() + "/save.txt", long_save(30000));
   ASSERT_EQ(run_program({.program = "mkreel", .args = {"save.txt"}, .directory = box.run()}).status, 0);
-  box.reel({"-A", "plan"});  // writes the sandbox's tapeinfo for a restore below
-  spill(fs::path(box.run()).parent_path() / "home/sys/tapeinfo", "0 ../t.tap r../t.tap 8192\n");
 
-  const std::string shown = run_on_terminal(fs::path(box.run()).parent_path().string(), {"ACC"});
+  const std::string shown = run_on_terminal(box, {"ACC"});
   EXPECT_NE(shown.find("REEL_INTAKE is finished"), std::string::npos) << shown;
   const size_t line = shown.find("\r\x1b[KBIG ITEMS: ");
   ASSERT_NE(line, std::string::npos) << shown.substr(0, 2000);
@@ -118,6 +106,18 @@ std::vector<Told> told_in_dispmsg(const std::string& text) {
   return told;
 }
 
+// The summary's files of an account against dispmsg's account of them.
+void expect_agrees(const JsonValue& account, const std::string& dispmsg) {
+  const std::vector<Told> told = told_in_dispmsg(dispmsg);
+  const auto& files = account.get("files")->items;
+  ASSERT_EQ(files.size(), told.size());
+  for (size_t i = 0; i < files.size(); ++i) {
+    EXPECT_EQ(files[i].text_of("kind"), told[i].kind);
+    EXPECT_EQ(files[i].text_of("tape_name"), told[i].name);
+    if (told[i].records >= 0) EXPECT_EQ(files[i].number_of("records_restored"), told[i].records) << told[i].name;
+  }
+}
+
 JsonValue read_summary(const std::string& path) {
   JsonValue v;
   std::string error;
@@ -151,32 +151,26 @@ TEST(RunSummary, AgreesWithDispmsgFileByFile) {
     const std::string name = account.text_of("name");
     SCOPED_TRACE(name);
     EXPECT_EQ(fs::path(account.text_of("directory")), fs::canonical(box.account(name)));
-    const std::vector<Told> told = told_in_dispmsg(slurp(box.account(name) + "/dispmsg"));
-    const auto& files = account.get("files")->items;
-    ASSERT_EQ(files.size(), told.size());
-    for (size_t i = 0; i < files.size(); ++i) {
-      EXPECT_EQ(files[i].text_of("kind"), told[i].kind);
-      EXPECT_EQ(files[i].text_of("tape_name"), told[i].name);
-      EXPECT_TRUE(files[i].bool_of("complete"));
-      if (told[i].records >= 0) {
-        EXPECT_EQ(files[i].number_of("records_restored"), told[i].records) << told[i].name;
-      }
-    }
+    expect_agrees(account, slurp(box.account(name) + "/dispmsg"));
+    for (const JsonValue& file : account.get("files")->items) EXPECT_TRUE(file.bool_of("complete"));
   }
   EXPECT_EQ(accounts[0].number_of("members"), 3);
   EXPECT_EQ(accounts[0].get("files")->items[2].text_of("target"), "ORDER_LINESa");
 
   // The restored account verifies against the summary; a file short of
   // records and a file gone are named.
-  ProgramResult verify = run_program({.program = "mrvfile", .args = {"verify", box.account("SALES"), "--summary", box.run() + "/summary.json"}});
+  auto verify_sales = [&] {
+    return run_program({.program = "mrvfile", .args = {"verify", box.account("SALES"), "--summary", box.run() + "/summary.json"}});
+  };
+  ProgramResult verify = verify_sales();
   EXPECT_EQ(verify.status, 0) << verify.output;
   EXPECT_NE(verify.output.find(": sound, "), std::string::npos) << verify.output;
   ASSERT_EQ(run_program({.program = "mrvfile", .args = {"delete", box.account("SALES") + "/CUSTOMERS", "C2"}}).status, 0);
-  verify = run_program({.program = "mrvfile", .args = {"verify", box.account("SALES"), "--summary", box.run() + "/summary.json"}});
+  verify = verify_sales();
   EXPECT_EQ(verify.status, 1);
   EXPECT_NE(verify.output.find("CUSTOMERS: 2 records, the run restored 3\n"), std::string::npos) << verify.output;
   fs::remove(box.account("SALES") + "/ORDER_LINESa");
-  verify = run_program({.program = "mrvfile", .args = {"verify", box.account("SALES"), "--summary", box.run() + "/summary.json"}});
+  verify = verify_sales();
   EXPECT_NE(("\n" + verify.output).find("\nORDER_LINESa: no such file (named by the VOC entry ORDER LINES)\n"), std::string::npos)
       << verify.output;
   EXPECT_NE(verify.output.find(box.account("SALES") + ": 2 findings\n"), std::string::npos) << verify.output;
@@ -198,20 +192,9 @@ TEST(RunSummary, WrittenOnEveryWayARunEnds) {
   for (const Case& c : cases) {
     SCOPED_TRACE(c.ended_by);
     Sandbox box(cut);
-    box.reel({"-A", "plan"});
-    spill(fs::path(box.run()).parent_path() / "home/sys/tapeinfo", "0 ../t.tap r../t.tap 8192\n");
-    const std::string root = fs::path(box.run()).parent_path().string();
-    ProgramResult r = run_program({.program = "REEL_INTAKE",
-                                   .args = c.args,
-                                   .input = c.answers,
-                                   .directory = box.run(),
-                                   .env = {{"MRVHOME", root + "/home"},
-                                           {"MRVBIN", root + "/bin"},
-                                           {"TMP", root + "/tmp"},
-                                           {"MRV_REGISTRY", root + "/no-registry"},
-                                           {"MRV_SUMMARY", root + "/s.json"}}});
+    ProgramResult r = box.reel(c.args, {{"MRV_SUMMARY", box.root() + "/s.json"}}, c.answers);
     EXPECT_EQ(r.status, 1);
-    JsonValue doc = read_summary(root + "/s.json");
+    JsonValue doc = read_summary(box.root() + "/s.json");
     EXPECT_EQ(doc.text_of("ended_by"), c.ended_by) << r.output;
     EXPECT_FALSE(doc.bool_of("completed", true));
     if (std::string(c.ended_by) == "fatal") continue;
@@ -233,31 +216,15 @@ TEST(RunSummary, WrittenOnEveryWayARunEnds) {
 // that a run killed at a prompt leaves none to be mistaken for its own.
 TEST(RunSummary, AKilledRunLeavesNoneBehind) {
   Sandbox box("tape t.tap\nlabel name=CUT\naccount CUT\nfile F hashed\nsubfile modulo=1\nitem A 'x'\n");
-  box.reel({"-A", "plan"});
-  const fs::path root = fs::path(box.run()).parent_path();
-  spill(root / "home/sys/tapeinfo", "0 ../t.tap r../t.tap 8192\n");
+  const fs::path root = box.root();
   spill(root / "s.json", "{\"completed\": true}");
-  const std::string program = std::string(REEL_BIN_DIR) + "/REEL_INTAKE";
   {
-    Child run([&] {
-      if (chdir(box.run().c_str()) != 0) _exit(127);
-      for (const auto& [name, value] : std::vector<std::pair<std::string, std::string>>{
-               {"MRVHOME", (root / "home").string()}, {"MRVBIN", (root / "bin").string()},
-               {"TMP", (root / "tmp").string()},      {"MRV_REGISTRY", (root / "none").string()},
-               {"MRV_SUMMARY", (root / "s.json").string()}, {"MRV_MSG_PAUSE_MS", "0"}})
-        setenv(name.c_str(), value.c_str(), 1);
-      execl(program.c_str(), program.c_str(), "ACC", static_cast<char*>(nullptr));
-      _exit(127);
-    });
+    Child run = box.start({"ACC"}, {{"MRV_SUMMARY", (root / "s.json").string()}});
     ASSERT_TRUE(run.wait_for("or E to end")) << run.output();
     EXPECT_FALSE(fs::exists(root / "s.json"));
   }  // killed here, at the prompt
   EXPECT_FALSE(fs::exists(root / "s.json"));
 }
-
-}  // namespace
-
-namespace {
 
 // The whole road of an administrator, from an installed tree: install into
 // a scratch prefix, lay out a home, add a tape unit, restore with the
@@ -275,23 +242,17 @@ TEST(Installed, RestoreVerifyAndResizeFromAnInstalledTree) {
   ProgramResult installed = run_program({.program = "/bin/sh", .args = {"-c", make + "install"}});
   ASSERT_EQ(installed.status, 0) << installed.output;
   const std::string bin = (prefix / "bin").string();
-  for (const char* program : {"REEL_INTAKE", "newacct", "mkreel", "mrvfile"}) {
+  for (const char* program : {"REEL_INTAKE", "newacct", "mkreel", "mrvfile", "mrvhome"}) {
     EXPECT_TRUE(fs::exists(prefix / "bin" / program)) << program;
     EXPECT_TRUE(fs::exists(prefix / "share/man/man1" / (std::string(program) + ".1"))) << program;
   }
   EXPECT_FALSE(fs::exists(prefix / "bin/flbench"));
   EXPECT_TRUE(fs::exists(prefix / "share/man/man5/tapeinfo.5"));
 
-  // The home: include/, sys/tapeinfo and Temp/, laid out as `mrvhome init`
-  // lays it out where that program is installed.
+  // The home, laid out by the installed mrvhome.
   const fs::path home = root / "home";
-  if (fs::exists(prefix / "bin/mrvhome")) {
-    ProgramResult init = run_program({.program = bin + "/mrvhome", .args = {"init", home.string()}});
-    ASSERT_EQ(init.status, 0) << init.output;
-  } else {
-    for (const char* d : {"include", "sys", "Temp"}) fs::create_directories(home / d);
-    spill(home / "sys/tapeinfo", "");
-  }
+  ProgramResult init = run_program({.program = bin + "/mrvhome", .args = {"init", home.string()}});
+  ASSERT_EQ(init.status, 0) << init.output;
   // Unit 1: the image one up from the account, where a restore works.
   std::ofstream(home / "sys/tapeinfo", std::ios::app) << "1 ../t.tap r../t.tap 8192\n";
 
@@ -329,37 +290,28 @@ TEST(Installed, RestoreVerifyAndResizeFromAnInstalledTree) {
   JsonValue doc = read_summary((run / "sales.json").string());
   EXPECT_TRUE(doc.bool_of("completed"));
   const JsonValue& sales = doc.get("accounts")->items.at(0);
-  const std::vector<Told> told = told_in_dispmsg(slurp(account / "dispmsg"));
-  const auto& files = sales.get("files")->items;
-  ASSERT_EQ(files.size(), told.size());
-  for (size_t i = 0; i < files.size(); ++i) {
-    EXPECT_EQ(files[i].text_of("kind"), told[i].kind);
-    EXPECT_EQ(files[i].text_of("tape_name"), told[i].name);
-    if (told[i].records >= 0) {
-      EXPECT_EQ(files[i].number_of("records_restored"), told[i].records);
-    }
-  }
+  expect_agrees(sales, slurp(account / "dispmsg"));
   // The dictionary overflowed: resize_list and the summary name the same modulo.
-  const JsonValue& dict = files.at(1);
+  const JsonValue& dict = sales.get("files")->items.at(1);
   ASSERT_EQ(dict.text_of("kind"), "DICT");
   const int suggested = static_cast<int>(dict.number_of("suggested_modulo"));
   ASSERT_GT(suggested, 1);
   EXPECT_NE(slurp(account / "resize_list").find("------->  " + std::to_string(suggested)), std::string::npos);
 
+  auto mrvfile = [&](std::vector<std::string> args) {
+    return run_program({.program = bin + "/mrvfile", .args = std::move(args)});
+  };
   const std::string summary = (run / "sales.json").string();
-  ProgramResult verify = run_program({.program = bin + "/mrvfile", .args = {"verify", account.string(), "--summary", summary}});
+  ProgramResult verify = mrvfile({"verify", account.string(), "--summary", summary});
   EXPECT_EQ(verify.status, 0) << verify.output;
 
-  // Resize what overflowed: every record stays, at the new modulo.
+  // Resize what overflowed (the records a resize keeps are mrvfile's own
+  // tests'); the account still verifies.
   const std::string d_customers = (account / "D_CUSTOMERS").string();
-  const std::vector<std::string> before = listed_records(d_customers);
-  ASSERT_EQ(before.size(), 401u);  // and the @ID of a new dictionary
-  ProgramResult resized = run_program({.program = bin + "/mrvfile", .args = {"resize", d_customers, std::to_string(suggested)}});
+  ASSERT_EQ(listed_records(d_customers).size(), 401u);  // and the @ID of a new dictionary
+  ProgramResult resized = mrvfile({"resize", d_customers, std::to_string(suggested)});
   ASSERT_EQ(resized.status, 0) << resized.output;
-  EXPECT_EQ(listed_records(d_customers), before);
-  EXPECT_NE(run_program({.program = bin + "/mrvfile", .args = {"info", d_customers}}).output.find("modulo: " + std::to_string(suggested) + "\n"),
-            std::string::npos);
-  verify = run_program({.program = bin + "/mrvfile", .args = {"verify", account.string(), "--summary", summary}});
+  verify = mrvfile({"verify", account.string(), "--summary", summary});
   EXPECT_EQ(verify.status, 0) << verify.output;
 
   // A file damaged on purpose is named.
@@ -368,7 +320,7 @@ TEST(Installed, RestoreVerifyAndResizeFromAnInstalledTree) {
     f.seekp(1024 + 6);  // flags of group 0's head block
     f.put(3);
   }
-  verify = run_program({.program = bin + "/mrvfile", .args = {"verify", account.string(), "--summary", summary}});
+  verify = mrvfile({"verify", account.string(), "--summary", summary});
   EXPECT_EQ(verify.status, 1);
   EXPECT_NE(("\n" + verify.output).find("\nCUSTOMERS: group 0"), std::string::npos) << verify.output;
 

@@ -1,23 +1,12 @@
 // REEL_INTAKE -A over tapes written by mkreel: the walk over a save of two
 // accounts, and the plan it leaves.
-#include <filesystem>
-#include <string>
-
-#include <gtest/gtest.h>
 
 #include "reel/reel_init.h"
 #include "e2e/sandbox.h"
-#include "support/files.h"
 
 namespace {
 
 namespace fs = std::filesystem;
-
-size_t count_of(const std::string& text, const std::string& part) {
-  size_t n = 0;
-  for (size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + 1)) ++n;
-  return n;
-}
 
 // Two accounts; the first has files of every object type, sub-files,
 // members, a deeper path inside a directory and an object of unknown type.

@@ -1,7 +1,4 @@
 // The command line of REEL_INTAKE, run as the real program.
-#include <string>
-
-#include <gtest/gtest.h>
 
 #include "reel/reel_init.h"
 #include "support/files.h"
@@ -10,6 +7,8 @@
 
 namespace {
 
+using CommandLine = ScratchTest;
+
 const std::string kUsage = REEL_USAGE;
 const std::string kProgram = std::string(REEL_BIN_DIR) + "/REEL_INTAKE";
 
@@ -17,7 +16,7 @@ ProgramResult reel(std::vector<std::string> args) {
   return run_program({.program = "REEL_INTAKE", .args = std::move(args)});
 }
 
-TEST(CommandLine, FaultsPrintTheirMessageThenTheUsageAndExitOne) {
+TEST_F(CommandLine, FaultsPrintTheirMessageThenTheUsageAndExitOne) {
   struct Case {
     std::vector<std::string> args;
     std::string message;
@@ -43,7 +42,7 @@ TEST(CommandLine, FaultsPrintTheirMessageThenTheUsageAndExitOne) {
   }
 }
 
-TEST(CommandLine, GetoptFaultsNameTheProgramAndTheLetter) {
+TEST_F(CommandLine, GetoptFaultsNameTheProgramAndTheLetter) {
   ProgramResult r = reel({"-F", "name"});
   EXPECT_EQ(r.status, 1);
   EXPECT_EQ(r.output, kProgram + ": illegal option -- F\nillegal options in command line!\n" + kUsage);
@@ -56,24 +55,22 @@ TEST(CommandLine, GetoptFaultsNameTheProgramAndTheLetter) {
             kProgram + ": option requires an argument -- U\nillegal options in command line!\n" + kUsage);
 }
 
-TEST(CommandLine, BannerComesFirstThenTheFailureOfStartUp) {
-  TempDir dir;
+TEST_F(CommandLine, BannerComesFirstThenTheFailureOfStartUp) {
   ProgramResult r = run_program({.program = "REEL_INTAKE",
                                  .args = {"-A", "plan"},
-                                 .env = {{"MRV_REGISTRY", dir.str() + "/no-registry"}},
+                                 .env = {{"MRV_REGISTRY", dir + "/no-registry"}},
                                  .unset = {"MRVHOME", "MRVBIN"}});
   EXPECT_EQ(r.status, 1);
   EXPECT_EQ(r.output, std::string(REEL_BANNER) + "Cannot read MRVHOME from Registry.\n");
 
   r = run_program({.program = "REEL_INTAKE",
                    .args = {"-A", "plan"},
-                   .env = {{"MRVHOME", dir.str() + "/missing"}, {"MRVBIN", dir.str()}}});
-  EXPECT_EQ(r.output, std::string(REEL_BANNER) + "Can't stat " + dir.str() + "/missing.\n");
+                   .env = {{"MRVHOME", dir + "/missing"}, {"MRVBIN", dir}}});
+  EXPECT_EQ(r.output, std::string(REEL_BANNER) + "Can't stat " + dir + "/missing.\n");
 }
 
-TEST(CommandLine, AdministratorStopEndsTheRunBeforeHomeIsLookedAt) {
-  TempDir dir;
-  std::string registry = dir.str() + "/registry";
+TEST_F(CommandLine, AdministratorStopEndsTheRunBeforeHomeIsLookedAt) {
+  std::string registry = dir + "/registry";
   spill(registry, "STOPPED=1\n");
   ProgramResult r = run_program({.program = "REEL_INTAKE",
                                  .args = {"-A", "plan"},
@@ -85,18 +82,17 @@ TEST(CommandLine, AdministratorStopEndsTheRunBeforeHomeIsLookedAt) {
                           "Use startmr to restart Morvane.\n");
 }
 
-TEST(CommandLine, ListsThatHoldNothingAreRefused) {
-  TempDir dir;
-  std::string blank = dir.str() + "/blank";
+TEST_F(CommandLine, ListsThatHoldNothingAreRefused) {
+  std::string blank = dir + "/blank";
   spill(blank, "\n   \n");
   ProgramResult r = reel({"-B", blank, "acct"});
   EXPECT_EQ(r.status, 1);
   EXPECT_EQ(r.output, "Illegal blocksize filelist\n" + kUsage);
-  r = reel({"-R", dir.str() + "/missing", "acct"});
+  r = reel({"-R", dir + "/missing", "acct"});
   EXPECT_EQ(r.output, "Illegal recovery filelist\n" + kUsage);
 }
 
-TEST(CommandLine, HugeLoadBuffersAreRefusedBeforeTheBanner) {
+TEST_F(CommandLine, HugeLoadBuffersAreRefusedBeforeTheBanner) {
   ProgramResult r = reel({"-K", "999999999", "acct"});
   EXPECT_EQ(r.status, 1);
   EXPECT_EQ(r.output, "malloc failed, please check -K option \n");

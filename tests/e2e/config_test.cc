@@ -1,16 +1,8 @@
 // The installation around a run: homes laid out by mrvhome, mrvconfig
 // written and checked by mrvconf, its parameters and language group taking
-// effect in a restore of static and dynamic files, and the administrator's
-// stop switch.
-#include <filesystem>
-#include <string>
+// effect in a restore of static and dynamic files.
 
-#include <gtest/gtest.h>
-
-#include "sandbox.h"
-#include "support/files.h"
-#include "support/run_program.h"
-#include "support/temp_dir.h"
+#include "e2e/sandbox.h"
 
 namespace {
 
@@ -112,6 +104,7 @@ TEST(ConfiguredRestore, FilesCarryTheConfiguredValuesAndTheRunIsQuiet) {
   set_parameter(box.config_path(), "MAX_FLENGTH", "100000000");
   set_parameter(box.config_path(), "SPLIT_LOAD", "70");
   set_parameter(box.config_path(), "MERGE_LOAD", "30");
+  set_parameter(box.config_path(), "GRP_FREE_BLK", "7");
   ProgramResult r = box.reel({"-U", "0", "SALES"});
   EXPECT_EQ(r.status, 1);
   EXPECT_EQ(r.output.find("mrvconfig"), std::string::npos) << r.output;  // it loaded without a word
@@ -126,6 +119,7 @@ TEST(ConfiguredRestore, FilesCarryTheConfiguredValuesAndTheRunIsQuiet) {
   EXPECT_EQ(info_field(info, "kind"), "dynamic");
   EXPECT_EQ(info_field(info, "split load"), "70");
   EXPECT_EQ(info_field(info, "merge load"), "30");
+  EXPECT_EQ(info_field(info, "group free blocks"), "7");
   EXPECT_EQ(info_field(info, "largest part"), "100000000");
 
   // So does one that mrvfile makes in that home.
@@ -173,17 +167,6 @@ TEST(ConfiguredRestore, AGroupThatLanggrpLacksIsSetBackToTheDefault) {
   EXPECT_NE(r.output.find("Missing or invalid MRV_LANGGRP in " + box.home_dir() + "/include/mrvconfig\n"),
             std::string::npos)
       << r.output;
-}
-
-TEST(ConfiguredRestore, StoppedEndsTheRunBeforeAnythingIsMade) {
-  Sandbox box(kSave);
-  spill(box.registry(), "STOPPED=1\n");
-  ProgramResult r = box.reel({"-U", "0", "SALES"});
-  EXPECT_EQ(r.status, 1);
-  EXPECT_NE(r.output.find("An Administrator has stopped Morvane from running.\nUse startmr to restart Morvane.\n"),
-            std::string::npos)
-      << r.output;
-  EXPECT_FALSE(fs::exists(box.account("SALES")));
 }
 
 }  // namespace

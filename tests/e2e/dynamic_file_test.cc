@@ -3,12 +3,8 @@
 // pages arrive out of order, records cut over pages at every kind of
 // place, multi-unit pages, large records, the index description, the
 // target modulo, and damage with the lines it leaves.
-#include <gtest/gtest.h>
 
-#include <filesystem>
 #include <map>
-#include <string>
-#include <vector>
 
 #include "e2e/sandbox.h"
 #include "reel/reel_tape_format.h"
@@ -46,15 +42,6 @@ testing::AssertionResult has_records(const std::string& path, const std::vector<
   return testing::AssertionFailure() << path << ": " << got.size() << " records, " << want.size()
                                      << " wanted; first difference: " << shown(got, i) << " against "
                                      << shown(want, i);
-}
-
-std::string info_of(const std::string& path) {
-  return run_program({.program = "mrvfile", .args = {"info", path}}).output;
-}
-
-void expect_sound(const std::string& path) {
-  ProgramResult checked = run_program({.program = "mrvfile", .args = {"check", path}});
-  EXPECT_EQ(checked.status, 0) << path << "\n" << checked.output;
 }
 
 // Size of an in-line page record with a key of `key` bytes and `data` bytes.
@@ -180,7 +167,7 @@ TEST_F(DynamicRestore, EveryRecordArrivesWholeInASoundDynamicFile) {
   for (const auto& [name, file] : clean_files()) {
     EXPECT_TRUE(has_records(path(name), file.records)) << main_tape->restore.output;
     EXPECT_NE(info_of(path(name)).find("kind: dynamic"), std::string::npos) << name;
-    expect_sound(path(name));
+    EXPECT_EQ(check_of(path(name)), "");
   }
   EXPECT_EQ(listed_records(path("D_LARGE")), lines_of({{"@ID", "D\xFE" "0"}}));
   EXPECT_FALSE(fs::exists(path("overflow"))) << "the work file goes with the run";
@@ -243,28 +230,6 @@ TEST_F(DynamicRestore, AnAnalysisCountsTheRecordsOfDynamicFiles) {
   EXPECT_NE(plan.find("DATA, KEYS, 1, 1, 10, 11, 2\n"), std::string::npos) << plan;
 }
 
-// Runs the tool with the sandbox's environment in a child that an
-// operator can answer.
-Child run_interactive(const Sandbox& box, const std::vector<std::string>& args) {
-  const std::string root = fs::path(box.run()).parent_path().string();
-  spill(root + "/home/sys/tapeinfo", "0 ../t.tap r../t.tap 8192\n");
-  const std::string program = std::string(REEL_BIN_DIR) + "/REEL_INTAKE";
-  const std::string run = box.run();
-  return Child([=] {
-    if (chdir(run.c_str()) != 0) _exit(127);
-    setenv("MRV_MSG_PAUSE_MS", "0", 1);
-    setenv("MRVHOME", (root + "/home").c_str(), 1);
-    setenv("MRVBIN", (root + "/bin").c_str(), 1);
-    setenv("TMP", (root + "/tmp").c_str(), 1);
-    setenv("MRV_REGISTRY", (root + "/no-registry").c_str(), 1);
-    std::vector<char*> argv{const_cast<char*>(program.c_str())};
-    for (const std::string& a : args) argv.push_back(const_cast<char*>(a.c_str()));
-    argv.push_back(nullptr);
-    execv(program.c_str(), argv.data());
-    _exit(127);
-  });
-}
-
 TEST(DynamicReels, AFileSplitOverTwoReelsArrivesWhole) {
   Sandbox box;
   TapeDynFile file{.modulo = 3, .room = 2048, .cuts = {DYN_FIRST_BLOCK_MIN}, .break_after = 3, .next_reel = box.run() + "/two.tap"};
@@ -279,14 +244,14 @@ TEST(DynamicReels, AFileSplitOverTwoReelsArrivesWhole) {
   ASSERT_EQ(reel_writer_close(w), 0);
   fs::create_symlink("one.tap", box.tape());
 
-  Child child = run_interactive(box, {"ACC"});
+  Child child = box.start({"ACC"});
   ASSERT_TRUE(child.wait_for("Input C to continue next reel . or E to end\n")) << child.output();
   fs::remove(box.tape());
   fs::create_symlink("two.tap", box.tape());
   child.send("C\n");
   EXPECT_EQ(child.finish(), 1) << child.output();
   EXPECT_TRUE(has_records(box.account("SALES") + "/SPLIT", file.records)) << child.output();
-  expect_sound(box.account("SALES") + "/SPLIT");
+  EXPECT_EQ(check_of(box.account("SALES") + "/SPLIT"), "");
 }
 
 // -H DYNAMIC1 and a save two levels deep.
@@ -304,7 +269,7 @@ TEST(DynamicOptions, HashTypeAndLevel) {
                                                      }()}}))
       << r.output;
   EXPECT_NE(info_of(file).find("hash type: 65"), std::string::npos) << info_of(file);
-  expect_sound(file);
+  EXPECT_EQ(check_of(file), "");
 
   // -D loads the data into the file the VOC names: the records are written
   // again over themselves.
@@ -312,7 +277,7 @@ TEST(DynamicOptions, HashTypeAndLevel) {
   EXPECT_NE(again.output.find("Loading DATA ORDERS"), std::string::npos) << again.output;
   EXPECT_EQ(listed_records(file).size(), 3u);
   EXPECT_NE(slurp(box.account("SALES") + "/dispmsg").find("3 records restored\n"), std::string::npos);
-  expect_sound(file);
+  EXPECT_EQ(check_of(file), "");
 
   // Where the page store cannot be made, the file is passed over.
   fs::create_directories(box.account("SALES") + "/overflow/in the way");
@@ -350,7 +315,7 @@ TEST(DynamicVolume, TwoHundredThousandRecordsComeBack) {
   for (const char* name : {"FIXED", "DYNAMIC"}) {
     const std::string file = box.account("SALES") + "/" + name;
     EXPECT_TRUE(listed_records(file) == fixed_lines) << name << r.output.substr(0, 2000);
-    expect_sound(file);
+    EXPECT_EQ(check_of(file), "");
   }
   const std::string log = slurp(box.account("SALES") + "/dispmsg");
   EXPECT_NE(log.find("100000 records restored\n"), log.rfind("100000 records restored\n")) << log;

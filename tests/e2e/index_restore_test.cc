@@ -1,8 +1,5 @@
 // A restored file given an index, restored into again with -O: the bulk
 // load leaves the index to be built, and a build answers for every record.
-#include <gtest/gtest.h>
-
-#include <string>
 
 #include "e2e/sandbox.h"
 

@@ -4,7 +4,6 @@
 
 #include <filesystem>
 #include <set>
-#include <string>
 
 #include "support/run_program.h"
 

@@ -1,9 +1,5 @@
 // Members restored by REEL_INTAKE: text decoded into files of SAM and of
 // directories, written in chunks, and renames kept in pgm_map and pgm_list.
-#include <gtest/gtest.h>
-
-#include <filesystem>
-#include <string>
 
 #include "e2e/sandbox.h"
 
@@ -29,12 +25,6 @@ const std::string kMembers =
     "sub 'MY PROG' sam\ntext 'renamed\\n'\n"
     "sub LIB dir\n"  // not a member: passed
     "end\n";
-
-size_t count_of(const std::string& text, const std::string& part) {
-  size_t n = 0;
-  for (size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + 1)) ++n;
-  return n;
-}
 
 TEST(Members, TextChunksPadsDollarNamesAndRenamesOverTwoRestores) {
   Sandbox box(kMembers);

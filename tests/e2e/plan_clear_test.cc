@@ -1,11 +1,6 @@
 // Files made from an edited plan (-C) and loaded with -O; files emptied
 // before a reload (-E with -O and -D). Everything is read back through the
 // file library and checked by mrvfile.
-#include <filesystem>
-#include <string>
-#include <vector>
-
-#include <gtest/gtest.h>
 
 #include "e2e/sandbox.h"
 #include "reel/reel_init.h"
@@ -15,7 +10,6 @@
 #include "flib/fl_open.h"
 #include "flib/fl_ovhdr.h"
 #include "flib/fl_rel.h"
-#include "support/files.h"
 
 namespace {
 
@@ -100,10 +94,7 @@ Layout layout_of(const std::string& path) {
 }
 
 void expect_sound(const Sandbox& box, std::initializer_list<const char*> files) {
-  for (const char* f : files) {
-    ProgramResult r = run_program({.program = "mrvfile", .args = {"check", box.account("SALES/") + f}});
-    EXPECT_EQ(r.status, 0) << f << "\n" << r.output;
-  }
+  for (const char* f : files) EXPECT_EQ(check_of(box.account("SALES/") + f), "") << f;
 }
 
 // What an account holds beyond what every account has.
@@ -205,6 +196,24 @@ TEST(Plan, ThePlanIsLookedForAboveTheAccountUnlessItsNameIsAbsolute) {
   ProgramResult absolute = box.reel({"-C", box.run() + "/plans/p", "SALES"});
   EXPECT_NE(absolute.output.find("Create DATA ORDERS --- 5 \n"), std::string::npos) << absolute.output;
   EXPECT_EQ(layout_of(box.account("SALES/ORDERS")).modulo, 5);
+}
+
+// A line is read up to 1,087 characters and the rest of a longer one is
+// passed; a NUL ends a line's text, and the line after it is read in full.
+TEST(Plan, LinesAreCutAt1087CharactersAndANulEndsOnlyItsOwnLine) {
+  Sandbox box(kSave);
+  std::string cut = "DATA, CUT, ";
+  cut.resize(1086, ' ');
+  spill(box.run() + "/plan", cut + "12\nDATA, AFTER, 5\n" + std::string("DATA, G\0H, 3\n", 13) + "DATA, NEXT, 7\n");
+  ProgramResult made = box.reel({"-C", "plan", "SALES"});
+  EXPECT_NE(made.output.find("Create DATA CUT --- 1 \n"
+                             "Create DATA AFTER --- 5 \n"
+                             "Plan line passed over (fewer than three fields): DATA, G\n"
+                             "Create DATA NEXT --- 7 \n"),
+            std::string::npos)
+      << made.output;
+  EXPECT_EQ(own_files(box), (std::vector<std::string>{"AFTER", "CUT", "NEXT"}));
+  EXPECT_EQ(layout_of(box.account("SALES/CUT")).modulo, 1);
 }
 
 // A restore with ORDERS at block size 3 KiB (modulo 19 / 3 -> 7) and DYN

@@ -3,15 +3,9 @@
 // before its save does, and accounts named by absolute paths. The faults
 // come from the platform layer's test switch (MRV_FAULT), so each point is
 // reached exactly.
-#include <gtest/gtest.h>
 
-#include <filesystem>
-#include <algorithm>
 #include <map>
 #include <regex>
-#include <string>
-#include <utility>
-#include <vector>
 
 #include "e2e/sandbox.h"
 #include "flib/fl_block.h"
@@ -67,13 +61,7 @@ struct FaultSandbox : Sandbox {
   }
 };
 
-int count_of(const std::string& text, const std::string& what) {
-  int n = 0;
-  for (size_t at = text.find(what); at != std::string::npos; at = text.find(what, at + 1)) ++n;
-  return n;
-}
-
-int lines_of(const std::string& text) { return count_of(text, "\n"); }
+int lines_of(const std::string& text) { return static_cast<int>(count_of(text, "\n")); }
 
 // Writes of an uninterrupted restore, from the switch's count.
 int writes_of_a_restore() {
@@ -100,11 +88,6 @@ std::map<std::string, int> restored_counts(const std::string& dispmsg) {
   return counts;
 }
 
-std::string check_of(const std::string& path) {
-  ProgramResult r = run_program({.program = "mrvfile", .args = {"check", path}});
-  return r.status == 0 ? "" : r.output;
-}
-
 TEST(Faults, AFailingWriteAtEveryTenthWriteEndsItsFileCleanlyAndCountsHonestly) {
   const int writes = writes_of_a_restore();
   ASSERT_GT(writes, 30);
@@ -122,7 +105,7 @@ TEST(Faults, AFailingWriteAtEveryTenthWriteEndsItsFileCleanlyAndCountsHonestly) 
     const std::string account = box.account("SALES");
     const std::string dispmsg = slurp(account + "/dispmsg");
     const std::map<std::string, int> restored = restored_counts(dispmsg);
-    int failing = count_of(r.output, "failure!\n");
+    int failing = static_cast<int>(count_of(r.output, "failure!\n"));
     for (const std::string& file : kHashed) {
       if (!fs::exists(account + "/" + file)) continue;
       const bool named = dispmsg.find(" " + (file.starts_with("D_") ? file.substr(2) : file) +
@@ -210,7 +193,7 @@ TEST(Resume, KilledAtTenPointsThenRestartedWithRAllEndsEqualToAnUnbrokenRestore)
 
 TEST(Interrupt, WithNoInputLeftTheFileAtHandCompletesAndTheRunClosesDownInOrder) {
   const int writes = writes_of_a_restore();
-  const int creates = count_of(FaultSandbox().restore("").output, "Create ");
+  const size_t creates = count_of(FaultSandbox().restore("").output, "Create ");
   // Points after the set-up of the account, where the interrupt key is the
   // run's to handle.
   for (int n : {writes / 3, writes / 2, writes * 2 / 3}) {

@@ -1,14 +1,8 @@
 // REEL_INTAKE restoring a save written by mkreel: account set-up, the
 // targets of directories with hostile names, the account's name from the
 // tape. Nothing from the tape may reach a shell or leave the account.
-#include <filesystem>
-#include <string>
 
-#include <gtest/gtest.h>
-
-#include "support/files.h"
-#include "support/run_program.h"
-#include "support/temp_dir.h"
+#include "e2e/sandbox.h"
 
 namespace {
 
@@ -26,23 +20,9 @@ const char kHostile[] =
     "end\n";
 
 TEST(Restore, HostileNamesMakeCorrectTargetsAndRunNothing) {
-  TempDir dir;
-  const fs::path root = dir.path();
-  for (const char* d : {"home/include", "home/sys", "bin", "tmp", "run"}) fs::create_directories(root / d);
-  fs::create_symlink(fs::path(REEL_BIN_DIR) / "newacct", root / "bin/newacct");
-  // The unit is opened from inside the account, one below the run directory.
-  spill(root / "home/sys/tapeinfo", "0 ../t.tap r../t.tap 8192\n");
-  const std::string run = (root / "run").string();
-  ProgramResult made = run_program({.program = "mkreel", .input = kHostile, .directory = run});
-  ASSERT_EQ(made.status, 0) << made.output;
-
-  ProgramResult r = run_program({.program = "REEL_INTAKE",
-                                 .args = {"ACC"},
-                                 .directory = run,
-                                 .env = {{"MRVHOME", (root / "home").string()},
-                                         {"MRVBIN", (root / "bin").string()},
-                                         {"TMP", (root / "tmp").string()},
-                                         {"MRV_REGISTRY", (root / "no-registry").string()}}});
+  Sandbox box(kHostile);
+  const fs::path root = box.root();
+  ProgramResult r = box.reel({"ACC"});
   EXPECT_EQ(r.status, 1);
   const fs::path account = root / "run/SALES";
   ASSERT_TRUE(fs::exists(account / "VOC")) << r.output;

@@ -44,13 +44,35 @@ class Sandbox {
   // The same with `extra` added to the environment of the run.
   ProgramResult reel(std::vector<std::string> args, std::vector<std::pair<std::string, std::string>> extra,
                      const std::string& input = "") const {
-    const bool analyse = std::find(args.begin(), args.end(), "-A") != args.end();
-    spill(dir_.path() / "home/sys/tapeinfo",
-          analyse ? "0 t.tap rt.tap 8192\n" : "0 ../t.tap r../t.tap 8192\n");
+    set_unit(args);
     std::vector<std::pair<std::string, std::string>> all = env();
     all.insert(all.end(), extra.begin(), extra.end());
     return run_program(
         {.program = "REEL_INTAKE", .args = std::move(args), .input = input, .directory = run(), .env = all});
+  }
+  // The same run in a child that the test talks to as an operator.
+  Child start(std::vector<std::string> args, std::vector<std::pair<std::string, std::string>> extra = {}) const {
+    set_unit(args);
+    std::vector<std::pair<std::string, std::string>> all = env();
+    all.insert(all.end(), extra.begin(), extra.end());
+    all.emplace_back("MRV_MSG_PAUSE_MS", "0");
+    const std::string program = std::string(REEL_BIN_DIR) + "/REEL_INTAKE", directory = run();
+    return Child([=] {
+      if (chdir(directory.c_str()) != 0) _exit(127);
+      for (const auto& [name, value] : all) setenv(name.c_str(), value.c_str(), 1);
+      std::vector<char*> argv{const_cast<char*>(program.c_str())};
+      for (const std::string& a : args) argv.push_back(const_cast<char*>(a.c_str()));
+      argv.push_back(nullptr);
+      execv(program.c_str(), argv.data());
+      _exit(127);
+    });
+  }
+  // Unit 0 in tapeinfo: the tape seen from the run directory for an
+  // analysis (-A), from the account one below it otherwise.
+  void set_unit(const std::vector<std::string>& args) const {
+    const bool analyse = std::find(args.begin(), args.end(), "-A") != args.end();
+    spill(dir_.path() / "home/sys/tapeinfo",
+          analyse ? "0 t.tap rt.tap 8192\n" : "0 ../t.tap r../t.tap 8192\n");
   }
   // The environment of a run in this home.
   std::vector<std::pair<std::string, std::string>> env() const {
@@ -81,6 +103,16 @@ inline std::vector<std::string> listed_records(const std::string& path) {
     lines.push_back(r.output.substr(at, nl - at));
   std::sort(lines.begin(), lines.end());
   return lines;
+}
+
+// What `mrvfile check` says of a file: "" when it is sound.
+inline std::string check_of(const std::string& path) {
+  ProgramResult r = run_program({.program = "mrvfile", .args = {"check", path}});
+  return r.status == 0 ? "" : r.output;
+}
+
+inline std::string info_of(const std::string& path) {
+  return run_program({.program = "mrvfile", .args = {"info", path}}).output;
 }
 
 // A key and its record in that text form: backslash, TAB and newline

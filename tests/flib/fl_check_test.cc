@@ -1,13 +1,6 @@
 #include "flib/fl_check.h"
 
-#include <gtest/gtest.h>
-
-#include <string>
-#include <vector>
-
 #include "fl_test_util.h"
-#include "flib/fl_block.h"
-#include "flib/fl_create.h"
 #include "flib/fl_hash.h"
 #include "flib/fl_ovhdr.h"
 
@@ -18,9 +11,8 @@ constexpr uint32_t kModulo = 5;
 
 std::vector<std::string> check(const std::string& path) {
   std::vector<std::string> findings;
-  testing::internal::CaptureStdout();
-  int count = M_check_file(path.c_str(), &findings);
-  testing::internal::GetCapturedStdout();
+  int count = 0;
+  stdout_of([&] { count = M_check_file(path.c_str(), &findings); });
   EXPECT_EQ(count, static_cast<int>(findings.size()));
   return findings;
 }

@@ -2,12 +2,6 @@
 // parts a grown dynamic file loses, and the clears that are refused.
 #include "flib/fl_clear.h"
 
-#include <unistd.h>
-
-#include <filesystem>
-#include <string>
-#include <vector>
-
 #include "common/mrv_marks.h"
 #include "flib/fl_coding.h"
 #include "flib/fl_filehdr.h"
@@ -185,9 +179,7 @@ TEST_F(FlClear, RefusedClearsLeaveEverythingAsItWas) {
   const std::string trigger = "ON.DELETE";
   std::copy(trigger.begin(), trigger.end(), header.begin() + FH_DELETE_TRIGGER);
   write_bytes("F", header);
-  testing::internal::CaptureStdout();
-  EXPECT_EQ(M_clear_file("F", CLEAR_DATA, 1, 0, 0), 0);
-  testing::internal::GetCapturedStdout();
+  stdout_of([&] { EXPECT_EQ(M_clear_file("F", CLEAR_DATA, 1, 0, 0), 0); });
   EXPECT_EQ(keys("F"), std::vector<std::string>{"KEEP"});
 }
 

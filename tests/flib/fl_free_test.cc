@@ -3,28 +3,12 @@
 // a reservation.
 #include "flib/fl_free.h"
 
-#include <gtest/gtest.h>
-
-#include <sys/resource.h>
-
-#include <csignal>
-
-#include <string>
-#include <vector>
-
 #include "fl_test_util.h"
-#include "flib/fl_block.h"
-#include "flib/fl_check.h"
-#include "flib/fl_create.h"
 #include "flib/fl_delete.h"
 #include "flib/fl_globals.h"
 #include "flib/fl_hash.h"
 #include "flib/fl_io.h"
-#include "flib/fl_open.h"
 #include "flib/fl_ovhdr.h"
-#include "flib/fl_read.h"
-#include "flib/fl_rel.h"
-#include "flib/fl_write.h"
 #include "support/run_program.h"
 
 namespace {

@@ -1,11 +1,8 @@
 #include "flib/fl_hash.h"
 
-#include <gtest/gtest.h>
-
 #include <cstring>
 
 #include "fl_test_util.h"
-#include "flib/fl_rel.h"
 
 namespace {
 
@@ -144,9 +141,7 @@ TEST(FlHash, KeyRangeWordGoesToTheTableButWord98IsRefused) {
 
   rel.hashtype = 98;
   rel.modulo = 5;
-  testing::internal::CaptureStdout();
-  EXPECT_EQ(M_hash(key_bytes("Z"), 1, &rel), 0u);
-  EXPECT_EQ(testing::internal::GetCapturedStdout(), "Error msgno = 117. \n");
+  EXPECT_EQ(stdout_of([&] { EXPECT_EQ(M_hash(key_bytes("Z"), 1, &rel), 0u); }), "Error msgno = 117. \n");
 }
 
 }  // namespace

@@ -7,6 +7,7 @@
 #include <string>
 
 #include "flib/fl_idxfmt.h"
+#include "support/console.h"
 
 namespace {
 
@@ -20,9 +21,8 @@ IndexHead valid_head() {
 
 // The message a head gives, "" when it is accepted.
 std::string verdict(const IndexHead& h) {
-  testing::internal::CaptureStdout();
-  bool ok = index_head_valid(h);
-  std::string out = testing::internal::GetCapturedStdout();
+  bool ok = true;
+  std::string out = stdout_of([&] { ok = index_head_valid(h); });
   return ok ? "" : out;
 }
 
@@ -122,9 +122,8 @@ TEST(IndexEntryChecks, TypesAreRefusedWithTheIndexName) {
 TEST(NodeHeadChecks, RootFlagsNextAndCounts) {
   const uint32_t size = 1024;
   auto told = [&](NodeHead n, uint32_t address, bool short_forms) {
-    testing::internal::CaptureStdout();
-    bool ok = node_head_valid(n, address, 2048, 3, size, short_forms);
-    std::string out = testing::internal::GetCapturedStdout();
+    bool ok = true;
+    std::string out = stdout_of([&] { ok = node_head_valid(n, address, 2048, 3, size, short_forms); });
     return ok ? std::string() : out;
   };
   NodeHead root{ROOT_RESET, 3, 1, 1, 0, 1008};
@@ -198,9 +197,8 @@ TEST(NodeCodec, ImpossibleEntriesAreRefused) {
   std::vector<uint8_t> node(size);
   std::vector<KeyEntry> out;
   auto told = [&](bool packed) {
-    testing::internal::CaptureStdout();
-    bool ok = decode_node_entries(node.data(), size, 8, packed, &out);
-    std::string text = testing::internal::GetCapturedStdout();
+    bool ok = true;
+    std::string text = stdout_of([&] { ok = decode_node_entries(node.data(), size, 8, packed, &out); });
     return ok ? std::string() : text;
   };
   encode_node(node.data(), size, NodeHead{0, 1, 0, 1, 0, 0}, {{"12345678", 0, "x", 0}}, false);

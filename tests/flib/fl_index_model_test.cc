@@ -6,15 +6,11 @@
 // more; a small MAX_FLENGTH spreads a large index over parts. The scans are
 // compared at the end, after every step with IDX_MODEL_SLOW=1, and a sorted
 // build must give the same scan as the maintenance did.
-#include <gtest/gtest.h>
 
-#include <algorithm>
-#include <cstdlib>
 #include <random>
 
 #include "common/mrv_marks.h"
 #include "fl_idx_test_util.h"
-#include "flib/fl_delete.h"
 #include "flib/fl_idxbuild.h"
 
 namespace {

@@ -1,21 +1,9 @@
 #include "flib/fl_io.h"
 
-#include <gtest/gtest.h>
-
-#include <sys/resource.h>
-
-#include <csignal>
 #include <cstring>
-#include <functional>
-#include <string>
-#include <vector>
 
 #include "fl_test_util.h"
-#include "flib/fl_block.h"
-#include "flib/fl_create.h"
 #include "flib/fl_hash.h"
-#include "flib/fl_open.h"
-#include "flib/fl_rel.h"
 #include "flib/fl_coding.h"
 #include "flib/fl_free.h"
 #include "flib/fl_ovhdr.h"
@@ -70,9 +58,7 @@ class FlIoFile : public RecordFile {
  protected:
   void SetUp() override { create(3, 1, 0); }
   std::string failing(const std::function<int()>& call) {
-    testing::internal::CaptureStdout();
-    EXPECT_EQ(call(), -1);
-    return testing::internal::GetCapturedStdout();
+    return stdout_of([&] { EXPECT_EQ(call(), -1); });
   }
 };
 
@@ -162,7 +148,6 @@ TEST_F(FlIoFile, GroupScanFollowsTheChain) {
             "1:blksize=1024, datapos=50  error in M_read_grpblk for file '" + path + "', key 'A', number=0\n");
 }
 
-
 // A head block written past the size limit of its primary part opens a new
 // part at offset B, with the positions of its in-block records rebased.
 TEST(FlIoDynamic, FullPrimaryPartMovesTheHeadToANewPart) {
@@ -171,11 +156,8 @@ TEST(FlIoDynamic, FullPrimaryPartMovesTheHeadToANewPart) {
   ASSERT_EQ(M_create_hashed(path.c_str(), 3, 1, 64, 0, nullptr), 1);
   ProgramResult child = run_in_child([&] {
     REL_TYPE rel;
-    if (M_openfile(&rel, path.c_str(), 2) != 1) _exit(10);
     // dat001 may not grow beyond its 4 blocks.
-    signal(SIGXFSZ, SIG_IGN);
-    rlimit limit{4 * B, 4 * B};
-    if (setrlimit(RLIMIT_FSIZE, &limit) != 0) _exit(11);
+    if (int failed = open_under_size_limit(&rel, path, 4 * B)) _exit(failed);
     M_groupno = 3;  // the group a split would add
     auto head = make_group_block(B, 4 * B, 3, FLAG_HEAD, {"K", "L"});
     ke_set_position(head.data(), 1, 0x80000000u | (2 * B + 12));  // a record in overflow stays
@@ -194,7 +176,6 @@ TEST(FlIoDynamic, FullPrimaryPartMovesTheHeadToANewPart) {
   EXPECT_EQ(ke_position(moved, 1), 0x80000000u | (2 * B + 12));
   EXPECT_EQ(fl_get_u16(read_bytes(path + "/over001").data(), 52), 2);
 }
-
 
 // A data block (whose positions start at `base`) holding the records one
 // after another from offset 12, and a head block whose rows point to them.

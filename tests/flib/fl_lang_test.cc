@@ -1,11 +1,7 @@
 // Choosing the language of an account's messages.
 #include "flib/fl_lang.h"
 
-#include <gtest/gtest.h>
-
 #include <cstdlib>
-#include <filesystem>
-#include <string>
 
 #include "common/mrv_marks.h"
 #include "common/readroot.h"

@@ -1,11 +1,6 @@
 #include "flib/fl_lock.h"
 
-#include <fcntl.h>
-#include <gtest/gtest.h>
 #include <sys/wait.h>
-#include <unistd.h>
-
-#include <string>
 
 #include "fl_test_util.h"
 #include "flib/fl_hash.h"
@@ -29,9 +24,8 @@ TEST(FlLock, NamedLocksAreGrantedAtOnceAndCutAt127) {
   EXPECT_TRUE(M_LLM_held("record", kFile, first.c_str(), -1, -1));
   EXPECT_EQ(M_LLM_Release("record", kFile, key.c_str(), 0, -1, -1), 0);
   EXPECT_FALSE(M_LLM_held("record", kFile, first.c_str(), -1, -1));
-  testing::internal::CaptureStdout();
-  EXPECT_EQ(M_LLM_Release("record", kFile, first.c_str(), 0, -1, -1), -1);
-  EXPECT_EQ(testing::internal::GetCapturedStdout(), "M_LLM_Release error 2097154.\n");
+  EXPECT_EQ(stdout_of([&] { EXPECT_EQ(M_LLM_Release("record", kFile, first.c_str(), 0, -1, -1), -1); }),
+            "M_LLM_Release error 2097154.\n");
 }
 
 // Whether another process can lock the byte at `offset` of `path`
@@ -94,9 +88,8 @@ TEST(FlLock, IndexVersionLockReportsFailure) {
   EXPECT_EQ(M_idx_lockf(fd, LOCK_EXCLUSIVE), 0);
   EXPECT_EQ(M_idx_lockf(fd, 0), 0);
   close(fd);
-  testing::internal::CaptureStdout();
-  EXPECT_EQ(M_idx_lockf(fd, LOCK_SHARED), -1);
-  EXPECT_EQ(testing::internal::GetCapturedStdout(), "M_lock lock error in M_idx_lockf.(11) \n");
+  EXPECT_EQ(stdout_of([&] { EXPECT_EQ(M_idx_lockf(fd, LOCK_SHARED), -1); }),
+            "M_lock lock error in M_idx_lockf.(11) \n");
 }
 
 }  // namespace

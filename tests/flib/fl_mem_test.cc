@@ -1,26 +1,17 @@
 #include "flib/fl_mem.h"
 
-#include <gtest/gtest.h>
-
-#include <algorithm>
 #include <map>
 #include <random>
-#include <string>
-#include <vector>
 
 #include "fl_test_util.h"
-#include "flib/fl_check.h"
-#include "flib/fl_create.h"
 #include "flib/fl_delete.h"
 #include "flib/fl_globals.h"
 #include "flib/fl_hash.h"
 #include "flib/fl_io.h"
-#include "flib/fl_open.h"
-#include "flib/fl_read.h"
-#include "flib/fl_rel.h"
-#include "flib/fl_write.h"
 
 namespace {
+
+using FlMem = ScratchTest;
 
 using Records = std::vector<std::pair<std::string, std::string>>;
 
@@ -93,8 +84,7 @@ LoadCounts load(const std::string& path, bool dynamic, int32_t modulo, const Rec
   return counts;
 }
 
-TEST(FlMem, BufferedAndSingleLoadsReadBackTheSame) {
-  TempDir tmp;
+TEST_F(FlMem, BufferedAndSingleLoadsReadBackTheSame) {
   for (bool dynamic : {false, true}) {
     SCOPED_TRACE(dynamic ? "dynamic" : "static");
     Records records = make_records(dynamic ? 7 : 8, 3000, 1024);
@@ -117,8 +107,7 @@ TEST(FlMem, BufferedAndSingleLoadsReadBackTheSame) {
   }
 }
 
-TEST(FlMem, BlocksOfAnotherPartFlushTheOtherPartsBlocksFirst) {
-  TempDir tmp;
+TEST_F(FlMem, BlocksOfAnotherPartFlushTheOtherPartsBlocksFirst) {
   std::string path = tmp.str() + "/D";
   M_spread = 3;  // two overflow parts, groups spread over both
   ASSERT_EQ(M_create_hashed(path.c_str(), 40, 1, 64, 0, nullptr), 1);
@@ -137,8 +126,7 @@ TEST(FlMem, BlocksOfAnotherPartFlushTheOtherPartsBlocksFirst) {
   EXPECT_EQ(check_findings(path), "");
 }
 
-TEST(FlMem, ABufferedLoadIntoAFileWrittenRecordByRecordKeepsItsBlocks) {
-  TempDir tmp;
+TEST_F(FlMem, ABufferedLoadIntoAFileWrittenRecordByRecordKeepsItsBlocks) {
   for (bool dynamic : {false, true}) {
     SCOPED_TRACE(dynamic ? "dynamic" : "static");
     std::string path = tmp.str() + (dynamic ? "/D" : "/S");

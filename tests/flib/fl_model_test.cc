@@ -8,28 +8,16 @@
 // and back down through splits and merges. MODEL_SLOW=1 runs the
 // structural check after every operation (minutes, not part of the suite);
 // MODEL_RECORDS=N sets the number of records the growth reaches.
-#include <gtest/gtest.h>
-
-#include <algorithm>
 
 #include <cstdio>
-#include <cstdlib>
 #include <map>
 #include <random>
-#include <string>
-#include <vector>
 
 #include "common/mrv_marks.h"
 #include "fl_test_util.h"
-#include "flib/fl_check.h"
-#include "flib/fl_create.h"
 #include "flib/fl_delete.h"
 #include "flib/fl_filehdr.h"
 #include "flib/fl_hash.h"
-#include "flib/fl_open.h"
-#include "flib/fl_read.h"
-#include "flib/fl_rel.h"
-#include "flib/fl_write.h"
 
 namespace {
 

@@ -1,20 +1,11 @@
 #include "flib/fl_open.h"
 
-#include <gtest/gtest.h>
-
-#include <filesystem>
-#include <functional>
-#include <string>
-
 #include "fl_test_util.h"
-#include "flib/fl_block.h"
 #include "flib/fl_coding.h"
-#include "flib/fl_create.h"
 #include "flib/fl_globals.h"
 #include "flib/fl_hash.h"
 #include "flib/fl_io.h"
 #include "flib/fl_lock.h"
-#include "flib/fl_rel.h"
 #include "flib/lrgfillib.h"
 #include "support/run_program.h"
 
@@ -23,9 +14,7 @@ namespace {
 // Opens `path` and returns what the open printed; `result` gets the result.
 std::string open_output(const std::string& path, int* result) {
   REL_TYPE rel;
-  testing::internal::CaptureStdout();
-  *result = M_openfile(&rel, path.c_str(), 2);
-  std::string out = testing::internal::GetCapturedStdout();
+  std::string out = stdout_of([&] { *result = M_openfile(&rel, path.c_str(), 2); });
   if (*result == 1) M_closefile(&rel);
   return out;
 }
@@ -196,9 +185,7 @@ TEST_F(FlOpen, AFullLargeFileTableRefusesWithoutHarmingEarlierRows) {
   int32_t saved = M_large_file_limit;
   M_set_large_file_limit(5);
   REL_TYPE rel;
-  testing::internal::CaptureStdout();
-  EXPECT_EQ(M_openfile(&rel, many.c_str(), 2), -1);
-  std::string out = testing::internal::GetCapturedStdout();
+  std::string out = stdout_of([&] { EXPECT_EQ(M_openfile(&rel, many.c_str(), 2), -1); });
   M_set_large_file_limit(saved);
   EXPECT_NE(out.find("Too many dynamic part files (5) are opened.\n"), std::string::npos);
   uint8_t block[MAX_BLOCK_SIZE];

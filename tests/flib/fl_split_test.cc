@@ -1,20 +1,12 @@
 #include "flib/fl_split.h"
 
-#include <gtest/gtest.h>
-
-#include <string>
-#include <vector>
-
 #include "fl_test_util.h"
-#include "flib/fl_block.h"
 #include "flib/fl_delete.h"
 #include "flib/fl_filehdr.h"
 #include "flib/fl_free.h"
 #include "flib/fl_hash.h"
 #include "flib/fl_io.h"
 #include "flib/fl_lock.h"
-#include "flib/fl_rel.h"
-#include "flib/fl_write.h"
 #include "support/run_program.h"
 
 namespace {
@@ -129,37 +121,6 @@ TEST_F(FlSplit, KeyDataLoadCountsTheNewRecordTwice) {
   ASSERT_EQ(put("A", std::string(481, 'r')), 1);
   EXPECT_EQ(rel.sfd->modulo, 2u);
   EXPECT_EQ(get("A"), std::string(481, 'r'));
-  EXPECT_EQ(findings(), "");
-}
-
-TEST_F(FlSplit, KeyOnlyFilesHaveTheirOwnDefaults) {
-  create(1, 1, HASH_DYNAMIC);
-  EXPECT_EQ(rel.split_load, 60);
-  EXPECT_EQ(rel.merge_load, 40);
-}
-
-TEST_F(FlSplit, AtModuloEqualToTheBaseTheLastGroupMergesHalfABaseLower) {
-  create(1, 1, HASH_DYNAMIC);
-  for (int split = 0; split < 3; ++split) ASSERT_EQ(M_split_group(&rel), 0);
-  ASSERT_EQ(rel.modulo, 4);
-  ASSERT_EQ(rel.split_base, 4u);
-  auto in1 = keys_in(1, 2, "P");
-  auto in3 = keys_in(3, 3, "L");
-  for (const auto& k : in1) ASSERT_EQ(put(k, "one"), 1);
-  for (const auto& k : in3) ASSERT_EQ(put(k, "three"), 1);
-  // A delete in group 0 or 2 merges nothing: neither is the last pair.
-  auto in2 = keys_in(2, 1, "Q");
-  ASSERT_EQ(put(in2[0], "two"), 1);
-  ASSERT_EQ(del(in2[0]), 1);
-  EXPECT_EQ(rel.sfd->modulo, 4u);
-  ASSERT_EQ(del(in3[0]), 1);
-  EXPECT_EQ(rel.sfd->modulo, 3u);
-  EXPECT_EQ(rel.split_base, 2u);
-  for (const auto& k : in1) EXPECT_EQ(get(k), "one");
-  for (size_t i = 1; i < in3.size(); ++i) {
-    EXPECT_EQ(group_of(in3[i]), 1u);
-    EXPECT_EQ(get(in3[i]), "three");
-  }
   EXPECT_EQ(findings(), "");
 }
 

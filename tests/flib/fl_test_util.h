@@ -17,6 +17,7 @@
 #include <gtest/gtest.h>
 
 #include "NT/NT_utils.h"
+#include "support/console.h"
 #include "support/files.h"
 #include "support/temp_dir.h"
 #include "flib/fl_block.h"

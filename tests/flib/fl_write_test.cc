@@ -1,26 +1,12 @@
 // Record writing, reading and deletion at the edges that catch faults.
 #include "flib/fl_write.h"
 
-#include <gtest/gtest.h>
-
-#include <sys/stat.h>
-
-#include <algorithm>
-#include <string>
-#include <vector>
-
 #include "common/mrv_marks.h"
 #include "fl_test_util.h"
-#include "flib/fl_block.h"
-#include "flib/fl_check.h"
-#include "flib/fl_create.h"
 #include "flib/fl_delete.h"
 #include "flib/fl_hash.h"
 #include "flib/fl_io.h"
-#include "flib/fl_open.h"
 #include "flib/fl_ovhdr.h"
-#include "flib/fl_read.h"
-#include "flib/fl_rel.h"
 #include "flib/fl_split.h"
 
 namespace {

@@ -1,21 +1,12 @@
 #include "flib/parttbl.h"
 
-#include <sys/stat.h>
-#include <unistd.h>
-
-#include <gtest/gtest.h>
-
-#include <fstream>
-#include <string>
-
 #include "common/readroot.h"
 #include "fl_test_util.h"
-#include "flib/fl_create.h"
 #include "flib/fl_io.h"
-#include "flib/fl_open.h"
-#include "flib/fl_rel.h"
 
 namespace {
+
+using PartTable = ScratchTest;
 
 std::string step(const char* from) {
   char p[3] = {from[0], from[1], '\0'};
@@ -23,7 +14,7 @@ std::string step(const char* from) {
   return p;
 }
 
-TEST(PartTable, PrefixesRunThroughCapitalsThenLowerCase) {
+TEST_F(PartTable, PrefixesRunThroughCapitalsThenLowerCase) {
   EXPECT_EQ(step("AA"), "AB");
   EXPECT_EQ(step("AY"), "AZ");
   EXPECT_EQ(step("AZ"), "Aa");
@@ -34,8 +25,7 @@ TEST(PartTable, PrefixesRunThroughCapitalsThenLowerCase) {
   EXPECT_EQ(step("zz"), "AA");
 }
 
-TEST(PartTable, PrefixTableGivesEachFileNameItsOwnPrefix) {
-  TempDir tmp;
+TEST_F(PartTable, PrefixTableGivesEachFileNameItsOwnPrefix) {
   std::string partition = tmp.str();
   char target[512];
   ASSERT_EQ(form_relative_dirname(target, sizeof target, partition.c_str(), "/acct/CUSTOMERS"), 0);
@@ -51,8 +41,7 @@ TEST(PartTable, PrefixTableGivesEachFileNameItsOwnPrefix) {
   EXPECT_EQ(std::string(target), partition + "/AaNEXT");
 }
 
-TEST(PartTable, TableFileRowsFollowTheDefaultRow) {
-  TempDir tmp;
+TEST_F(PartTable, TableFileRowsFollowTheDefaultRow) {
   std::string home = tmp.str();
   std::ofstream(home + "/parttbl") << "# partitions\n/data/p1 2000 1\n\n/data/p2 10 2 # second\n";
   setenv("MRVHOME", (home + "/").c_str(), 1);
@@ -68,9 +57,7 @@ TEST(PartTable, TableFileRowsFollowTheDefaultRow) {
   EXPECT_STREQ(M_part_table[2].path, "/data/p2");
   EXPECT_EQ(M_part_table[2].reserve, 10u);
   std::ofstream(home + "/parttbl") << "/data/p1 many 1\n";
-  testing::internal::CaptureStdout();
-  EXPECT_EQ(M_load_part_table(), -1);
-  testing::internal::GetCapturedStdout();
+  stdout_of([&] { EXPECT_EQ(M_load_part_table(), -1); });
   unsetenv("MRVHOME");
   unsetenv("MRVBIN");
   reset_root_for_tests();
@@ -78,7 +65,7 @@ TEST(PartTable, TableFileRowsFollowTheDefaultRow) {
   EXPECT_EQ(M_part_table.size(), 1u);
 }
 
-TEST(PartTable, SpaceCheckUsesTheReserve) {
+TEST_F(PartTable, SpaceCheckUsesTheReserve) {
   M_load_part_table();
   uint32_t cell = 3000;
   PartTableRow row;
@@ -94,7 +81,7 @@ TEST(PartTable, SpaceCheckUsesTheReserve) {
   M_load_part_table();
 }
 
-TEST(PartTable, PartsGoToAnotherPartitionThroughALink) {
+TEST_F(PartTable, PartsGoToAnotherPartitionThroughALink) {
   struct stat shm, build;
   if (stat("/dev/shm", &shm) != 0 || stat(REEL_TEST_TMP, &build) != 0 || shm.st_dev == build.st_dev ||
       access("/dev/shm", W_OK) != 0)
@@ -102,8 +89,6 @@ TEST(PartTable, PartsGoToAnotherPartitionThroughALink) {
   std::string partition = "/dev/shm/mrv_parttbl_" + std::to_string(getpid());
   NT_RemoveFile(partition.c_str(), "");
   mkdir(partition.c_str(), 0777);
-  TempDir tmp;
-  std::string dir = tmp.str();
   M_load_part_table();
   M_part_table[0].reserve = 0x7FFFFFFF;  // the file's own disk is "full"
   PartTableRow row;
@@ -132,7 +117,7 @@ TEST(PartTable, PartsGoToAnotherPartitionThroughALink) {
   NT_RemoveFile(partition.c_str(), "");
 }
 
-TEST(PartTable, IllegalPartNames) {
+TEST_F(PartTable, IllegalPartNames) {
   REL_TYPE rel;
   rel.block_size = 1024;
   uint32_t device = 0;
@@ -141,12 +126,9 @@ TEST(PartTable, IllegalPartNames) {
   EXPECT_EQ(M_create_part_file(&rel, "/tmp/x/notes", &device, 1024, 0), -1);
   std::string out = testing::internal::GetCapturedStdout();
   EXPECT_EQ(out, "filename (dat001) is illegal.\nfilename (/tmp/x/notes) is illegal.\n");
-  TempDir tmp;
-  std::string dir = tmp.str();
   std::ofstream(dir + "/dat001") << "x";
-  testing::internal::CaptureStdout();
-  EXPECT_EQ(M_create_part_file(&rel, (dir + "/dat001").c_str(), &device, 1024, 0), -1);
-  EXPECT_EQ(testing::internal::GetCapturedStdout(), "File (" + dir + "/dat001) is existed.\n");
+  EXPECT_EQ(stdout_of([&] { EXPECT_EQ(M_create_part_file(&rel, (dir + "/dat001").c_str(), &device, 1024, 0), -1); }),
+            "File (" + dir + "/dat001) is existed.\n");
 }
 
 }  // namespace

@@ -1,18 +1,14 @@
 // mrvfile index, run as users run it: indexes kept up to date by put and
 // delete, a rebuild through mrvsort that gives the same scan, and the
 // refusals in words.
-#include <gtest/gtest.h>
-
-#include <filesystem>
-#include <fstream>
-#include <sstream>
-#include <string>
 
 #include "support/files.h"
 #include "support/run_program.h"
 #include "support/temp_dir.h"
 
 namespace {
+
+using MrvfileIndex = ScratchTest;
 
 ProgramResult mrvfile(const std::string& arguments, const std::string& input = "",
                       const std::vector<std::pair<std::string, std::string>>& env = {{"MRVBIN", REEL_BIN_DIR}}) {
@@ -32,8 +28,7 @@ std::string record(const std::string& name, const std::string& tags) {
   return r;
 }
 
-TEST(MrvfileIndex, UpkeepAndRebuildGiveTheSameScan) {
-  TempDir tmp;
+TEST_F(MrvfileIndex, UpkeepAndRebuildGiveTheSameScan) {
   std::string f = tmp.str() + "/F";
   ASSERT_EQ(mrvfile("create --dynamic " + f).status, 0);
   ASSERT_EQ(mrvfile("index add " + f + " NAME 1 --key-length 8").status, 0);
@@ -65,8 +60,7 @@ TEST(MrvfileIndex, UpkeepAndRebuildGiveTheSameScan) {
   EXPECT_EQ(list.output, "NAME\tfield 1\tsingle\ttext\tusable\nTAGS\tfield 2\tmultivalued\ttext\tusable\n");
 }
 
-TEST(MrvfileIndex, ALoadIsCaughtUpByABuild) {
-  TempDir tmp;
+TEST_F(MrvfileIndex, ALoadIsCaughtUpByABuild) {
   std::string f = tmp.str() + "/F";
   ASSERT_EQ(mrvfile("create --dynamic " + f).status, 0);
   ASSERT_EQ(mrvfile("index add " + f + " NAME 1 --later").status, 0);
@@ -86,8 +80,7 @@ TEST(MrvfileIndex, ALoadIsCaughtUpByABuild) {
   EXPECT_EQ(std::count(found.output.begin(), found.output.end(), '\n'), 30);
 }
 
-TEST(MrvfileIndex, RefusalsInWords) {
-  TempDir tmp;
+TEST_F(MrvfileIndex, RefusalsInWords) {
   std::string f = tmp.str() + "/S";
   ASSERT_EQ(mrvfile("create " + f).status, 0);
   EXPECT_EQ(mrvfile("index add " + f + " N x").status, 2);
@@ -138,8 +131,7 @@ TEST(MrvfileIndex, RefusalsInWords) {
   EXPECT_NE(check.output.find(f + ": the index file is damaged"), std::string::npos);
 }
 
-TEST(MrvfileIndex, DroppingTheLastIndexRemovesTheIndexFile) {
-  TempDir tmp;
+TEST_F(MrvfileIndex, DroppingTheLastIndexRemovesTheIndexFile) {
   std::string f = tmp.str() + "/D";
   ASSERT_EQ(mrvfile("create --dynamic " + f).status, 0);
   ASSERT_EQ(mrvfile("index add " + f + " A 0").status, 0);

@@ -1,18 +1,16 @@
 // The mrvfile program, run as users run it.
-#include <gtest/gtest.h>
 
 #include <algorithm>
-#include <filesystem>
 #include <fstream>
 #include <sstream>
-#include <string>
-#include <vector>
 
 #include "flib/fl_filehdr.h"
 #include "support/run_program.h"
 #include "support/temp_dir.h"
 
 namespace {
+
+using Mrvfile = ScratchTest;
 
 // Runs mrvfile with the words of `arguments` (split at spaces).
 ProgramResult mrvfile(const std::string& arguments, const std::string& input = "") {
@@ -24,9 +22,7 @@ ProgramResult mrvfile(const std::string& arguments, const std::string& input = "
   return run_program(run);
 }
 
-TEST(Mrvfile, CreateInfoAndCheckOfBothKinds) {
-  TempDir tmp;
-  std::string dir = tmp.str();
+TEST_F(Mrvfile, CreateInfoAndCheckOfBothKinds) {
   ASSERT_EQ(mrvfile("create --modulo 7 --block 2 --hash 1 " + dir + "/S").status, 0);
   EXPECT_EQ(std::filesystem::file_size(dir + "/S"), 8u * 2048);
   ProgramResult info = mrvfile("info " + dir + "/S");
@@ -50,9 +46,7 @@ TEST(Mrvfile, CreateInfoAndCheckOfBothKinds) {
   EXPECT_EQ(mrvfile("check " + dir + "/D").status, 0);
 }
 
-TEST(Mrvfile, CheckReportsDamageAndFails) {
-  TempDir tmp;
-  std::string dir = tmp.str();
+TEST_F(Mrvfile, CheckReportsDamageAndFails) {
   ASSERT_EQ(mrvfile("create --modulo 3 " + dir + "/S").status, 0);
   {
     std::fstream f(dir + "/S", std::ios::in | std::ios::out | std::ios::binary);
@@ -66,9 +60,7 @@ TEST(Mrvfile, CheckReportsDamageAndFails) {
   EXPECT_NE(check.output.find(dir + "/S: 1 finding\n"), std::string::npos);
 }
 
-TEST(Mrvfile, UsageAndRefusals) {
-  TempDir tmp;
-  std::string dir = tmp.str();
+TEST_F(Mrvfile, UsageAndRefusals) {
   EXPECT_EQ(mrvfile("").status, 2);
   EXPECT_EQ(mrvfile("frobnicate x").status, 2);
   EXPECT_EQ(mrvfile("create --modulo").status, 2);
@@ -81,9 +73,7 @@ TEST(Mrvfile, UsageAndRefusals) {
 
 // Each command that opens a file names it and says in words what is wrong,
 // with no message number of the library.
-TEST(Mrvfile, FailuresNameTheFileAndTheFault) {
-  TempDir tmp;
-  const std::string dir = tmp.str();
+TEST_F(Mrvfile, FailuresNameTheFileAndTheFault) {
   std::filesystem::create_directory(dir + "/plain_dir");
   std::ofstream(dir + "/text") << "not a hashed file at all, but long enough to be read as a header? no.\n";
   struct Case {
@@ -132,8 +122,7 @@ std::string sorted_listing(const std::string& path) {
   return joined;
 }
 
-TEST(Mrvfile, ResizeKeepsEveryRecordAtTheNewModulo) {
-  TempDir tmp;
+TEST_F(Mrvfile, ResizeKeepsEveryRecordAtTheNewModulo) {
   for (const char* kind : {"", "--dynamic "}) {
     const std::string f = tmp.str() + (*kind != '\0' ? "/D" : "/S");
     ASSERT_EQ(mrvfile("create " + std::string(kind) + "--modulo 2 --block 1 " + f).status, 0);
@@ -164,8 +153,7 @@ TEST(Mrvfile, ResizeKeepsEveryRecordAtTheNewModulo) {
   }
 }
 
-TEST(Mrvfile, ResizeRefusesAndLeavesTheFileAsItWas) {
-  TempDir tmp;
+TEST_F(Mrvfile, ResizeRefusesAndLeavesTheFileAsItWas) {
   const std::string f = tmp.str() + "/S";
   ASSERT_EQ(mrvfile("create --modulo 3 " + f).status, 0);
   ASSERT_EQ(mrvfile("load " + f, "A\t1\nB\t2\n").status, 0);
@@ -196,8 +184,7 @@ TEST(Mrvfile, ResizeRefusesAndLeavesTheFileAsItWas) {
   EXPECT_EQ(sorted_listing(f), "A\t1\nB\t2\n");
 }
 
-TEST(Mrvfile, RecordsGoInComeOutAndGo) {
-  TempDir tmp;
+TEST_F(Mrvfile, RecordsGoInComeOutAndGo) {
   std::string f = tmp.str() + "/D";
   ASSERT_EQ(mrvfile("create --dynamic --modulo 3 " + f).status, 0);
   std::string record("line 1\nline\t2\\\xFE\x00" "end", 19);
@@ -228,8 +215,7 @@ TEST(Mrvfile, RecordsGoInComeOutAndGo) {
 
 // Puts one by one grow a dynamic file by splits; a load through the
 // memory-buffered writer does not split.
-TEST(Mrvfile, PutsGrowAKeyDataFileALoadDoesNot) {
-  TempDir tmp;
+TEST_F(Mrvfile, PutsGrowAKeyDataFileALoadDoesNot) {
   std::string f = tmp.str() + "/KD";
   ASSERT_EQ(mrvfile("create --keydata " + f).status, 0);
   std::string text;

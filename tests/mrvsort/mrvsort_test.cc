@@ -1,17 +1,15 @@
 // The mrvsort program, as the index build starts it.
-#include <gtest/gtest.h>
 
 #include <algorithm>
-#include <filesystem>
 #include <random>
-#include <string>
-#include <vector>
 
 #include "support/files.h"
 #include "support/run_program.h"
 #include "support/temp_dir.h"
 
 namespace {
+
+using Mrvsort = ScratchTest;
 
 ProgramResult mrvsort(const std::vector<std::string>& args, const std::string& input = "") {
   ProgramRun run;
@@ -27,7 +25,7 @@ std::string joined(const std::vector<std::string>& lines) {
   return out;
 }
 
-TEST(Mrvsort, ByteOrderReverseAndUnique) {
+TEST_F(Mrvsort, ByteOrderReverseAndUnique) {
   // Bytes compare unsigned; a prefix sorts first; a last line without a
   // newline gets one.
   std::string input = "b\na\n\xff\nab\na\n\nb";
@@ -38,16 +36,14 @@ TEST(Mrvsort, ByteOrderReverseAndUnique) {
   EXPECT_EQ(both.output, "\xff\nb\nab\na\n\n");
 }
 
-TEST(Mrvsort, OutputMayBeTheInput) {
-  TempDir tmp;
+TEST_F(Mrvsort, OutputMayBeTheInput) {
   std::string f = tmp.str() + "/lines";
   spill(f, "3\n1\n2\n1\n");
   ASSERT_EQ(mrvsort({"-u", "-r", "-o", f, f}).status, 0);
   EXPECT_EQ(slurp(f), "3\n2\n1\n");
 }
 
-TEST(Mrvsort, AFileLargerThanItsMemoryIsSortedInRuns) {
-  TempDir tmp;
+TEST_F(Mrvsort, AFileLargerThanItsMemoryIsSortedInRuns) {
   std::string runs = tmp.str() + "/runs";
   std::filesystem::create_directories(runs);
   std::mt19937 rng(7);
@@ -75,7 +71,7 @@ TEST(Mrvsort, AFileLargerThanItsMemoryIsSortedInRuns) {
   }
 }
 
-TEST(Mrvsort, Refusals) {
+TEST_F(Mrvsort, Refusals) {
   ProgramResult bad = mrvsort({"-x"});
   EXPECT_EQ(bad.status, 2);
   EXPECT_NE(bad.output.find("mrvsort: unknown option -x"), std::string::npos);

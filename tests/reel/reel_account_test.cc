@@ -1,9 +1,4 @@
 // Account set-up and close-down in a scratch directory.
-#include <gtest/gtest.h>
-
-#include <cstdio>
-#include <filesystem>
-#include <string>
 
 #include "NT/NT_command.h"
 #include "flib/fl_read.h"

@@ -1,19 +1,10 @@
 // Record loading: buffers, flushes, the resize before the first write, the
 // end of a file, and the spill of the long buffer.
-#include <gtest/gtest.h>
-
-#include <algorithm>
-#include <cstdio>
-#include <filesystem>
-#include <string>
 
 #include "common/mrv_marks.h"
 #include "flib/fl_test_util.h"
-#include "flib/fl_create.h"
 #include "flib/fl_hash.h"
 #include "flib/fl_mem.h"
-#include "flib/fl_open.h"
-#include "flib/fl_read.h"
 #include "reel/account_child.h"
 #include "reel/reel_app_tuple.h"
 #include "reel/reel_target.h"

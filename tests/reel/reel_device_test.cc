@@ -1,17 +1,8 @@
 // Logical reads over tapes made by the tape writer: block numbering, short
 // blocks, labels and reel changes, the packed transports and -M.
-#include <gtest/gtest.h>
-#include <unistd.h>
-
-#include <cstdio>
-#include <cstdlib>
-#include <vector>
 
 #include "reel/reel_current.h"
-#include "reel/reel_device.h"
-#include "reel/reel_settings.h"
 #include "reel/reel_tape_format.h"
-#include "reel/reel_tape_script.h"
 #include "reel/reel_tape_writer.h"
 #include "reel/reel_util.h"
 #include "reel/tape_child.h"

@@ -1,18 +1,9 @@
 // The walk over a save: how blocks are classified by length, the name rules
 // of a file, the -D, -R and -L options, and the -T moves of a finished file.
-#include <gtest/gtest.h>
-#include <unistd.h>
-
-#include <cstdio>
-#include <string>
-#include <vector>
 
 #include "reel/reel_account.h"
-#include "reel/reel_current.h"
-#include "reel/reel_device.h"
 #include "reel/reel_dispatch.h"
 #include "reel/reel_options.h"
-#include "reel/reel_settings.h"
 #include "reel/reel_tape_format.h"
 #include "reel/reel_tape_writer.h"
 #include "reel/tape_child.h"

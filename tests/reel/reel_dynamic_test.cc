@@ -4,11 +4,7 @@
 // "overflow", and a record cut over pages that grows past the limit.
 #include "reel/reel_dynamic.h"
 
-#include <gtest/gtest.h>
-#include <unistd.h>
-
 #include <cstdio>
-#include <string>
 #include <vector>
 
 #include "reel/reel_app_tuple.h"

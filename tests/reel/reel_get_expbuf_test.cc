@@ -5,9 +5,6 @@
 #include <cstring>
 #include <deque>
 #include <fstream>
-#include <string>
-
-#include <gtest/gtest.h>
 
 #include "support/temp_dir.h"
 

@@ -1,10 +1,6 @@
 // The run driver's interrupt key, answers and ways out.
 #include "reel/reel_init.h"
 
-#include <csignal>
-#include <cstdio>
-#include <string>
-
 #include <gtest/gtest.h>
 
 #include "NT/NT_signal.h"
@@ -85,12 +81,6 @@ TEST(GetAnswer, EndOfInputSaysSoAndTakesTheAnswerThatLosesNothing) {
       "");
   EXPECT_EQ(r.status, 0);
   EXPECT_EQ(r.output, "End of input while waiting for an answer.\nEnd of input while waiting for an answer.\nQ|-1");
-}
-
-TEST(Finish, TheFinishedLineAndStatusOne) {
-  ProgramResult r = run_in_child([] { reel_finish(); });
-  EXPECT_EQ(r.status, 1);
-  EXPECT_EQ(r.output, REEL_FINISHED);
 }
 
 }  // namespace

@@ -3,10 +3,6 @@
 // can't be written is reported and the caller goes on.
 #include "reel/reel_member.h"
 
-#include <gtest/gtest.h>
-
-#include <string>
-
 #include "common/mrv_marks.h"
 #include "support/files.h"
 #include "support/run_program.h"

@@ -2,16 +2,8 @@
 // and what the next run learns from it.
 #include "reel/reel_resume.h"
 
-#include <gtest/gtest.h>
-#include <unistd.h>
-
 #include <algorithm>
-#include <filesystem>
-#include <string>
 
-#include "reel/reel_current.h"
-#include "support/files.h"
-#include "support/run_program.h"
 #include "tape_child.h"
 
 namespace {

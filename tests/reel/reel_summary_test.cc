@@ -3,11 +3,6 @@
 // incomplete with what it holds.
 #include "reel/reel_summary.h"
 
-#include <gtest/gtest.h>
-
-#include <filesystem>
-#include <string>
-
 #include "common/mrv_json.h"
 #include "reel/reel_current.h"
 #include "support/files.h"

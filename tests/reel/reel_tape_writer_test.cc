@@ -1,18 +1,11 @@
 // The -M conversions, the label's tape form and the mkreel program.
-#include <gtest/gtest.h>
 
-#include <cstdio>
 #include <cstring>
-#include <string>
-#include <vector>
 
 #include "reel/reel_convert.h"
-#include "reel/reel_device.h"
-#include "reel/reel_settings.h"
 #include "reel/reel_tape_format.h"
 #include "reel/reel_util.h"
 #include "reel/tape_child.h"
-#include "support/run_program.h"
 
 namespace {
 

@@ -1,13 +1,7 @@
 // tapeinfo: finding the unit's line, the three printed lines and the
 // failures.
-#include <gtest/gtest.h>
 
-#include <cstdlib>
-#include <filesystem>
-#include <string>
-
-#include "common/mrv_msg.h"
-#include "reel/reel_device.h"
+#include "support/console.h"
 #include "reel/tape_child.h"
 
 namespace {
@@ -15,16 +9,8 @@ namespace {
 using tape_test::scratch;
 using tape_test::TapeChild;
 
-// Console messages are collected in the message buffer while a test runs.
 class Tapeinfo : public testing::Test {
  protected:
-  void SetUp() override {
-    msg_output_fd = 1;
-    msg_buffer_fill = 0;
-    msg_buffer[0] = '\0';
-  }
-  void TearDown() override { msg_output_fd = -1; }
-
   std::string home(const std::string& name, const std::string& table) {
     std::string dir = scratch("tapeinfo_" + name);
     std::filesystem::create_directories(dir + "/sys");
@@ -32,7 +18,8 @@ class Tapeinfo : public testing::Test {
     setenv("MRVHOME", dir.c_str(), 1);
     return dir;
   }
-  std::string messages() const { return std::string(msg_buffer, msg_buffer_fill); }
+  std::string messages() const { return console_.text(); }
+  ConsoleCapture console_;
 };
 
 TEST_F(Tapeinfo, BlockSizeLimitAndTenLinesSearched) {
@@ -53,7 +40,7 @@ TEST_F(Tapeinfo, BlockSizeLimitAndTenLinesSearched) {
       {"long", long_line + "0 b rb 8192\n", 0, not_found},  // 100 characters read as two lines
   };
   for (const Case& c : cases) {
-    msg_buffer_fill = 0;
+    console_.clear();
     home(c.name, c.table);
     EXPECT_EQ(reel_read_tapeinfo('0'), c.result) << c.name;
     EXPECT_EQ(messages(), c.messages) << c.name;
@@ -86,7 +73,7 @@ TEST_F(Tapeinfo, MissingTableAndMissingHome) {
   EXPECT_EQ(reel_read_tapeinfo('0'), 1);
   EXPECT_EQ(non_rewind_device, "found");
 
-  msg_buffer_fill = 0;
+  console_.clear();
   std::filesystem::remove(dir + "/include/path");
   EXPECT_EQ(reel_read_tapeinfo('0'), 0);
   EXPECT_EQ(messages(), "Please setenv MRVHOME!\n");

@@ -1,13 +1,7 @@
 // Names on disk, creation of targets and their VOC entries, in a real account.
-#include <gtest/gtest.h>
-
-#include <cstdio>
-#include <filesystem>
-#include <string>
 
 #include "NT/NT_access.h"
 #include "flib/fl_test_util.h"
-#include "flib/fl_open.h"
 #include "reel/account_child.h"
 #include "reel/reel_get_expbuf.h"
 #include "reel/reel_target.h"

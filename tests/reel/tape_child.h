@@ -33,11 +33,7 @@ inline std::string scratch(const std::string& name) {
   return dir.string();
 }
 
-inline size_t count_of(const std::string& text, const std::string& part) {
-  size_t n = 0;
-  for (size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + 1)) ++n;
-  return n;
-}
+using ::count_of;
 
 // A unit directory: tapeinfo names "t.tap" (or the device of `line`)
 // relative to it.

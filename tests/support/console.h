@@ -1,10 +1,20 @@
 // Console messages collected in the message buffer while a test runs,
-// instead of going to standard output.
+// instead of going to standard output; and what a call printed there.
 #pragma once
+
+#include <gtest/gtest.h>
 
 #include <string>
 
 #include "common/mrv_msg.h"
+
+// What `call` printed on standard output.
+template <class Call>
+std::string stdout_of(Call&& call) {
+  testing::internal::CaptureStdout();
+  call();
+  return testing::internal::GetCapturedStdout();
+}
 
 class ConsoleCapture {
  public:

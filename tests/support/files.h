@@ -1,4 +1,4 @@
-// Small file helpers for tests.
+// Small file and text helpers for tests.
 #pragma once
 
 #include <filesystem>
@@ -15,4 +15,11 @@ inline std::string slurp(const std::filesystem::path& path) {
 
 inline void spill(const std::filesystem::path& path, const std::string& text) {
   std::ofstream(path, std::ios::binary) << text;
+}
+
+// How often `part` stands in `text`, overlaps counted.
+inline size_t count_of(const std::string& text, const std::string& part) {
+  size_t n = 0;
+  for (size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + 1)) ++n;
+  return n;
 }

@@ -33,3 +33,10 @@ class TempDir {
  private:
   std::filesystem::path path_;
 };
+
+// A test with a scratch directory of its own: `tmp`, and `dir` its path.
+class ScratchTest : public testing::Test {
+ protected:
+  TempDir tmp;
+  const std::string dir = tmp.str();
+};

@@ -75,7 +75,7 @@ int run_grow(const std::string& path, long records, long block, int32_t type) {
     return 1;
   }
   REL_TYPE rel;
-  if (M_openfile(&rel, path.c_str(), 2) != 1) return 1;
+  if (M_openfile(&rel, path.c_str(), OpenMode::ReadWrite) != 1) return 1;
   auto phase = [&](const char* what, auto&& step) {
     auto start = std::chrono::steady_clock::now();
     for (uint32_t i = 0; i < static_cast<uint32_t>(records); ++i)
@@ -153,7 +153,7 @@ int main(int argc, char** argv) {
     return 1;
   }
   REL_TYPE rel;
-  if (M_openfile(&rel, path.c_str(), 2) != 1) return 1;
+  if (M_openfile(&rel, path.c_str(), OpenMode::ReadWrite) != 1) return 1;
   // A restore hands records over in group order.
   std::vector<std::pair<uint32_t, uint32_t>> order(static_cast<size_t>(records));
   for (uint32_t i = 0; i < order.size(); ++i) {

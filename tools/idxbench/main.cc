@@ -70,7 +70,7 @@ int main(int argc, char** argv) {
     return 1;
   }
   REL_TYPE rel;
-  if (M_openfile(&rel, path.c_str(), 2) != 1 || M_init_mem_buffers(&rel) != 1) return 1;
+  if (M_openfile(&rel, path.c_str(), OpenMode::ReadWrite) != 1 || M_init_mem_buffers(&rel) != 1) return 1;
   auto start = std::chrono::steady_clock::now();
   for (long i = 0; i < records; ++i) {
     std::string k = "R" + std::to_string(i), r = record_of(static_cast<uint64_t>(i), records);

@@ -21,6 +21,8 @@
 #include <string>
 #include <vector>
 
+#include "flib/fl_open.h"
+
 struct REL_TYPE;
 
 using Args = std::vector<std::string>;
@@ -40,7 +42,7 @@ int mrvfile_verify(const Args& args);
 // Opens `path` (mode as M_openfile takes it: 0 read, 2 read-write); when it
 // can't, prints "mrvfile: PATH: <what is wrong>" ("no such file",
 // "permission denied", "not a hashed file ...") and returns false.
-bool mrvfile_open(REL_TYPE* rel, const std::string& path, int32_t mode);
+bool mrvfile_open(REL_TYPE* rel, const std::string& path, OpenMode mode);
 // What stands in the way of opening `path` for reading (and writing), in
 // words; empty when nothing does.
 std::string mrvfile_path_problem(const std::string& path, bool write);

@@ -41,7 +41,7 @@ int find_row(REL_TYPE* rel, const std::string& path, const std::string& name) {
 // Opens PATH for reading and finds index NAME with a tree to walk; the row,
 // or -1 after a message (the file is closed again).
 int open_tree(REL_TYPE* rel, const std::string& path, const std::string& name) {
-  if (!mrvfile_open(rel, path, 0)) return -1;
+  if (!mrvfile_open(rel, path, OpenMode::Read)) return -1;
   int row = find_row(rel, path, name);
   if (row >= 0 && rel->index->rows[static_cast<size_t>(row)].entry.root == IDX_NONE) {
     std::fprintf(stderr, "mrvfile: index %s has no tree of its own (field type %c)\n", name.c_str(),
@@ -107,7 +107,7 @@ int index_add(const Args& a) {
     }
   }
   REL_TYPE rel;
-  if (!mrvfile_open(&rel, a[0], 2)) return 1;
+  if (!mrvfile_open(&rel, a[0], OpenMode::ReadWrite)) return 1;
   if (rel.index == nullptr) {
     if (o.block_code >= 0 && o.block_code <= IDX_MAX_BLOCK_CODE && o.key_length > 0 &&
         !key_length_fits(o.key_length, idx_block_size(o.block_code))) {
@@ -140,7 +140,7 @@ int index_add(const Args& a) {
 int index_list(const Args& a) {
   if (a.size() != 1) return mrvfile_usage();
   REL_TYPE rel;
-  if (!mrvfile_open(&rel, a[0], 0)) return 1;
+  if (!mrvfile_open(&rel, a[0], OpenMode::Read)) return 1;
   if (rel.index != nullptr) {
     for (size_t row = 0; row < rel.index->rows.size(); ++row) {
       const IndexEntry& e = rel.index->rows[row].entry;
@@ -163,7 +163,7 @@ int index_list(const Args& a) {
 int index_build(const Args& a) {
   if (a.size() != 1 && a.size() != 2) return mrvfile_usage();
   REL_TYPE rel;
-  if (!mrvfile_open(&rel, a[0], 2)) return 1;
+  if (!mrvfile_open(&rel, a[0], OpenMode::ReadWrite)) return 1;
   int status = 0;
   if (rel.index == nullptr) {
     std::fprintf(stderr, "mrvfile: %s has no index\n", a[0].c_str());
@@ -219,7 +219,7 @@ int index_find(const Args& a) {
 int index_drop(const Args& a) {
   if (a.size() != 2) return mrvfile_usage();
   REL_TYPE rel;
-  if (!mrvfile_open(&rel, a[0], 2)) return 1;
+  if (!mrvfile_open(&rel, a[0], OpenMode::ReadWrite)) return 1;
   int row = find_row(&rel, a[0], a[1]);
   int r = row >= 0 ? M_drop_index(&rel, a[1].c_str()) : 0;
   M_closefile(&rel);
@@ -231,7 +231,7 @@ int index_check(const Args& a) {
   // The data is opened alone, so that the index's own checks speak.
   std::string problem = mrvfile_path_problem(a[0], false);
   REL_TYPE rel;
-  if (!problem.empty() || M_openfile(&rel, a[0].c_str(), OPEN_NO_INDEX) != 1) {
+  if (!problem.empty() || M_openfile(&rel, a[0].c_str(), OpenMode::Read, OPEN_NO_INDEX) != 1) {
     std::fprintf(stderr, "mrvfile: %s: %s\n", a[0].c_str(), problem.empty() ? "does not open" : problem.c_str());
     return 1;
   }

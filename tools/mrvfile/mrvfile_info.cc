@@ -27,7 +27,7 @@ void print_language(const std::string& path) {
 int mrvfile_info(const Args& args) {
   if (args.size() != 1) return mrvfile_usage();
   REL_TYPE rel;
-  if (!mrvfile_open(&rel, args[0], 0)) return 1;
+  if (!mrvfile_open(&rel, args[0], OpenMode::Read)) return 1;
   bool dynamic = rel_is_dynamic(&rel);
   std::printf("path: %s\n", rel.path);
   std::printf("kind: %s\n", hash_is_key_range(rel.hashtype) ? "key-range" : dynamic ? "dynamic" : "static");

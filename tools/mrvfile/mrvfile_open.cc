@@ -87,8 +87,8 @@ bool mrvfile_is_hashed(const std::string& path) {
   return S_ISDIR(st.st_mode) && stat((path + kFirstPart).c_str(), &st) == 0;
 }
 
-bool mrvfile_open(REL_TYPE* rel, const std::string& path, int32_t mode) {
-  std::string problem = mrvfile_path_problem(path, mode != 0);
+bool mrvfile_open(REL_TYPE* rel, const std::string& path, OpenMode mode) {
+  std::string problem = mrvfile_path_problem(path, mode != OpenMode::Read);
   if (problem.empty()) {
     QuietLibrary quiet;
     M_set_last_message_number(0);
@@ -101,7 +101,7 @@ bool mrvfile_open(REL_TYPE* rel, const std::string& path, int32_t mode) {
 
 int64_t mrvfile_count_records(const std::string& path) {
   REL_TYPE rel;
-  if (!mrvfile_open(&rel, path, 0)) return -1;
+  if (!mrvfile_open(&rel, path, OpenMode::Read)) return -1;
   int64_t n = 0;
   int r = M_for_each_key(&rel, [&](const uint8_t*, int32_t, const uint8_t*, int32_t, uint32_t) {
     ++n;

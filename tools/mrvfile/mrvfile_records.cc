@@ -33,7 +33,7 @@ int mrvfile_put(const Args& args) {
   if (args.size() != 2) return mrvfile_usage();
   std::string record = read_all(std::cin);
   REL_TYPE rel;
-  if (!mrvfile_open(&rel, args[0], 2)) return 1;
+  if (!mrvfile_open(&rel, args[0], OpenMode::ReadWrite)) return 1;
   int r = M_append_strtuple(&rel, bytes(args[1]), length(args[1]), bytes(record), length(record), 0, nullptr);
   M_closefile(&rel);
   return r == 1 ? 0 : 1;
@@ -42,7 +42,7 @@ int mrvfile_put(const Args& args) {
 int mrvfile_get(const Args& args) {
   if (args.size() != 2) return mrvfile_usage();
   REL_TYPE rel;
-  if (!mrvfile_open(&rel, args[0], 0)) return 1;
+  if (!mrvfile_open(&rel, args[0], OpenMode::Read)) return 1;
   std::string record;
   int r = M_read_tuple(&rel, bytes(args[1]), length(args[1]), &record);
   M_closefile(&rel);
@@ -55,7 +55,7 @@ int mrvfile_get(const Args& args) {
 int mrvfile_delete(const Args& args) {
   if (args.size() != 2) return mrvfile_usage();
   REL_TYPE rel;
-  if (!mrvfile_open(&rel, args[0], 2)) return 1;
+  if (!mrvfile_open(&rel, args[0], OpenMode::ReadWrite)) return 1;
   int r = M_delete_tuple(&rel, bytes(args[1]), length(args[1]), nullptr);
   M_closefile(&rel);
   if (r == 0) std::fprintf(stderr, "mrvfile: %s: no record %s\n", args[0].c_str(), args[1].c_str());
@@ -66,7 +66,7 @@ int mrvfile_list(const Args& args) {
   bool records = !args.empty() && args[0] == "--records";
   if (args.size() != (records ? 2u : 1u)) return mrvfile_usage();
   REL_TYPE rel;
-  if (!mrvfile_open(&rel, args.back(), 0)) return 1;
+  if (!mrvfile_open(&rel, args.back(), OpenMode::Read)) return 1;
   std::string record;
   int r = M_for_each_key(&rel, [&](const uint8_t* key, int32_t key_length, const uint8_t* block, int32_t row,
                                    uint32_t address) {
@@ -115,7 +115,7 @@ int mrvfile_load(const Args& args) {
     records.push_back(std::move(entry));
   }
   REL_TYPE rel;
-  if (!mrvfile_open(&rel, args[0], 2)) return 1;
+  if (!mrvfile_open(&rel, args[0], OpenMode::ReadWrite)) return 1;
   // In group order, as a restore hands them over: the head blocks are then
   // written in long runs.
   std::vector<std::pair<uint32_t, size_t>> order;

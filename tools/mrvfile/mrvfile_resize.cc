@@ -116,7 +116,7 @@ int mrvfile_resize(const Args& args) {
     return fail(path, "has " + std::to_string(indexes) +
                           " alternate key index(es): drop them with 'mrvfile index drop', resize, and add them again");
   REL_TYPE from;
-  if (!mrvfile_open(&from, path, 0)) return 1;
+  if (!mrvfile_open(&from, path, OpenMode::Read)) return 1;
   if (hash_is_key_range(from.hashtype)) {
     M_closefile(&from);
     return fail(path, "a key-range file keeps its layout and cannot be resized");
@@ -129,7 +129,7 @@ int mrvfile_resize(const Args& args) {
     return fail(copy, "cannot create the new layout (is the disk full?)");
   }
   REL_TYPE to;
-  if (!mrvfile_open(&to, copy, 2)) {
+  if (!mrvfile_open(&to, copy, OpenMode::ReadWrite)) {
     M_closefile(&from);
     remove_hashed(copy);
     return 1;

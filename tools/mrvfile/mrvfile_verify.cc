@@ -67,7 +67,7 @@ void check_path(Verify& v, const std::string& entry, const std::string& relative
 
 bool check_voc(Verify& v) {
   REL_TYPE voc;
-  if (!mrvfile_open(&voc, v.full("VOC"), 0)) return false;
+  if (!mrvfile_open(&voc, v.full("VOC"), OpenMode::Read)) return false;
   std::vector<std::pair<std::string, VocEntry>> entries;
   std::string record;
   int r = M_for_each_key(&voc, [&](const uint8_t* key, int32_t key_length, const uint8_t* block, int32_t row,

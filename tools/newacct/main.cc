@@ -69,7 +69,7 @@ int main() {
   }
   M_init_pools();
   if (M_load_part_table() < 0) return 1;
-  if (NT_access("VOC", 0) == 0) {
+  if (NT_access("VOC", AccessMode::Exists) == 0) {
     std::fprintf(stderr, "newacct: VOC already exists here; this is an account.\n");
     return 1;
   }
