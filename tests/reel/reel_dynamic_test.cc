@@ -166,7 +166,9 @@ TEST_F(DynDecoder, TheStoreKeepsManyPagesWrittenOrWaiting) {
   for (int32_t n = kPages; n >= 1; --n) {
     const bool fetched = n % 150 == 0 || (n + 140 <= kPages && (n + 140) % 150 == 0);
     ASSERT_EQ(reel_overflow_get(back.data(), n, &length), fetched ? 0 : 1) << n;
-    if (!fetched) EXPECT_TRUE(std::equal(back.begin(), back.begin() + DYN_PAGE_UNIT, page(n).begin())) << n;
+    if (!fetched) {
+      EXPECT_TRUE(std::equal(back.begin(), back.begin() + DYN_PAGE_UNIT, page(n).begin())) << n;
+    }
   }
 }
 
