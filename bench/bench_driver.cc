@@ -311,12 +311,14 @@ std::vector<uint32_t> read_order() {
   return order;
 }
 
-// Opens every restored file; the handles are indexed by file number.
-bool open_restored(std::vector<REL_TYPE>* rels) {
+// Opens every restored file; the handles are indexed by file number, and
+// the first `*opened` of them are open.
+bool open_restored(std::vector<REL_TYPE>* rels, int* opened = nullptr) {
   M_init_pools();
   if (M_load_part_table() < 0) return false;
   rels->resize(2 * kBenchFiles);
   int last = recs.files.empty() ? -1 : recs.files.back();
+  if (opened != nullptr) *opened = last + 1;
   for (int f = 0; f <= last; ++f) {
     std::string p = (account_dir() / bench_file_name(f)).string();
     if (M_openfile(&(*rels)[static_cast<size_t>(f)], p.c_str(), OpenMode::Read) != 1) {
@@ -329,11 +331,13 @@ bool open_restored(std::vector<REL_TYPE>* rels) {
 
 bool library_reads(double* seconds, double*) {
   std::vector<REL_TYPE> rels;
-  if (!open_restored(&rels)) return false;
+  int opened = 0;
+  if (!open_restored(&rels, &opened)) return false;
   // A read session holds each file shared, as the stores' readers hold
   // theirs: writers stay out, and no record needs a group lock of its own.
-  for (auto& rel : rels)
-    if (rel.fd >= 0 && M_lock_file(&rel, LOCK_SHARED) != 0) return false;
+  // (A dynamic file's handle shows no descriptor until a part is used.)
+  for (int f = 0; f < opened; ++f)
+    if (M_lock_file(&rels[static_cast<size_t>(f)], LOCK_SHARED) != 0) return false;
   std::vector<uint32_t> order = read_order();
   std::string got;
   uint64_t bytes = 0;

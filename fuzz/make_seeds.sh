@@ -1,8 +1,9 @@
 #!/bin/bash
 # Writes the seed corpora of the fuzz targets from fuzz/seeds with the
 # project's own programs: mkreel writes each seed tape, REEL_INTAKE
-# restores the plain ones into hashed files for the file target. Inputs are
-# named by their SHA-1, as libFuzzer names what it keeps.
+# restores the plain ones into hashed files for the file target and
+# analyses the plain one for a plan, beside the written plans of
+# fuzz/seeds/*.plan. Inputs are named by their SHA-1, as libFuzzer names what it keeps.
 #   fuzz/make_seeds.sh [BUILD_DIR]     (default build)
 set -euo pipefail
 here=$(cd "$(dirname "$0")" && pwd)
@@ -47,6 +48,16 @@ for list in "$here"/seeds/*.list; do
   keep lists "$list"
 done
 
+# Plans: the first byte of a plan_lines input picks the options, short
+# names in bit 0, -R ALL in bit 1.
+for plan in "$here"/seeds/*.plan; do
+  how=0
+  case $(basename "$plan" .plan) in
+    short-names) how=1 ;; taken-names) how=2 ;;
+  esac
+  keep plan_lines "$plan" "$(printf '%03o' "$how")"
+done
+
 # A complete mrvconfig as mrvconf writes it, and one with odd lines.
 "$bin/mrvconf" write "$work/mrvconfig" > /dev/null
 keep config_lines "$work/mrvconfig"
@@ -62,6 +73,11 @@ cp "$work/mrvconfig" "$home/include/mrvconfig"
 cp "$work/plain/t.tap" "$work/run/t.tap"
 (cd "$work/run" && MRVHOME=$home MRVBIN=$work/bin MRV_MSG_PAUSE_MS=0 TMP=$work \
    "$bin/REEL_INTAKE" ACC < /dev/null > /dev/null 2>&1) || true
+# The plan that an analysis of the plain seed writes.
+mkdir -p "$work/run/analysis"
+(cd "$work/run/analysis" && MRVHOME=$home MRVBIN=$work/bin MRV_MSG_PAUSE_MS=0 TMP=$work \
+   "$bin/REEL_INTAKE" -A plan < /dev/null > /dev/null 2>&1) || true
+keep plan_lines "$work/run/analysis/plan" 000
 for file in SALES/CUST SALES/D_CUST SALES/DUMP_VOC OTHER/PARTS; do
   # The restore stamps its files with the time: keep one set only.
   [ -n "$(ls "$corpus/hashed_file" 2> /dev/null)" ] && break

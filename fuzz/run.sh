@@ -13,7 +13,7 @@ root=$(cd "$here/.." && pwd)
 seconds=${1:-60}
 shift || true
 targets=("$@")
-[ ${#targets[@]} -eq 0 ] && targets=(tape_stream static_records member_text lists hashed_file dynamic_pages config_lines)
+[ ${#targets[@]} -eq 0 ] && targets=(tape_stream static_records member_text lists hashed_file dynamic_pages config_lines plan_lines)
 build=${FUZZ_BUILD:-$root/build-fuzz}
 
 if ! command -v clang++ > /dev/null; then

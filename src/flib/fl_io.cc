@@ -17,6 +17,7 @@
 #include "flib/fl_free.h"
 #include "flib/fl_globals.h"
 #include "flib/fl_hash.h"
+#include "flib/fl_lock.h"
 #include "flib/fl_mem.h"
 #include "flib/fl_rel.h"
 #include "flib/fl_report.h"
@@ -96,6 +97,7 @@ int M_get_fd(REL_TYPE* rel, uint32_t address) {
 void M_map_for_reading(REL_TYPE* rel) {
   M_unmap_reading(rel);
   struct stat st;
+  // A dynamic file's parts are mapped one by one at their first read.
   if (rel_is_dynamic(rel) || rel->fd < 0 || fstat(rel->fd, &st) != 0 || st.st_size <= 0) return;
   void* map = mmap(nullptr, static_cast<size_t>(st.st_size), PROT_READ, MAP_SHARED, rel->fd, 0);
   if (map == MAP_FAILED) return;
@@ -107,15 +109,51 @@ void M_unmap_reading(REL_TYPE* rel) {
   if (rel->read_map != nullptr) munmap(const_cast<uint8_t*>(rel->read_map), rel->read_map_length);
   rel->read_map = nullptr;
   rel->read_map_length = 0;
+  for (auto* parts : {&rel->primary, &rel->overflow})
+    for (PartEntry& p : *parts) {
+      if (p.read_map != nullptr) munmap(const_cast<uint8_t*>(p.read_map), p.read_map_length);
+      p.read_map = nullptr;
+      p.read_map_length = 0;
+      p.map_tried = false;
+    }
 }
 
 namespace {
 
-// A block of a static file: from the read session's mapping when it holds
-// the block, else by a read call.
-ssize_t read_block(REL_TYPE* rel, int fd, uint8_t* buffer, uint32_t b, uint32_t offset) {
-  if (rel->read_map != nullptr && fd == rel->fd && static_cast<size_t>(offset) + b <= rel->read_map_length) {
-    std::memcpy(buffer, rel->read_map + offset, b);
+// The mapping that a read session reads the block at `address` from: the
+// static file's, or that of the dynamic part, made now if this is the
+// part's first read in the session (`fd` is its open descriptor). Null
+// when there is none.
+const uint8_t* session_map(REL_TYPE* rel, int fd, uint32_t address, size_t* length) {
+  if (!rel_is_dynamic(rel)) {
+    *length = rel->read_map_length;
+    return fd == rel->fd ? rel->read_map : nullptr;
+  }
+  if (rel->file_lock != LOCK_SHARED) return nullptr;
+  PartEntry* part = M_part_entry(rel, address);
+  if (part == nullptr) return nullptr;
+  if (!part->map_tried) {
+    part->map_tried = true;
+    struct stat st;
+    if (fstat(fd, &st) == 0 && st.st_size > 0) {
+      void* map = mmap(nullptr, static_cast<size_t>(st.st_size), PROT_READ, MAP_SHARED, fd, 0);
+      if (map != MAP_FAILED) {
+        part->read_map = static_cast<const uint8_t*>(map);
+        part->read_map_length = static_cast<size_t>(st.st_size);
+      }
+    }
+  }
+  *length = part->read_map_length;
+  return part->read_map;
+}
+
+// A block: from the read session's mapping when it holds the block, else
+// by a read call.
+ssize_t read_block(REL_TYPE* rel, int fd, uint32_t address, uint8_t* buffer, uint32_t b, uint32_t offset) {
+  size_t length = 0;
+  const uint8_t* map = session_map(rel, fd, address, &length);
+  if (map != nullptr && static_cast<size_t>(offset) + b <= length) {
+    std::memcpy(buffer, map + offset, b);
     return static_cast<ssize_t>(b);
   }
   return pread(fd, buffer, b, offset);
@@ -137,7 +175,7 @@ int M_blkread(REL_TYPE* rel, uint32_t address, uint8_t* buffer, int check) {
   }
   uint32_t offset = file_offset(address);
   if (b == 0 || offset % b != 0) return blkread_error(rel, "block offset");
-  ssize_t n = M_mem_active(rel) ? M_memread(rel, address, buffer) : read_block(rel, fd, buffer, b, offset);
+  ssize_t n = M_mem_active(rel) ? M_memread(rel, address, buffer) : read_block(rel, fd, address, buffer, b, offset);
   if (n != static_cast<ssize_t>(b)) {
     std::snprintf(text, sizeof text,
                   "M_pread return error. fd=%d, blkbuf addr=%lX, blksize=%d, blkoff=%d. ret=%d, "

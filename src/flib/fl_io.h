@@ -35,10 +35,11 @@ inline constexpr int CHECK_HEAD = 0;          // a group block must be a head
 inline constexpr int CHECK_CONTINUATION = 1;  // a group block must be a continuation
 inline constexpr int CHECK_GROUP_ONLY = 2;    // static file: group field only
 
-// A read session: while a static file is held shared, M_blkread copies its
-// blocks out of a read-only mapping instead of a read call per block. The
-// shared lock keeps writers, and so any shrinking of the file, out; blocks
-// beyond the mapped length are read as before. Mapping is an optimisation
+// A read session: while a file is held shared, M_blkread copies its blocks
+// out of a read-only mapping instead of a read call per block (a static
+// file is mapped when the lock is taken, each part of a dynamic file at its
+// first read). The shared lock keeps writers, and so any shrinking of the
+// file, out; blocks beyond the mapped length are read as before. Mapping is an optimisation
 // only: when it fails, reads go on by pread.
 void M_map_for_reading(REL_TYPE* rel);
 void M_unmap_reading(REL_TYPE* rel);

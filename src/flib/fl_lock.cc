@@ -14,6 +14,7 @@
 #include "flib/fl_block.h"
 #include "flib/fl_io.h"
 #include "flib/fl_rel.h"
+#include "flib/lrgfillib.h"
 
 LockStatistics M_lock_stats;
 int32_t M_lock_fifo = 0;
@@ -38,13 +39,6 @@ LockName lock_name(const char* kind, const uint32_t file_id[2], const char* key,
 
 bool is_semaphore(const char* kind) { return kind != nullptr && std::strncmp(kind, "semaphore", 9) == 0; }
 
-PartEntry* part_of(REL_TYPE* rel, uint32_t address) {
-  if (!rel_is_dynamic(rel)) return nullptr;
-  auto& parts = addr_is_overflow(address) ? rel->overflow : rel->primary;
-  uint32_t index = addr_part_index(address);
-  return index < parts.size() ? &parts[index] : nullptr;
-}
-
 }  // namespace
 
 int M_mrvlockf(int fd, int32_t mode, uint32_t start, uint32_t length) {
@@ -66,7 +60,7 @@ int lock_range(REL_TYPE* rel, uint32_t address, int32_t mode, uint32_t length) {
   int fd = M_get_fd(rel, address);
   if (fd < 0) return -1;
   if (M_mrvlockf(fd, mode, addr_offset(address), length) != 0) return -1;
-  if (PartEntry* part = part_of(rel, address)) ++part->lock_count;
+  if (PartEntry* part = M_part_entry(rel, address)) ++part->lock_count;
   return 0;
 }
 
@@ -74,7 +68,7 @@ int unlock_range(REL_TYPE* rel, uint32_t address, uint32_t length) {
   int fd = M_get_fd(rel, address);
   if (fd < 0) return -1;
   int result = M_mrvunlock(fd, addr_offset(address), length);
-  if (PartEntry* part = part_of(rel, address); part != nullptr && part->lock_count > 0) --part->lock_count;
+  if (PartEntry* part = M_part_entry(rel, address); part != nullptr && part->lock_count > 0) --part->lock_count;
   return result;
 }
 

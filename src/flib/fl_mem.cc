@@ -43,8 +43,33 @@ struct MemState {
   uint32_t end_of_file = 0;   // static file: next new overflow block
   Pool group;
   Pool over;
+  // Dynamic file: the byte length of each overflow part (by part index),
+  // -1 until asked for. The length is taken from the disk once per load;
+  // after that only this writer's flushes extend the part (invariant 1),
+  // and they keep it up to date.
+  std::vector<int64_t> over_length;
 };
 MemState g_mem;
+
+// The length of overflow part `part` (an index), from the disk at its first
+// use in the load; -1 when it cannot be had.
+int64_t overflow_length(REL_TYPE* rel, uint32_t part) {
+  if (g_mem.over_length.size() <= part) g_mem.over_length.resize(part + 1, -1);
+  int64_t& length = g_mem.over_length[part];
+  struct stat st;
+  if (length < 0) {
+    int fd = M_get_fd(rel, make_addr(true, 0, part));
+    if (fd >= 0 && fstat(fd, &st) == 0) length = st.st_size;
+  }
+  return length;
+}
+
+// A write of `length` bytes at `offset` of overflow part `part` reached the
+// disk: the part is now at least that long.
+void overflow_written(uint32_t part, uint32_t offset, size_t length) {
+  if (part >= g_mem.over_length.size() || g_mem.over_length[part] < 0) return;
+  g_mem.over_length[part] = std::max<int64_t>(g_mem.over_length[part], static_cast<int64_t>(offset) + static_cast<int64_t>(length));
+}
 
 // Blocks that miss the pools are read from the disk through a window of
 // kReadWindow bytes: a restore asks for group heads in ascending order, so
@@ -129,6 +154,7 @@ int M_mem_write_run(REL_TYPE* rel, bool overflow, const uint8_t* bytes, uint32_t
     }
     done += piece;
   }
+  if (overflow && hash_is_dynamic(rel->hashtype)) overflow_written(part, offset, length);
   return 0;
 }
 
@@ -303,9 +329,8 @@ int64_t M_mem_get_blk(REL_TYPE* rel, uint32_t part) {
   if (M_memread(rel, header, block) < 0) return M_errout(0, "memread() error in mem_get_blk()\n"), -1;
   uint32_t next = addr_offset(fl_get_u32(block, OH_NEXT_BLOCK));
   // Blocks that the ordinary allocator added lie below the part's end.
-  struct stat st;
-  int fd = M_get_fd(rel, header);
-  if (fd >= 0 && fstat(fd, &st) == 0) next = std::max<uint32_t>(next, static_cast<uint32_t>(st.st_size - st.st_size % b));
+  if (int64_t length = overflow_length(rel, part - 1); length >= 0)
+    next = std::max<uint32_t>(next, static_cast<uint32_t>(length - length % b));
   next = std::max(next, b);
   if (static_cast<uint64_t>(next) + b > static_cast<uint64_t>(ADDR_OFFSET_MASK))
     return M_file_error(rel, fn, "new block's offset is over the limit", nullptr, 0, 0);

@@ -25,6 +25,12 @@ struct PartEntry {
   uint32_t first_group = 0;  // primary parts only
   uint32_t* space_cell = nullptr;
   uint32_t space_reserved = 0;
+  // While the file is held shared: a read-only mapping of this part, made
+  // at its first read in the session (length as it was then); `map_tried`
+  // keeps a failed mapping from being tried again.
+  const uint8_t* read_map = nullptr;
+  size_t read_map_length = 0;
+  bool map_tried = false;
 };
 
 // Row of the shared file table. The table is one of this process: no other
@@ -86,7 +92,8 @@ struct REL_TYPE {
   // LOCK_EXCLUSIVE), 0 when it holds none.
   int32_t file_lock = 0;
   // A static file held shared is read through a read-only mapping of the
-  // length it had when the lock was taken; null when there is none.
+  // length it had when the lock was taken; null when there is none. A
+  // dynamic file's parts keep their mappings in their PartEntry rows.
   const uint8_t* read_map = nullptr;
   size_t read_map_length = 0;
   SharedFileRow* sfd = nullptr;

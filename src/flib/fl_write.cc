@@ -59,9 +59,14 @@ struct RecoveryPoint {
   std::jmp_buf* outer = M_overflow_recovery;
   volatile int attempts = 0;
 
-  RecoveryPoint(const uint8_t* block, uint32_t b) : saved(block, block + b) {}
+  // The copy is taken only where a jump can come: M_blkwrite of a dynamic
+  // file that writes to the disk itself (the buffered writer never jumps).
+  RecoveryPoint(const REL_TYPE* rel, const uint8_t* block, uint32_t b) {
+    if (rel_is_dynamic(rel) && !M_mem_active(rel)) saved.assign(block, block + b);
+  }
   // After a jump: false when the add must give up.
   bool resume(REL_TYPE* rel, uint8_t* block) {
+    assert(saved.size() == rel->block_size);
     std::memcpy(block, saved.data(), saved.size());
     attempts = attempts + 1;
     if (attempts <= 2) return true;
@@ -299,7 +304,7 @@ int64_t M_add_record(REL_TYPE* rel, uint8_t* block, uint32_t address, const uint
   if (!M_block_stack_open()) home = find_block_space(rel, block, address, stored_length);
   // A write to a full overflow part comes back here with the block as it
   // was, and the allocation is retried in another part.
-  RecoveryPoint point(block, b);
+  RecoveryPoint point(rel, block, b);
   if (setjmp(point.buffer) != 0 && !point.resume(rel, block)) return wr_error(rel, fn, "write", key, key_length);
   M_overflow_recovery = &point.buffer;
   if (home == 0 && (point.attempts > 0 || !M_block_stack_open())) {
@@ -395,7 +400,7 @@ int make_new_group(REL_TYPE* rel, uint8_t* block, uint32_t address, const uint8_
   }
   bool fits = stored_length <= gb_byteleft(fresh);
   int32_t need = fits ? 1 : (stored_length + usable(b) - 1) / usable(b) + 1;
-  RecoveryPoint point(block, b);
+  RecoveryPoint point(rel, block, b);
   if (setjmp(point.buffer) != 0 && !point.resume(rel, block)) return wr_error(rel, fn, "write", key, key_length);
   if (rel_is_dynamic(rel)) M_overflow_recovery = &point.buffer;
   if (M_alloc_new_blocks(rel, need, ALLOC_ANY_PART, block, 1, static_cast<int32_t>(address), 0) != 0) {

@@ -11,6 +11,7 @@
 #include "common/fl_errout.h"
 #include "common/mrv_exit.h"
 #include "common/readconf.h"
+#include "flib/fl_block.h"
 #include "flib/fl_filehdr.h"
 #include "flib/fl_rel.h"
 
@@ -188,6 +189,13 @@ int M_open_large_file(REL_TYPE* rel) {
     if (M_insert_part_file(rel, (number - 1) | PART_OVERFLOW) < 0) return -1;
   }
   return 1;
+}
+
+PartEntry* M_part_entry(REL_TYPE* rel, uint32_t address) {
+  if (!rel_is_dynamic(rel)) return nullptr;
+  auto& parts = addr_is_overflow(address) ? rel->overflow : rel->primary;
+  uint32_t index = addr_part_index(address);
+  return index < parts.size() ? &parts[index] : nullptr;
 }
 
 int M_check_file_stat(const REL_TYPE* rel) {

@@ -30,6 +30,9 @@ int M_insert_part_file(REL_TYPE* rel, uint32_t part);
 int open_large_file(REL_TYPE* rel, uint32_t part);
 // Brings the part rows of `rel` up to the counts of its sfd row. 1 or -1.
 int M_open_large_file(REL_TYPE* rel);
+// The row of the part that holds `address` in a dynamic file, or null (a
+// static file, or a part the handle does not know yet).
+PartEntry* M_part_entry(REL_TYPE* rel, uint32_t address);
 // 1 when the sfd row shows another modulo than the handle.
 int M_check_file_stat(const REL_TYPE* rel);
 // Takes the rows of `rel` out of the table and closes its parts.

@@ -244,7 +244,11 @@ void reel_init_tuples(int32_t k) {
   alloc_buffer(reel_long_tuples, kib * 256);
 }
 
-void reel_add_tuple(const char* key, int32_t key_len, const char* data, int32_t data_len) {
+namespace {
+
+// Gathers one record whose data `copy` writes: data_len bytes into `out`.
+template <typename Copy>
+void add_tuple(const char* key, int32_t key_len, int32_t data_len, Copy copy) {
   TupleBuffer& b = reel_small_tuples;
   const size_t text = static_cast<size_t>(key_len) + static_cast<size_t>(data_len) + kSmallOverhead;
   if (!fits(b, text)) {
@@ -259,7 +263,8 @@ void reel_add_tuple(const char* key, int32_t key_len, const char* data, int32_t 
       reel_log_error(REEL_ERR_RECORD, key);
       return;
     }
-    std::string k(key, static_cast<size_t>(key_len)), d(data, static_cast<size_t>(data_len));
+    std::string k(key, static_cast<size_t>(key_len)), d(static_cast<size_t>(data_len), '\0');
+    copy(d.data());
     if (write_record(reel_current.rel.get(), k.data(), key_len, d.data(), data_len)) count_restored(true);
     return;
   }
@@ -268,7 +273,22 @@ void reel_add_tuple(const char* key, int32_t key_len, const char* data, int32_t 
   desc->key_len = key_len;
   desc->first_page = 0;
   desc->data_len = data_len;
-  put_text(b, data, data_len);
+  char* at = reinterpret_cast<char*>(b.base + b.text_end);
+  copy(at);
+  at[data_len] = '\0';
+  b.text_end += static_cast<size_t>(data_len) + 1;
+}
+
+}  // namespace
+
+void reel_add_tuple(const char* key, int32_t key_len, const char* data, int32_t data_len) {
+  add_tuple(key, key_len, data_len, [&](char* out) { std::memcpy(out, data, static_cast<size_t>(data_len)); });
+}
+
+void reel_add_tuple_flipped(const char* key, int32_t key_len, const unsigned char* tape_data, int32_t data_len) {
+  add_tuple(key, key_len, data_len, [&](char* out) {
+    tape_flip_keep_zero_copy(reinterpret_cast<unsigned char*>(out), tape_data, static_cast<size_t>(data_len));
+  });
 }
 
 void reel_add_ltuple(const char* key, int32_t key_len, int32_t data_len, int32_t first_page) {
@@ -341,7 +361,7 @@ int reel_load_ltuple(REL_TYPE* rel, const char* key, int32_t key_len, int32_t da
     number = dyn_page_next(page.data());
     int32_t take = std::min(data_len - got, length - DYN_PAGE_HEAD);
     if (take <= 0) continue;
-    reel_mask_copy(data.data() + got, page.data() + DYN_PAGE_HEAD, take);
+    reel_mask_copy(data.data() + got, dyn_page_body(page.data()), take);
     got += take;
   }
   if (got != data_len) reel_log_error(REEL_ERR_RECORD, key);

@@ -53,6 +53,9 @@ extern int32_t overflow_count;
 void reel_init_tuples(int32_t k);
 // Gathers one record; flushes first when it would not fit.
 void reel_add_tuple(const char* key, int32_t key_len, const char* data, int32_t data_len);
+// The same for data still in the dynamic tape form: it is flipped
+// (tape_flip_keep_zero) straight into the buffer.
+void reel_add_tuple_flipped(const char* key, int32_t key_len, const unsigned char* tape_data, int32_t data_len);
 // Gathers one large record whose data starts at overflow page `first_page`.
 void reel_add_ltuple(const char* key, int32_t key_len, int32_t data_len, int32_t first_page);
 // Writes the small buffer.

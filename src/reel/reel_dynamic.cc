@@ -1,6 +1,7 @@
 #include "reel/reel_dynamic.h"
 
 #include <fcntl.h>
+#include <sys/mman.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -40,20 +41,83 @@ static_assert(DYN_PAGES_START == 0x806);
 static_assert(DYN_PAGE_MAX_UNITS * DYN_PAGE_UNIT <= DYN_PAGE_ROOM);
 
 // ---- The file "overflow" ----------------------------------------------------
+//
+// Slots are written in the order they are taken. The newest slots wait in
+// a buffer and go to the file in one write when it fills (or before the
+// file is closed); slots that have reached the file are read back from a
+// read-only mapping of it, remade when a slot beyond it is asked for, and
+// by a read call when the mapping cannot be had. A slot whose write failed
+// counts as never stored.
+
+constexpr int32_t kPendingSlots = 128;
 
 struct OverflowStore {
   int fd = -1;
-  int32_t slots = 0;  // slots written; a slot is never used twice
+  int32_t slots = 0;    // slots taken; a slot is never used twice
+  int32_t written = 0;  // slots below this are in the file
+  bool failed = false;  // a write failed: slots from `written` on are lost
   // Slots filed under each page number, oldest first.
   std::unordered_map<int32_t, std::vector<int32_t>> by_number;
+  std::vector<unsigned char> pending;  // slots from `written` to `slots`
+  const unsigned char* map = nullptr;
+  int32_t mapped = 0;  // slots the mapping covers
 };
 
 OverflowStore store;
 
-bool slot_io(bool write_it, unsigned char* bytes, int32_t slot) {
+void unmap_store() {
+  if (store.map != nullptr) munmap(const_cast<unsigned char*>(store.map), static_cast<size_t>(store.mapped) * DYN_PAGE_UNIT);
+  store.map = nullptr;
+  store.mapped = 0;
+}
+
+// Writes the waiting slots to the file. False when the write failed.
+bool flush_pending() {
+  const int32_t count = store.slots - store.written;
+  if (count <= 0 || store.failed) return !store.failed;
+  const size_t bytes = static_cast<size_t>(count) * DYN_PAGE_UNIT;
+  const off_t at = static_cast<off_t>(store.written) * DYN_PAGE_UNIT;
+  if (pwrite(store.fd, store.pending.data(), bytes, at) != static_cast<ssize_t>(bytes)) {
+    store.failed = true;
+    return false;
+  }
+  store.written = store.slots;
+  return true;
+}
+
+// Takes the next slot for `unit` (DYN_PAGE_UNIT bytes). False when it could
+// not be stored.
+bool slot_write(const unsigned char* unit) {
+  if (store.failed) return false;
+  if (store.slots - store.written == kPendingSlots && !flush_pending()) return false;
+  store.pending.resize(static_cast<size_t>(kPendingSlots) * DYN_PAGE_UNIT);
+  std::memcpy(store.pending.data() + static_cast<size_t>(store.slots - store.written) * DYN_PAGE_UNIT, unit,
+              DYN_PAGE_UNIT);
+  ++store.slots;
+  return true;
+}
+
+bool slot_read(unsigned char* bytes, int32_t slot) {
+  if (slot < 0 || slot >= store.slots || (store.failed && slot >= store.written)) return false;
+  if (slot >= store.written) {
+    std::memcpy(bytes, store.pending.data() + static_cast<size_t>(slot - store.written) * DYN_PAGE_UNIT,
+                DYN_PAGE_UNIT);
+    return true;
+  }
+  if (slot >= store.mapped) {
+    unmap_store();
+    void* map = mmap(nullptr, static_cast<size_t>(store.written) * DYN_PAGE_UNIT, PROT_READ, MAP_SHARED, store.fd, 0);
+    if (map != MAP_FAILED) {
+      store.map = static_cast<const unsigned char*>(map);
+      store.mapped = store.written;
+    }
+  }
+  if (slot < store.mapped) {
+    std::memcpy(bytes, store.map + static_cast<size_t>(slot) * DYN_PAGE_UNIT, DYN_PAGE_UNIT);
+    return true;
+  }
   const off_t at = static_cast<off_t>(slot) * DYN_PAGE_UNIT;
-  const ssize_t n = write_it ? pwrite(store.fd, bytes, DYN_PAGE_UNIT, at) : pread(store.fd, bytes, DYN_PAGE_UNIT, at);
-  return n == DYN_PAGE_UNIT;
+  return pread(store.fd, bytes, DYN_PAGE_UNIT, at) == DYN_PAGE_UNIT;
 }
 
 // ---- One file under restoration ---------------------------------------------
@@ -249,7 +313,7 @@ void held_pages(DynFile& d) {
         break;
       }
       if (reel_dyn_page(page, length, DYN_PASS_HELD, d.groups, d.modulo) == 0) log_bad_page(d, length);
-      if (page[DYN_PAGE_OFF_HAS_NEXT] == 0) break;
+      if (!dyn_page_has_next(page)) break;
       number = dyn_page_next(page);
     }
   }
@@ -268,24 +332,19 @@ void index_line(const std::string& text) { NT_cmd_echo_append(kIndexList, text);
 }  // namespace
 
 int reel_dyn_check_record(const unsigned char* p) {
-  if (p[0] == DYN_MARK) {
-    if (p[1] == DYN_MARK_END) return 2;
-    if (p[1] == DYN_MARK_SKIP) return 1;
-  }
-  const int32_t k = p[DYN_REC_OFF_KEY_LEN];
+  if (dyn_is_end_mark(p)) return 2;
+  if (dyn_is_skip_mark(p)) return 1;
+  const int32_t k = dyn_record_key_len(p);
   const int32_t s = dyn_record_size(p);
   const int32_t d = dyn_record_data_len(p);
   if (k == 0 || k > DYN_KEY_LIMIT || s == 0) return 0;
-  const int32_t key_room = k + k % 2 + DYN_REC_HEADER;
-  return s == d + d % 2 + key_room || s == key_room ? 1 : 0;
+  return s == dyn_record_inline_size(k, d) || s == dyn_record_key_room(k) ? 1 : 0;
 }
 
 int reel_dyn_record(const unsigned char* r) {
-  if (r[0] == DYN_MARK) {
-    if (r[1] == DYN_MARK_END) return 0;
-    if (r[1] == DYN_MARK_SKIP) return 1;
-  }
-  const int32_t k = r[DYN_REC_OFF_KEY_LEN];
+  if (dyn_is_end_mark(r)) return 0;
+  if (dyn_is_skip_mark(r)) return 1;
+  const int32_t k = dyn_record_key_len(r);
   const int32_t s = dyn_record_size(r);
   const int32_t d = dyn_record_data_len(r);
   const int32_t first_page = dyn_record_first_page(r);
@@ -296,7 +355,7 @@ int reel_dyn_record(const unsigned char* r) {
     return 1;
   }
   if (k >= DYN_KEY_LIMIT) {
-    const std::string key = decoded(r + DYN_REC_HEADER, std::clamp(s - DYN_REC_HEADER, 0, k));
+    const std::string key = decoded(dyn_record_key(r), std::clamp(s - DYN_REC_HEADER, 0, k));
     std::snprintf(line, sizeof line, "incompatible key length [%d  %s]", k, key.c_str());
     reel_log_error(REEL_ERR_RECORD, line);
     return 1;
@@ -307,16 +366,15 @@ int reel_dyn_record(const unsigned char* r) {
   f.data_bytes += d;
   if (reel_settings.analyse_mode) return 1;
 
-  const int32_t key_room = DYN_REC_HEADER + k + k % 2;
-  if (s >= key_room + d + d % 2) {
-    const std::string key = decoded(r + DYN_REC_HEADER, k);
+  const int32_t key_room = dyn_record_key_room(k);
+  if (s >= dyn_record_inline_size(k, d)) {
+    const std::string key = decoded(dyn_record_key(r), k);
     if (d >= DYN_INLINE_LIMIT) {
       std::snprintf(line, sizeof line, "illegal tuple length [%d %s]", d, key.c_str());
       reel_log_error(REEL_ERR_RECORD, line);
       return -1;
     }
-    const std::string data = decoded(r + key_room, d);
-    reel_add_tuple(key.c_str(), k, data.c_str(), d);
+    reel_add_tuple_flipped(key.c_str(), k, r + key_room, d);
     return 1;
   }
   if (s < key_room) {
@@ -324,7 +382,7 @@ int reel_dyn_record(const unsigned char* r) {
     reel_print_bytes(r, s);
     return -1;
   }
-  const std::string key = decoded(r + DYN_REC_HEADER, k);
+  const std::string key = decoded(dyn_record_key(r), k);
   if (d < DYN_LARGE_LIMIT) {
     reel_add_ltuple(key.c_str(), k, d, first_page);
   } else {
@@ -336,20 +394,15 @@ int reel_dyn_record(const unsigned char* r) {
 
 int reel_dyn_page(unsigned char* page, int32_t length, int pass, DynGroupState* groups, int32_t modulo) {
   if (length < DYN_PAGE_HEAD || !dyn_page_marked(page) || dyn_page_units(page) > DYN_PAGE_MAX_UNITS) return 0;
-  int32_t stop = length;
-  for (int32_t i = DYN_PAGE_HEAD; i + 1 < length; ++i)
-    if (dyn_is_end_mark(page + i)) {
-      stop = i;
-      break;
-    }
+  int32_t stop = dyn_find_end_mark(page, DYN_PAGE_HEAD, length);
   const int32_t group = dyn_page_group(page);
   if (pass == DYN_PASS_PRIMARY) {
     if (group >= modulo) return 1;
     return page_records(page, length, DYN_PAGE_HEAD, stop, groups[group]);
   }
-  const unsigned char kind = page[DYN_PAGE_OFF_KIND];
+  const unsigned char kind = dyn_page_kind(page);
   if (kind == DYN_KIND_FREE) return 1;
-  if (kind != DYN_KIND_NO_CHAIN && page[DYN_PAGE_OFF_GROUP_PAGE] != 0 && group <= modulo &&
+  if (kind != DYN_KIND_NO_CHAIN && dyn_page_on_group(page) && group <= modulo &&
       groups[group].next_page == dyn_page_number(page))
     return continue_chain(page, length, stop, groups[group]);
   // A page its group has not reached yet, or a page of a large record.
@@ -361,13 +414,20 @@ int reel_overflow_open() {
   reel_overflow_close();
   store.fd = open(kOverflowFile, O_RDWR | O_CREAT | O_TRUNC, 0644);
   store.slots = 0;
+  store.written = 0;
+  store.failed = false;
   store.by_number.clear();
   return store.fd >= 0 ? 1 : 0;
 }
 
 void reel_overflow_close() {
-  if (store.fd >= 0) close(store.fd);
+  unmap_store();
+  if (store.fd >= 0) {
+    flush_pending();
+    close(store.fd);
+  }
   store.fd = -1;
+  store.pending = {};
 }
 
 void reel_overflow_put(const unsigned char* page, int32_t bytes) {
@@ -382,9 +442,9 @@ void reel_overflow_put(const unsigned char* page, int32_t bytes) {
     const int32_t n = std::min(DYN_PAGE_UNIT, bytes - u * DYN_PAGE_UNIT);
     std::memcpy(unit, page + u * DYN_PAGE_UNIT, static_cast<size_t>(n));
     std::memset(unit + n, 0, static_cast<size_t>(DYN_PAGE_UNIT - n));
-    if (!slot_io(true, unit, store.slots)) return;
-    store.by_number[u == 0 ? dyn_page_number(page) : 0].push_back(store.slots);
-    ++store.slots;
+    const int32_t slot = store.slots;
+    if (!slot_write(unit)) return;
+    store.by_number[u == 0 ? dyn_page_number(page) : 0].push_back(slot);
   }
 }
 
@@ -393,12 +453,12 @@ int reel_overflow_get(unsigned char* page_buffer, int32_t page_number, int32_t* 
   if (store.fd < 0 || it == store.by_number.end() || it->second.empty()) return 0;
   const int32_t slot = it->second.front();
   it->second.erase(it->second.begin());
-  if (!slot_io(false, page_buffer, slot)) return 0;
+  if (!slot_read(page_buffer, slot)) return 0;
   *length_out = DYN_PAGE_UNIT;
   const int32_t units = dyn_page_units(page_buffer);
   if (units > DYN_PAGE_MAX_UNITS) return 0;
   for (int32_t u = 1; u < units; ++u) {
-    if (!slot_io(false, page_buffer + u * DYN_PAGE_UNIT, slot + u)) return 0;
+    if (!slot_read(page_buffer + u * DYN_PAGE_UNIT, slot + u)) return 0;
     *length_out += DYN_PAGE_UNIT;
   }
   return 1;
@@ -406,8 +466,8 @@ int reel_overflow_get(unsigned char* page_buffer, int32_t page_number, int32_t* 
 
 void reel_index_info(unsigned char* page, int32_t length) {
   if (length <= DYN_INDEX_OFF_TEXT) return;
-  const int32_t count = std::min<int32_t>(tape_get_u16(page + DYN_INDEX_OFF_COUNT), length - DYN_INDEX_OFF_TEXT - 1);
-  unsigned char* text = page + DYN_INDEX_OFF_TEXT;
+  const int32_t count = std::min<int32_t>(dyn_index_count(page), length - DYN_INDEX_OFF_TEXT - 1);
+  unsigned char* text = dyn_index_text(page);
   for (int32_t i = 0; i < count; ++i) text[i] = tape_flip(text[i]);
   text[count] = '\0';
 
@@ -456,7 +516,7 @@ void reel_dyn_file(unsigned char* buffer, int32_t* length) {
     return;
   }
   DynFile d;
-  d.modulo = tape_get_u24(buffer + DYN_HDR_OFF_MODULO);
+  d.modulo = dyn_header_modulo(buffer);
   f.modulo = d.modulo < 2 ? 1 : reel_next_prime(2 * d.modulo);
   if (!s.analyse_mode && reel_prepare_hashed_target(1) == 0) {
     reel_skip_blocks(buffer, length, kSkipObject);
@@ -474,7 +534,7 @@ void reel_dyn_file(unsigned char* buffer, int32_t* length) {
     return;
   }
   const int32_t level = reel_push_level();
-  const int32_t index_page = tape_get_u24(buffer + DYN_HDR_OFF_INDEX);
+  const int32_t index_page = dyn_header_index_page(buffer);
   d.previous.resize(TAPE_MAX_BLOCK);
   std::memcpy(d.previous.data(), buffer, static_cast<size_t>(*length));
   d.previous_length = *length;

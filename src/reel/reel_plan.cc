@@ -58,14 +58,18 @@ struct CloseFile {
 };
 
 // Reads one line of at most kPlanLineSize - 1 characters; the rest of a
-// longer line is passed. False at the end of the plan.
+// longer line is passed. A NUL ends the line's text, as it ends a string,
+// but not the line: the next line is read in full. False at the end of
+// the plan.
 bool read_plan_line(FILE* plan, std::string* line) {
-  char buffer[kPlanLineSize];
-  if (std::fgets(buffer, sizeof buffer, plan) == nullptr) return false;
-  *line = buffer;
-  if (!line->ends_with("\n"))
-    for (int c = std::fgetc(plan); c != EOF && c != '\n'; c = std::fgetc(plan)) {
-    }
+  line->clear();
+  int c = std::fgetc(plan);
+  if (c == EOF) return false;
+  for (; c != EOF; c = std::fgetc(plan)) {
+    if (line->size() < kPlanLineSize - 1) line->push_back(static_cast<char>(c));
+    if (c == '\n') break;
+  }
+  line->erase(std::min(line->find('\0'), line->size()));
   return true;
 }
 

@@ -220,6 +220,23 @@ inline void tape_flip_copy(unsigned char* out, const unsigned char* in, size_t n
   for (; i < n; ++i) out[i] = tape_flip(in[i]);
 }
 
+// Copies n bytes of dynamic record text, each through tape_flip_keep_zero:
+// eight at a time through a word (a byte's high bit is flipped when any of
+// its bits is set), the rest one by one. `out` and `in` may be the same.
+inline void tape_flip_keep_zero_copy(unsigned char* out, const unsigned char* in, size_t n) {
+  static_assert(tape_flip_keep_zero(0) == 0 && tape_flip_keep_zero(1) == (1 ^ TAPE_FLIP));
+  constexpr uint64_t kLow7 = 0x7F7F7F7F7F7F7F7Full;
+  constexpr uint64_t kFlipWord = 0x0101010101010101ull * TAPE_FLIP;
+  size_t i = 0;
+  for (; i + 8 <= n; i += 8) {
+    uint64_t w;
+    std::memcpy(&w, in + i, 8);
+    w ^= (((w & kLow7) + kLow7) | w) & kFlipWord;
+    std::memcpy(out + i, &w, 8);
+  }
+  for (; i < n; ++i) out[i] = tape_flip_keep_zero(in[i]);
+}
+
 // Size of the static record at `p`, in bytes.
 inline int32_t tape_record_size(const unsigned char* p) {
   return 2 * (p[0] << 16 | p[1] << 8 | p[2]);
@@ -427,6 +444,51 @@ static_assert(DYN_PAGE_OFF_GROUP + 3 == DYN_PAGE_HEAD && DYN_REC_OFF_FIRST_PAGE 
 static_assert(DYN_HDR_OFF_INDEX + 3 <= DYN_PAGES_START && DYN_PAGES_START <= DYN_FIRST_BLOCK_MIN);
 static_assert(DYN_PAGE_UNIT * DYN_PAGE_MAX_UNITS <= DYN_PAGE_ROOM);
 static_assert(DYN_INDEX_OFF_COUNT + 2 == DYN_INDEX_OFF_TEXT && DYN_INDEX_OFF_TEXT < DYN_PAGE_UNIT);
+
+// ---- Dynamic files: the decoder's reading of the fields -------------------
+//
+// Every field of the header page, of a page, of a page record and of the
+// index description page that the dynamic decoder reads is read through
+// these, so that no offset of the dynamic layout is known outside this
+// header.
+inline int32_t dyn_header_modulo(const unsigned char* first_block) {
+  return tape_get_u24(first_block + DYN_HDR_OFF_MODULO);
+}
+inline int32_t dyn_header_index_page(const unsigned char* first_block) {
+  return tape_get_u24(first_block + DYN_HDR_OFF_INDEX);
+}
+inline unsigned char dyn_page_kind(const unsigned char* page) { return page[DYN_PAGE_OFF_KIND]; }
+inline bool dyn_page_on_group(const unsigned char* page) { return page[DYN_PAGE_OFF_GROUP_PAGE] != 0; }
+inline bool dyn_page_has_next(const unsigned char* page) { return page[DYN_PAGE_OFF_HAS_NEXT] != 0; }
+// Offset of the first end mark (0xFF 0xFE) that starts at or after `from`
+// and ends before `length`; `length` when there is none.
+inline int32_t dyn_find_end_mark(const unsigned char* page, int32_t from, int32_t length) {
+  for (int32_t i = from; i + 1 < length;) {
+    const void* hit = std::memchr(page + i, DYN_MARK, static_cast<size_t>(length - 1 - i));
+    if (hit == nullptr) break;
+    i = static_cast<int32_t>(static_cast<const unsigned char*>(hit) - page);
+    if (page[i + 1] == DYN_MARK_END) return i;
+    ++i;
+  }
+  return length;
+}
+
+inline bool dyn_is_skip_mark(const unsigned char* p) { return p[0] == DYN_MARK && p[1] == DYN_MARK_SKIP; }
+inline int32_t dyn_record_key_len(const unsigned char* p) { return p[DYN_REC_OFF_KEY_LEN]; }
+inline const unsigned char* dyn_record_key(const unsigned char* p) { return p + DYN_REC_HEADER; }
+// Bytes of a record's header and padded key: where in-line data starts,
+// and the whole size of a large record.
+inline constexpr int32_t dyn_record_key_room(int32_t key_len) { return DYN_REC_HEADER + key_len + key_len % 2; }
+// Size of a record that holds `data_len` bytes in line.
+inline constexpr int32_t dyn_record_inline_size(int32_t key_len, int32_t data_len) {
+  return dyn_record_key_room(key_len) + data_len + data_len % 2;
+}
+// The data bytes of a page of a large record's chain.
+inline const unsigned char* dyn_page_body(const unsigned char* page) { return page + DYN_PAGE_HEAD; }
+
+// Byte count and text of an index description page.
+inline int32_t dyn_index_count(const unsigned char* page) { return tape_get_u16(page + DYN_INDEX_OFF_COUNT); }
+inline unsigned char* dyn_index_text(unsigned char* page) { return page + DYN_INDEX_OFF_TEXT; }
 
 // The head of one page, over its first DYN_PAGE_HEAD bytes.
 struct DynPageHead {

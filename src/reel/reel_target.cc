@@ -7,6 +7,7 @@
 #include "common/fl_errout.h"
 #include "flib/fl_clear.h"
 #include "flib/fl_filehdr.h"
+#include "flib/fl_lock.h"
 #include "flib/fl_mem.h"
 #include "flib/fl_mkfile.h"
 #include "flib/fl_open.h"
@@ -150,6 +151,9 @@ int32_t reel_count_standing() {
   const CurrentFile& f = reel_current;
   REL_TYPE rel{};
   if (M_open_by_voc(&rel, f.name, f.file_kind == FILE_KIND_DICT ? kVocDictPath : kVocDataPath) != 1) return 0;
+  // Held shared, the walk reads the file's blocks from a mapping rather
+  // than by a read call each; without the lock it reads them all the same.
+  M_lock_file(&rel, LOCK_SHARED | LOCK_NOWAIT);
   int32_t count = 0;
   M_for_each_key(&rel, [&count](const uint8_t*, int32_t, const uint8_t*, int32_t, uint32_t) {
     ++count;

@@ -36,8 +36,7 @@ void reel_mask_copy(char* destination, const unsigned char* source, int length) 
     destination[0] = '\0';
     return;
   }
-  for (int i = 0; i < length; ++i)
-    destination[i] = static_cast<char>(tape_flip_keep_zero(source[i]));
+  tape_flip_keep_zero_copy(reinterpret_cast<unsigned char*>(destination), source, static_cast<size_t>(length));
   destination[length] = '\0';
 }
 

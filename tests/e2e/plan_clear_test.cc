@@ -198,6 +198,24 @@ TEST(Plan, ThePlanIsLookedForAboveTheAccountUnlessItsNameIsAbsolute) {
   EXPECT_EQ(layout_of(box.account("SALES/ORDERS")).modulo, 5);
 }
 
+// A line is read up to 1,087 characters and the rest of a longer one is
+// passed; a NUL ends a line's text, and the line after it is read in full.
+TEST(Plan, LinesAreCutAt1087CharactersAndANulEndsOnlyItsOwnLine) {
+  Sandbox box(kSave);
+  std::string cut = "DATA, CUT, ";
+  cut.resize(1086, ' ');
+  spill(box.run() + "/plan", cut + "12\nDATA, AFTER, 5\n" + std::string("DATA, G\0H, 3\n", 13) + "DATA, NEXT, 7\n");
+  ProgramResult made = box.reel({"-C", "plan", "SALES"});
+  EXPECT_NE(made.output.find("Create DATA CUT --- 1 \n"
+                             "Create DATA AFTER --- 5 \n"
+                             "Plan line passed over (fewer than three fields): DATA, G\n"
+                             "Create DATA NEXT --- 7 \n"),
+            std::string::npos)
+      << made.output;
+  EXPECT_EQ(own_files(box), (std::vector<std::string>{"AFTER", "CUT", "NEXT"}));
+  EXPECT_EQ(layout_of(box.account("SALES/CUT")).modulo, 1);
+}
+
 // A restore with ORDERS at block size 3 KiB (modulo 19 / 3 -> 7) and DYN
 // laid out as a dynamic file that has grown from 3 to 20 groups in parts
 // of 7 groups.

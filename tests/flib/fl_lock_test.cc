@@ -3,6 +3,7 @@
 #include <sys/wait.h>
 
 #include "fl_test_util.h"
+#include "flib/fl_filehdr.h"
 #include "flib/fl_hash.h"
 
 namespace {
@@ -70,6 +71,31 @@ TEST_F(FlFileLock, ReadsUnderASharedFileLockLeaveItWhole) {
   // Without the file lock a read locks its group and gives it back.
   EXPECT_EQ(get("K1"), "one");
   EXPECT_TRUE(other_process_can_lock(path, head));
+}
+
+// A dynamic file held shared reads each part from a mapping made at the
+// part's first read; records in overflow blocks come back whole, blocks the
+// parts gain afterwards are read by call, and the unlock drops every
+// mapping.
+TEST_F(FlFileLock, ADynamicFileHeldSharedReadsItsPartsFromMappings) {
+  create(3, 1, HASH_DYNAMIC);
+  const std::string big(3000, 'd');
+  ASSERT_EQ(put("K1", "one"), 1);
+  ASSERT_EQ(put("K2", big), 1);
+  ASSERT_EQ(M_lock_file(&rel, LOCK_SHARED), 0);
+  EXPECT_EQ(get("K1"), "one");
+  EXPECT_EQ(get("K2"), big);
+  ASSERT_FALSE(rel.primary.empty());
+  ASSERT_FALSE(rel.overflow.empty());
+  EXPECT_NE(rel.primary[0].read_map, nullptr);
+  EXPECT_NE(rel.overflow[0].read_map, nullptr) << "the long record's blocks lie in the overflow part";
+  const std::string bigger(6000, 'e');
+  ASSERT_EQ(put("K3", bigger), 1);
+  EXPECT_EQ(get("K3"), bigger);
+  ASSERT_EQ(M_unlock_file(&rel), 0);
+  EXPECT_EQ(rel.primary[0].read_map, nullptr);
+  EXPECT_EQ(rel.overflow[0].read_map, nullptr);
+  EXPECT_EQ(get("K2"), big);
 }
 
 TEST(FlLock, LockFifoOnlyForExactlyOne) {

@@ -124,6 +124,54 @@ TEST_F(DynDecoder, TheStoreGivesEachPageBackOnceWithAllItsUnits) {
   EXPECT_EQ(reel_overflow_get(back.data(), 41, &length), 0) << "a size byte over 4";
 }
 
+// The end of a page's records: the first 0xFF 0xFE from the given offset,
+// a 0xFF that opens it standing behind another 0xFF, and none when the
+// page's last byte is a lone 0xFF.
+TEST_F(DynDecoder, TheEndMarkIsTheFirstPairWithinThePage) {
+  std::vector<unsigned char> p(64, 0x41);
+  EXPECT_EQ(dyn_find_end_mark(p.data(), DYN_PAGE_HEAD, 64), 64);
+  p[63] = DYN_MARK;
+  EXPECT_EQ(dyn_find_end_mark(p.data(), DYN_PAGE_HEAD, 64), 64);
+  p[40] = DYN_MARK;
+  p[41] = DYN_MARK;
+  p[42] = DYN_MARK_END;
+  p[50] = DYN_MARK;
+  p[51] = DYN_MARK_END;
+  EXPECT_EQ(dyn_find_end_mark(p.data(), DYN_PAGE_HEAD, 64), 41);
+  EXPECT_EQ(dyn_find_end_mark(p.data(), 42, 64), 50);
+  EXPECT_EQ(dyn_find_end_mark(p.data(), DYN_PAGE_HEAD, 42), 42) << "the pair must end inside the length";
+}
+
+// Many pages: the store writes them in batches and reads them back from
+// the file or from the batch not yet written, in any order, also while
+// more pages keep arriving.
+TEST_F(DynDecoder, TheStoreKeepsManyPagesWrittenOrWaiting) {
+  constexpr int32_t kPages = 700;
+  auto page = [](int32_t n) {
+    std::vector<unsigned char> p(DYN_PAGE_UNIT, static_cast<unsigned char>(n * 31));
+    tape_encode_dyn_head(p.data(), {.number = n});
+    return p;
+  };
+  std::vector<unsigned char> back(DYN_PAGE_ROOM);
+  int32_t length = 0;
+  for (int32_t n = 1; n <= kPages; ++n) {
+    reel_overflow_put(page(n).data(), DYN_PAGE_UNIT);
+    if (n % 150 == 0) {
+      ASSERT_EQ(reel_overflow_get(back.data(), n - 140, &length), 1) << n;
+      EXPECT_TRUE(std::equal(back.begin(), back.begin() + DYN_PAGE_UNIT, page(n - 140).begin())) << n;
+      ASSERT_EQ(reel_overflow_get(back.data(), n, &length), 1) << "the newest page, not yet written " << n;
+      EXPECT_TRUE(std::equal(back.begin(), back.begin() + DYN_PAGE_UNIT, page(n).begin())) << n;
+    }
+  }
+  for (int32_t n = kPages; n >= 1; --n) {
+    const bool fetched = n % 150 == 0 || (n + 140 <= kPages && (n + 140) % 150 == 0);
+    ASSERT_EQ(reel_overflow_get(back.data(), n, &length), fetched ? 0 : 1) << n;
+    if (!fetched) {
+      EXPECT_TRUE(std::equal(back.begin(), back.begin() + DYN_PAGE_UNIT, page(n).begin())) << n;
+    }
+  }
+}
+
 // Pages of the overflow part that their group has not reached wait in the
 // store; fetched again afterwards they are not stored a second time; free
 // pages are never kept.

@@ -77,6 +77,15 @@ TEST(MaskCopy, FlipsTheHighBitAndKeepsZeros) {
   std::strcpy(out, "old");
   reel_mask_copy(out, in, -1);
   EXPECT_STREQ(out, "");
+
+  // Every byte value, at every place of the eight-byte words and behind them.
+  std::vector<unsigned char> all(256 * 9 + 5);
+  for (size_t i = 0; i < all.size(); ++i) all[i] = static_cast<unsigned char>(i * 9 / 8 + i / 256);
+  std::vector<char> flipped(all.size() + 1);
+  reel_mask_copy(flipped.data(), all.data(), static_cast<int>(all.size()));
+  for (size_t i = 0; i < all.size(); ++i)
+    ASSERT_EQ(static_cast<unsigned char>(flipped[i]), all[i] == 0 ? 0 : all[i] ^ 0x80) << i;
+  EXPECT_EQ(flipped[all.size()], '\0');
 }
 
 TEST(TextFromTape, BlankRunsNewlinesAndFiller) {
