@@ -110,7 +110,7 @@ void check_what_the_run_left() {
     }
   }
   REL_TYPE voc;
-  if (M_openfile(&voc, (std::string(kAccount) + "/VOC").c_str(), 0) != 1) {
+  if (M_openfile(&voc, (std::string(kAccount) + "/VOC").c_str(), OpenMode::Read) != 1) {
     std::fprintf(stderr, "the account's VOC does not open after the run\n");
     std::abort();
   }
