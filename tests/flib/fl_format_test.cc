@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <string>
 #include <vector>
 
 #include "flib/fl_block.h"
@@ -64,6 +65,29 @@ TEST(FlFormat, BlockSizeCodeRecountsAModuloToKeepTheFileSize) {
   EXPECT_EQ(BlockSizeCode{4}.modulo_keeping_size(101), 25);
   EXPECT_EQ(BlockSizeCode{4}.modulo_keeping_size(11), 2);
   EXPECT_EQ(BlockSizeCode{16}.modulo_keeping_size(11), 0);
+}
+
+// The key area is read from datapos down: row 0's length byte at datapos-1
+// with its key just below, row 1's below that. A key that reaches below the
+// key table is not taken.
+TEST(FlFormat, KeyWalkReadsTheKeysDownFromDatapos) {
+  std::vector<uint8_t> block(512, 0);
+  gb_set_datapos(block.data(), 100);
+  block[99] = 2;
+  block[97] = 'A';
+  block[98] = 'B';
+  block[96] = 1;
+  block[95] = 'C';
+  KeyWalk walk = key_walk(block.data());
+  EXPECT_EQ(std::string(reinterpret_cast<const char*>(walk.bytes()), static_cast<size_t>(walk.length())), "AB");
+  walk.next();
+  EXPECT_EQ(walk.end, 97);
+  EXPECT_EQ(std::string(reinterpret_cast<const char*>(walk.bytes()), static_cast<size_t>(walk.length())), "C");
+  EXPECT_EQ(key_walk(block.data(), 1).start(), 95);
+  EXPECT_EQ(key_walk(block.data(), 2).end, 95);
+  EXPECT_TRUE(walk.fits_above(95));
+  EXPECT_FALSE(walk.fits_above(96));
+  EXPECT_FALSE(key_walk(block.data(), 2).fits_above(95));
 }
 
 }  // namespace
