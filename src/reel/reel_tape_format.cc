@@ -20,6 +20,9 @@ void put_tape_text(unsigned char* out, const char* text, int width) {
   }
 }
 
+// Month, day and year, in the order the date is written "MM-DD-YY".
+constexpr int32_t kDateFieldOffsets[] = {LABEL_OFF_MONTH, LABEL_OFF_DAY, LABEL_OFF_YEAR};
+
 }  // namespace
 
 TapeLabel tape_decode_label(const unsigned char* label) {
@@ -27,13 +30,13 @@ TapeLabel tape_decode_label(const unsigned char* label) {
   out.tape_no = label[LABEL_OFF_TAPE_NO];
   out.revision = (static_cast<int>(label[LABEL_OFF_REVISION]) - kRevisionBase) / kRevisionStep;
   reel_name_from_tape(out.name, label + LABEL_OFF_NAME, LABEL_NAME_SIZE);
-  char month[LABEL_DATE_FIELD + 1];
-  char day[LABEL_DATE_FIELD + 1];
-  char year[LABEL_DATE_FIELD + 1];
-  reel_mask_copy(month, label + LABEL_OFF_MONTH, LABEL_DATE_FIELD);
-  reel_mask_copy(day, label + LABEL_OFF_DAY, LABEL_DATE_FIELD);
-  reel_mask_copy(year, label + LABEL_OFF_YEAR, LABEL_DATE_FIELD);
-  std::snprintf(out.date, sizeof out.date, "%s-%s-%s", month, day, year);
+  // Every byte of a date field is flipped, a zero byte too (unlike names,
+  // where zero is filler); a byte that flips to zero ends its field's text.
+  char fields[3][LABEL_DATE_FIELD + 1] = {};
+  for (int f = 0; f < 3; ++f)
+    for (int i = 0; i < LABEL_DATE_FIELD; ++i)
+      fields[f][i] = static_cast<char>(tape_flip(label[kDateFieldOffsets[f] + i]));
+  std::snprintf(out.date, sizeof out.date, "%s-%s-%s", fields[0], fields[1], fields[2]);
   return out;
 }
 
@@ -44,13 +47,12 @@ void tape_encode_label(unsigned char* label, const TapeLabel& fields) {
       static_cast<unsigned char>(kRevisionBase + kRevisionStep * fields.revision);
   label[LABEL_OFF_TAPE_NO] = static_cast<unsigned char>(fields.tape_no);
   // The date is written "MM-DD-YY"; each two-digit field goes to its place.
-  const int32_t places[] = {LABEL_OFF_MONTH, LABEL_OFF_DAY, LABEL_OFF_YEAR};
   const size_t date_length = std::strlen(fields.date);
   for (int f = 0; f < 3; ++f)
     for (int i = 0; i < LABEL_DATE_FIELD; ++i) {
       size_t at = static_cast<size_t>(3 * f + i);
       char c = at < date_length ? fields.date[at] : ' ';
-      label[places[f] + i] = tape_flip(static_cast<unsigned char>(c));
+      label[kDateFieldOffsets[f] + i] = tape_flip(static_cast<unsigned char>(c));
     }
   put_tape_text(label + LABEL_OFF_NAME, fields.name, LABEL_NAME_SIZE);
 }

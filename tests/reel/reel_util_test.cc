@@ -155,6 +155,18 @@ TEST(TapeText, EveryByteSurvivesEachEncoderAndItsDecoder) {
   }
 }
 
+// A label's date fields flip every byte: a zero byte is not filler there
+// (it reads as 0x80), while a byte that flips to zero ends its field.
+TEST(TapeText, LabelDateFlipsEveryByteZeroIncluded) {
+  unsigned char label[LABEL_SIZE] = {};
+  TapeLabel fields;
+  std::memcpy(fields.date, "11-22-93", 9);
+  tape_encode_label(label, fields);
+  label[LABEL_OFF_MONTH] = 0x00;
+  label[LABEL_OFF_YEAR] = 0x80;
+  EXPECT_STREQ(tape_decode_label(label).date, "\x80" "1-22-");
+}
+
 TEST(NextAttribute, FieldsOfTapeAndSystemMarks) {
   const unsigned char rec[] = {'A', 'B', TAPE_FM, 'C', TAPE_RM, 'D', 0};
   const unsigned char* p = rec;
