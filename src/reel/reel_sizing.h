@@ -15,6 +15,7 @@
 // the estimates are not to be made one.
 #pragma once
 
+#include <cassert>
 #include <cstdint>
 
 #include "flib/fl_block.h"
@@ -33,6 +34,7 @@ static_assert(REEL_KEY_COST == KEY_ENTRY_SIZE + 1 && REEL_RECORD_COST == REEL_KE
 // when an average key does not fit.
 // REQUIRES: key_divisor > 0.
 inline constexpr int64_t reel_group_room(int64_t block_size, int64_t key_bytes, int64_t key_divisor) {
+  assert(key_divisor > 0);
   return block_size - REEL_GROUP_HEAD_BYTES - key_bytes / key_divisor;
 }
 
@@ -41,6 +43,7 @@ inline constexpr int64_t reel_group_room(int64_t block_size, int64_t key_bytes, 
 // REQUIRES: room > 0.
 inline constexpr int64_t reel_record_blocks(int64_t key_bytes, int64_t data_bytes, int64_t records,
                                             int64_t room) {
+  assert(room > 0);
   return (data_bytes + REEL_RECORD_COST * records + key_bytes) / room;
 }
 
@@ -48,5 +51,6 @@ inline constexpr int64_t reel_record_blocks(int64_t key_bytes, int64_t data_byte
 // REEL_KEY_COST each: the key table test of a finished load.
 // REQUIRES: room > 0.
 inline constexpr int64_t reel_key_blocks(int64_t key_bytes, int64_t records, int64_t room) {
+  assert(room > 0);
   return (key_bytes + REEL_KEY_COST * records) / room;
 }
