@@ -21,6 +21,7 @@
 #include "flib/fl_block.h"
 #include "flib/fl_filehdr.h"
 #include "flib/fl_globals.h"
+#include "flib/fl_heads.h"
 #include "flib/fl_io.h"
 #include "flib/fl_lock.h"
 #include "flib/fl_open.h"
@@ -34,17 +35,6 @@ namespace {
 
 // Largest write of group heads while a file is made.
 constexpr size_t kCreateRun = 256 * 1024;
-
-// Writes a whole buffer at an offset; a full disk is waited out unless the
-// no-wait switch is on. 0 or -1.
-int write_waiting(int fd, const uint8_t* buffer, size_t length, off_t offset) {
-  for (;;) {
-    errno = 0;
-    if (M_ls_write(fd, buffer, length, offset) == static_cast<ssize_t>(length)) return 0;
-    if (errno != ENOSPC && errno != 0) return -1;
-    if (M_no_wait != 0 || M_fs_full_wait() < 0) return -1;
-  }
-}
 
 void remove_new_file(const REL_TYPE* rel) {
   if (hash_is_dynamic(rel->hashtype))
@@ -64,13 +54,6 @@ int initfile_error(const REL_TYPE* rel, const char* cause, ScopedFd* part = null
 
 uint32_t time_stamp() {
   return static_cast<uint32_t>(M_file_time_stamp != 0 ? M_file_time_stamp : std::time(nullptr));
-}
-
-// Byte 28 of group g's head block under a spread layout.
-uint8_t spread_part(int32_t spread, int32_t g, int32_t groups_per_part, int32_t modulo) {
-  if (spread == 0) return 0;
-  if (spread == 1) return static_cast<uint8_t>(g / groups_per_part + 1);
-  return static_cast<uint8_t>((g * (spread - 1) - 1) / modulo + 1);
 }
 
 int32_t overflow_part_count(int32_t spread, int32_t primary_parts) {
@@ -99,26 +82,24 @@ int create_part_error(REL_TYPE* rel, const char* function, const char* cause, in
 
 // Writes the head block of every group: into `fd` (dat001, or the static
 // file) and, for the groups past the first part, into further primary parts
-// that each start with a copy of `h`. The number of primary parts, or 0
-// after a report (the new file is gone then).
-int32_t write_group_heads(REL_TYPE* rel, int fd, const FileHeader& h, int32_t groups_per_part, int32_t spread) {
+// that each start with a copy of `h`. With `loader_parts` the heads are
+// left out: each part gets its header and its full length, and a
+// descriptor of each part goes to `loader_parts`. The number of primary
+// parts, or 0 after a report (the new file is gone then).
+int32_t write_group_heads(REL_TYPE* rel, int fd, const FileHeader& h, const HeadLayout& layout,
+                          std::vector<ScopedFd>* loader_parts) {
   const uint32_t b = rel->block_size;
   const int32_t modulo = rel->modulo;
+  const int32_t groups_per_part = layout.groups_per_part;
+  const bool to_loader = loader_parts != nullptr;
   // Later primary parts start with a copy of the header.
   FileHeader copy = h;
   uint8_t block[MAX_BLOCK_SIZE] = {};
-  uint8_t head[MAX_BLOCK_SIZE] = {};
-  uint32_t d = initial_datapos(b);
-  gb_set_byteleft(head, static_cast<int16_t>(b - d));
-  gb_set_datapos(head, static_cast<int16_t>(d));
-  gb_set_flags(head, FLAG_HEAD);
-  gb_set_hashtype(head, static_cast<uint8_t>(rel->hashtype));
-  gb_set_time(head, time_stamp());
+  if (to_loader) loader_parts->emplace_back(dup(fd));
 
   // The part being written when it is not `fd`; closed when its last group
   // head is written.
   ScopedFd part;
-  int32_t first_group = 0;
   int32_t primary_parts = 1;
   // Group heads are consecutive blocks of their part: they are gathered and
   // written in runs of up to kCreateRun bytes.
@@ -126,14 +107,13 @@ int32_t write_group_heads(REL_TYPE* rel, int fd, const FileHeader& h, int32_t gr
   off_t run_offset = 0;
   auto write_run = [&]() {
     if (run.empty()) return 0;
-    int r = write_waiting(part.valid() ? part.get() : fd, run.data(), run.size(), run_offset);
+    int r = M_write_waiting(part.valid() ? part.get() : fd, run.data(), run.size(), run_offset);
     run.clear();
     return r;
   };
   for (int32_t g = 0; g < modulo; ++g) {
     if (g > 0 && g % groups_per_part == 0) {
       copy.first_group = g;
-      first_group = g;
       ++primary_parts;
       char path[REL_NAME_SIZE + 16];
       M_part_path(rel, static_cast<uint32_t>(g / groups_per_part + 1), path, sizeof path);
@@ -142,15 +122,21 @@ int32_t write_group_heads(REL_TYPE* rel, int fd, const FileHeader& h, int32_t gr
       if (!part.valid()) return initfile_error(rel, "M_create_part_file");
       std::memset(block, 0, b);
       encode_file_header(copy, block);
-      if (write_waiting(part.get(), block, b, 0) != 0) return initfile_error(rel, "write", &part);
+      if (M_write_waiting(part.get(), block, b, 0) != 0) return initfile_error(rel, "write", &part);
+      if (to_loader) loader_parts->emplace_back(dup(part.get()));
     }
-    gb_set_over_part(head, spread_part(spread, g, groups_per_part, modulo));
-    gb_set_group(head, static_cast<uint32_t>(g));
-    if (run.empty()) run_offset = static_cast<off_t>(g - first_group + 1) * b;
-    run.insert(run.end(), head, head + b);
     bool last_of_part = g + 1 == modulo || (g + 1) % groups_per_part == 0;
-    if ((last_of_part || run.size() + b > kCreateRun) && write_run() != 0)
-      return initfile_error(rel, "write", &part);
+    if (to_loader) {
+      // The part's full length, as the heads would give it.
+      if (last_of_part && ftruncate(part.valid() ? part.get() : fd, head_offset(layout, g) + b) != 0)
+        return initfile_error(rel, "write", &part);
+    } else {
+      if (run.empty()) run_offset = head_offset(layout, g);
+      run.resize(run.size() + b);
+      head_block(layout, g, run.data() + run.size() - b);
+      if ((last_of_part || run.size() + b > kCreateRun) && write_run() != 0)
+        return initfile_error(rel, "write", &part);
+    }
     if (last_of_part) part.reset();
   }
   return primary_parts;
@@ -190,7 +176,7 @@ int write_overflow_headers(REL_TYPE* rel, const FileHeader& h, int32_t groups_pe
     if (!over_fd.valid()) return initfile_error(rel, "M_create_part_file");
     std::memset(block, 0, b);
     encode_overflow_header(oh, block);
-    if (write_waiting(over_fd.get(), block, b, 0) != 0) return initfile_error(rel, "write", &over_fd);
+    if (M_write_waiting(over_fd.get(), block, b, 0) != 0) return initfile_error(rel, "write", &over_fd);
   }
   return 1;
 }
@@ -204,6 +190,8 @@ void M_load_settings(int32_t hashtype, int32_t* split_load, int32_t* merge_load)
 }
 
 int M_initfile(int fd, REL_TYPE* rel) {
+  const bool to_loader = M_heads_to_loader;
+  M_heads_to_loader = false;
   const BlockSizeCode code{
       std::clamp(BlockSizeCode::of_bytes(rel->block_size).code, BlockSizeCode::kMin, BlockSizeCode::kMax)};
   const int32_t k = code.code;
@@ -246,14 +234,24 @@ int M_initfile(int fd, REL_TYPE* rel) {
 
   uint8_t block[MAX_BLOCK_SIZE] = {};
   encode_file_header(h, block);
-  if (write_waiting(fd, block, b, 0) != 0) return initfile_error(rel, "write");
-  int32_t primary_parts = write_group_heads(rel, fd, h, groups_per_part, spread);
+  if (M_write_waiting(fd, block, b, 0) != 0) return initfile_error(rel, "write");
+  HeadLayout layout;
+  layout.block_size = b;
+  layout.hashtype = rel->hashtype;
+  layout.stamp = time_stamp();
+  layout.spread = spread;
+  layout.groups_per_part = groups_per_part;
+  layout.modulo = modulo;
+  std::vector<ScopedFd> loader_parts;
+  int32_t primary_parts = write_group_heads(rel, fd, h, layout, to_loader ? &loader_parts : nullptr);
   if (primary_parts == 0) return 0;
   rel->primary.assign(static_cast<size_t>(primary_parts), PartEntry{});
-  if (!dynamic) return 1;
-  int32_t overflow_parts = overflow_part_count(spread, primary_parts);
-  if (write_overflow_headers(rel, h, groups_per_part, primary_parts, overflow_parts) != 1) return 0;
-  rel->overflow.assign(static_cast<size_t>(overflow_parts), PartEntry{});
+  if (dynamic) {
+    int32_t overflow_parts = overflow_part_count(spread, primary_parts);
+    if (write_overflow_headers(rel, h, groups_per_part, primary_parts, overflow_parts) != 1) return 0;
+    rel->overflow.assign(static_cast<size_t>(overflow_parts), PartEntry{});
+  }
+  if (to_loader) M_heads_pending_add(layout, std::move(loader_parts));
   return 1;
 }
 

@@ -264,6 +264,15 @@ ssize_t M_ls_write(int fd, const uint8_t* buffer, size_t length, off_t offset) {
   }
 }
 
+int M_write_waiting(int fd, const uint8_t* buffer, size_t length, off_t offset) {
+  for (;;) {
+    errno = 0;
+    if (M_ls_write(fd, buffer, length, offset) == static_cast<ssize_t>(length)) return 0;
+    if (errno != ENOSPC && errno != 0) return -1;
+    if (M_no_wait != 0 || M_fs_full_wait() < 0) return -1;
+  }
+}
+
 int M_set_over_fd(REL_TYPE* rel, int32_t part_number) {
   if (!rel_is_dynamic(rel)) return 0;
   if (part_number == 0) {

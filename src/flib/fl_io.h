@@ -50,6 +50,9 @@ int M_blkwrite(REL_TYPE* rel, uint32_t address, uint8_t* buffer);
 // A positioned write that repeats after an interrupted call. Returns the
 // count written or -1.
 ssize_t M_ls_write(int fd, const uint8_t* buffer, size_t length, off_t offset);
+// Writes a whole buffer at an offset; a full disk is waited out unless the
+// no-wait switch is on. 0 or -1.
+int M_write_waiting(int fd, const uint8_t* buffer, size_t length, off_t offset);
 // Makes an overflow part current; 0 or -1.
 int M_set_over_fd(REL_TYPE* rel, int32_t part_number);
 // The full-disk routine: tells the operator and waits for RETURN. 0 to try

@@ -14,6 +14,7 @@
 #include "flib/fl_dirfile.h"
 #include "flib/fl_free.h"
 #include "flib/fl_hash.h"
+#include "flib/fl_heads.h"
 #include "flib/fl_io.h"
 #include "flib/fl_index.h"
 #include "flib/fl_lock.h"
@@ -48,6 +49,11 @@ struct MemState {
   // after that only this writer's flushes extend the part (invariant 1),
   // and they keep it up to date.
   std::vector<int64_t> over_length;
+  // The file's group heads that are not on disk yet, when it was laid out
+  // for this writer: they are made in memory when asked for, and the rest
+  // is written when the writer ends.
+  PendingHeads* heads = nullptr;
+  int32_t next_head = 0;  // groups below it were taken or passed
 };
 MemState g_mem;
 
@@ -109,6 +115,14 @@ bool window_read(int fd, uint32_t offset, uint8_t* buffer) {
   return true;
 }
 
+// Reads the block at `offset` of `fd` alone. Overflow blocks are asked for
+// here and there (a chain's next block, a part's header after each flush):
+// a window would read many blocks to use one.
+bool block_read(int fd, uint32_t offset, uint8_t* buffer) {
+  const uint32_t b = g_mem.block_size;
+  return pread(fd, buffer, b, offset) == static_cast<ssize_t>(b);
+}
+
 bool is_overflow(uint32_t address) {
   if (hash_is_dynamic(g_mem.rel->hashtype)) return addr_is_overflow(address);
   return address >= g_mem.boundary;
@@ -120,6 +134,19 @@ uint32_t key_of(uint32_t address) { return addr_offset(address); }
 
 uint32_t part_of(uint32_t address) {
   return hash_is_dynamic(g_mem.rel->hashtype) ? addr_part_index(address) : 0;
+}
+
+// The group whose head lies at `address` when that head is not on disk
+// yet and no pool has it; -1 otherwise.
+int32_t pending_group(uint32_t address) {
+  const PendingHeads* heads = g_mem.heads;
+  if (heads == nullptr || is_overflow(address)) return -1;
+  const uint32_t b = g_mem.block_size;
+  const uint32_t offset = key_of(address);
+  if (offset < b) return -1;
+  const int64_t g = static_cast<int64_t>(part_of(address)) * heads->layout.groups_per_part + offset / b - 1;
+  if (g >= heads->layout.modulo || heads->done[static_cast<size_t>(g)] != 0) return -1;
+  return static_cast<int32_t>(g);
 }
 
 // Row of `offset` in the pool, or -1.
@@ -194,9 +221,9 @@ void M_mem_insert_block(uint32_t offset, const uint8_t* bytes, Pool& pool) {
   ++pool.count;
 }
 
-// Takes a block into its pool: flushes first when the pool is full or the
+// Puts a block into its pool: flushes first when the pool is full or the
 // block lies in another part. 0 or -1.
-int take_block(REL_TYPE* rel, uint32_t address, const uint8_t* bytes) {
+int pool_block(REL_TYPE* rel, uint32_t address, const uint8_t* bytes) {
   Pool& pool = pool_of(address);
   if (pool.count >= g_mem.capacity || part_of(address) != g_mem.current_part) {
     if (M_mem_flush(rel) != 0) return -1;
@@ -204,6 +231,34 @@ int take_block(REL_TYPE* rel, uint32_t address, const uint8_t* bytes) {
   }
   M_mem_insert_block(key_of(address), bytes, pool);
   return 0;
+}
+
+// A load takes the groups in ascending order. The heads not on disk between
+// the last group it took and group g, of g's part, are groups that receive
+// no record: they join the pool before g, so that a flush writes them in
+// one run with their neighbours instead of in a write of their own later.
+int pool_heads_before(REL_TYPE* rel, int32_t g) {
+  PendingHeads& heads = *g_mem.heads;
+  const HeadLayout& layout = heads.layout;
+  const int32_t part_start = static_cast<int32_t>(head_part(layout, g)) * layout.groups_per_part;
+  uint8_t block[MAX_BLOCK_SIZE];
+  for (int32_t h = std::max(g_mem.next_head, part_start); h < g; ++h) {
+    if (heads.done[static_cast<size_t>(h)] != 0) continue;
+    heads.done[static_cast<size_t>(h)] = 1;
+    head_block(layout, h, block);
+    if (pool_block(rel, make_addr(false, head_offset(layout, h), head_part(layout, h)), block) != 0) return -1;
+  }
+  g_mem.next_head = std::max(g_mem.next_head, g + 1);
+  return 0;
+}
+
+// Takes a block into its pool. 0 or -1.
+int take_block(REL_TYPE* rel, uint32_t address, const uint8_t* bytes) {
+  if (int32_t g = pending_group(address); g >= 0) {
+    if (pool_heads_before(rel, g) != 0) return -1;
+    g_mem.heads->done[static_cast<size_t>(g)] = 1;
+  }
+  return pool_block(rel, address, bytes);
 }
 
 void init_pool(Pool& pool) {
@@ -217,7 +272,11 @@ void init_pool(Pool& pool) {
 bool M_mem_active(const REL_TYPE* rel) { return g_mem.rel != nullptr && g_mem.rel == rel; }
 
 int M_init_mem_buffers(REL_TYPE* rel) {
+  const int first_part = M_get_fd(rel, 0);
   if (M_lock_file(rel, LOCK_EXCLUSIVE | LOCK_NOWAIT) != 0) {
+    // Without the writer the file is written block by block from the disk:
+    // heads left for the writer must be there first.
+    if (PendingHeads* heads = M_heads_take(first_part)) M_heads_write_rest(heads);
     M_file_error(rel, "M_init_mem_buffers", "M_mrvlockf", nullptr, 0, 0);
     return -1;
   }
@@ -235,6 +294,7 @@ int M_init_mem_buffers(REL_TYPE* rel) {
   int fd = M_get_fd(rel, hash_is_dynamic(rel->hashtype) ? ADDR_OVERFLOW : 0);
   if (fd >= 0 && fstat(fd, &st) == 0) g_mem.end_of_file = static_cast<uint32_t>(st.st_size - st.st_size % rel->block_size);
   g_mem.end_of_file = std::max(g_mem.end_of_file, g_mem.boundary);
+  g_mem.heads = M_heads_take(first_part);
   return 1;
 }
 
@@ -249,7 +309,10 @@ int M_memread(REL_TYPE* rel, uint32_t address, uint8_t* buffer) {
     }
   }
   int fd = M_get_fd(rel, address);
-  if (fd < 0 || !window_read(fd, key_of(address), buffer)) {
+  if (int32_t g = pending_group(address); g >= 0) {
+    head_block(g_mem.heads->layout, g, buffer);
+  } else if (fd < 0 || !(is_overflow(address) ? block_read(fd, key_of(address), buffer)
+                                                : window_read(fd, key_of(address), buffer))) {
     M_errout(0, "M_memread error.\n");
     return -1;
   }
@@ -299,12 +362,23 @@ int M_mem_force_flush(REL_TYPE* rel, int unlock) {
   if (!M_mem_active(rel)) return 1;
   int result = M_mem_flush(rel) == 0 ? 1 : -1;
   if (result != 1) M_errout(0, "forceflush error.\n");
+  // A head that cannot be written stays pending (fl_heads.h); the failed
+  // write is counted where every write's failure is.
+  if (unlock != 0 && g_mem.heads != nullptr && M_heads_write_rest(g_mem.heads) != 0) result = -1;
   if (unlock != 0) {
     g_mem = MemState{};
     drop_window();
     if (M_unlock_file(rel) != 0) result = -1;
   }
   return result;
+}
+
+void M_mem_end_for_removal(REL_TYPE* rel) {
+  if (!M_mem_active(rel)) return;
+  if (g_mem.heads != nullptr) M_heads_forget(g_mem.heads);
+  g_mem = MemState{};
+  drop_window();
+  M_unlock_file(rel);
 }
 
 int64_t mem_dyn_hash(REL_TYPE* rel, const uint8_t* key, int32_t length, int32_t mode) {

@@ -18,6 +18,9 @@
 //     and a run of them is written by one call.
 //  3. Both pools belong to one part index; a block of another part flushes
 //     both first.
+//  4. A file laid out with its heads left to the writer (fl_heads.h) gets
+//     a head not yet on disk made in memory, and the heads it never wrote
+//     at M_mem_force_flush(rel, 1).
 #pragma once
 
 #include <cstdint>
@@ -42,6 +45,9 @@ int M_memwrite(REL_TYPE* rel, uint32_t address, const uint8_t* buffer);
 int M_mem_flush(REL_TYPE* rel);
 // Flushes and, with `unlock`, ends the writer and releases the lock. 1 or -1.
 int M_mem_force_flush(REL_TYPE* rel, int unlock);
+// Ends the writer of a file that its caller removes next: what the pools
+// hold is dropped, and so are the group heads left to the writer.
+void M_mem_end_for_removal(REL_TYPE* rel);
 // Adds or replaces one record through the pools. 1 or -1.
 int M_mem_add_tuple(REL_TYPE* rel, const uint8_t* key, int32_t key_length, const uint8_t* record,
                     int32_t record_length);

@@ -402,10 +402,10 @@ int reel_resize_check() {
   const int32_t n = reel_resize_modulo();
   if (n == 0) return 1;
   const int32_t type = f.rel->hashtype;
-  M_mem_force_flush(f.rel.get(), 1);
-  M_closefile(f.rel.get());
-  f.rel.reset();
 
+  // The new layout is made while the file made at the tape's modulo is
+  // still open: only once the new one stands is the old one let go of,
+  // unwritten, since it is removed.
   char temporary[sizeof kResizeTemplate];
   std::memcpy(temporary, kResizeTemplate, sizeof kResizeTemplate);
   const bool named = mrv_mktemp(temporary) != nullptr;
@@ -413,12 +413,18 @@ int reel_resize_check() {
   if (named) reel_note_loading(REEL_OBJECT_SCRATCH, temporary, temporary);
   if (!named ||
       reel_create_under_name(temporary, temporary, 0, n, BlockSizeCode::kOneKiB, BlockSizeCode::kOneKiB, CREATE_DATA,
-                             type) == 0) {
+                             type, true) == 0) {
     reel_loading_done(REEL_OBJECT_SCRATCH, temporary, true);
+    M_mem_force_flush(f.rel.get(), 1);
+    M_closefile(f.rel.get());
+    f.rel.reset();
     if (reel_open_loader(f.name) != 0) return 1;
     reel_show('M', 0);
     return 0;
   }
+  M_mem_end_for_removal(f.rel.get());
+  M_closefile(f.rel.get());
+  f.rel.reset();
   NT_RemoveFile(f.short_name.c_str(), "");
   NT_rename(temporary, f.short_name.c_str(), 0);
   M_voc_delete(temporary);

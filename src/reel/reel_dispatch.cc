@@ -113,7 +113,7 @@ void directory_file(unsigned char* buffer, int32_t* length) {
   if (s.overlay) {
     reel_target_from_voc();
     reel_show('L', 1);
-  } else if (reel_create_target(0) == 0) {
+  } else if (reel_create_target(0, false) == 0) {
     reel_skip_blocks(buffer, length, SkipMode::Object);
     return;
   }

@@ -151,6 +151,6 @@ void reel_apply_plan() {
     f.name = reel_guard_reserved_name(tokens[1]);
     f.modulo = std::atoi(tokens[2].c_str());
     // A plan only makes files: one that was made is done.
-    if (reel_create_target(0) == 1) reel_loading_done(f.file_kind, f.name, true);
+    if (reel_create_target(0, false) == 1) reel_loading_done(f.file_kind, f.name, true);
   }
 }

@@ -7,6 +7,7 @@
 #include "common/fl_errout.h"
 #include "flib/fl_clear.h"
 #include "flib/fl_filehdr.h"
+#include "flib/fl_heads.h"
 #include "flib/fl_lock.h"
 #include "flib/fl_mem.h"
 #include "flib/fl_mkfile.h"
@@ -35,14 +36,19 @@ int32_t saved_errout = -1;
 }  // namespace
 
 int reel_create_under_name(const std::string& tape_name, const std::string& target, int32_t dict_modulo,
-                           int32_t modulo, int32_t dict_block, int32_t block, int32_t flags, int32_t type) {
+                           int32_t modulo, int32_t dict_block, int32_t block, int32_t flags, int32_t type,
+                           bool for_load) {
   const bool renamed = tape_name != target;
   std::string record;
   // The core completes the entry of the other half under the name it makes.
   if (renamed && M_voc_read(tape_name, &record) == 1) M_voc_write(target, record);
-  if (M_create_file(target.c_str(), nullptr, dict_modulo, modulo, dict_block, block, flags, 0, type,
-                    nullptr) == 0)
-    return 0;
+  // A data file made to be loaded at once leaves its group heads to the
+  // loader, which writes each of them once, with its records.
+  M_heads_to_loader = for_load && flags == CREATE_DATA;
+  const int made = M_create_file(target.c_str(), nullptr, dict_modulo, modulo, dict_block, block, flags, 0, type,
+                                 nullptr);
+  M_heads_to_loader = false;
+  if (made == 0) return 0;
   if (renamed && M_voc_read(target, &record) == 1) {
     M_voc_write(tape_name, record);
     M_voc_delete(target);
@@ -50,7 +56,7 @@ int reel_create_under_name(const std::string& tape_name, const std::string& targ
   return 1;
 }
 
-int reel_create_target(int dynamic) {
+int reel_create_target(int dynamic, bool for_load) {
   const RunSettings& s = reel_settings;
   CurrentFile& f = reel_current;
   std::string key = f.name;
@@ -81,7 +87,7 @@ int reel_create_target(int dynamic) {
   }
   if (f.file_kind == FILE_KIND_DATA && s.block_list_on) f.modulo = modulo;
   if (reel_create_under_name(f.name, f.short_name, dict_modulo, modulo, BlockSizeCode::kOneKiB, block, flags,
-                             type) == 0) {
+                             type, for_load) == 0) {
     reel_show('C', 0);
     reel_log_error(REEL_ERR_CREATE, "Create file error");
     return 0;
@@ -109,7 +115,7 @@ int reel_prepare_hashed_target(int dynamic) {
   if (s.data_only || s.overlay) {
     reel_target_from_voc();
     reel_show('L', 1);
-  } else if (reel_create_target(dynamic) == 0) {
+  } else if (reel_create_target(dynamic, true) == 0) {
     return 0;
   }
   return reel_open_target();

@@ -37,13 +37,17 @@ int reel_name_exists(const std::string& name, int name_len, int mode);
 int reel_ask_overwrite(const std::string& tape_name, const std::string& target_name);
 
 // Makes the target of the current-file slot; 1 made, 0 not made (the file
-// is to be skipped). `dynamic` asks for a dynamic hashed file.
-int reel_create_target(int dynamic);
+// is to be skipped). `dynamic` asks for a dynamic hashed file. `for_load`:
+// the slot's loader opens the file next (see reel_create_under_name).
+int reel_create_target(int dynamic, bool for_load);
 // Creates `target` with M_create_file while the VOC entry of `tape_name`
 // (when the names differ) stands under `target` for the time of the call,
-// and leaves the entry keyed by `tape_name`. 1 or 0.
+// and leaves the entry keyed by `tape_name`. 1 or 0. With `for_load`, a
+// data file's group heads are left to the memory-buffered writer that the
+// caller starts on it next (flib/fl_heads.h).
 int reel_create_under_name(const std::string& tape_name, const std::string& target, int32_t dict_modulo,
-                           int32_t modulo, int32_t dict_block, int32_t block, int32_t flags, int32_t type);
+                           int32_t modulo, int32_t dict_block, int32_t block, int32_t flags, int32_t type,
+                           bool for_load);
 // For -D and -O: the slot's name on disk from the VOC entry of its tape
 // name, or empty when there is none.
 void reel_target_from_voc();

@@ -164,15 +164,19 @@ AccountImage image_of(const std::string& account) {
   return image;
 }
 
-TEST(Resume, KilledAtTenPointsThenRestartedWithRAllEndsEqualToAnUnbrokenRestore) {
+// Kills at evenly spaced writes: enough of them that each kind of object
+// below has one (a file made to be loaded writes little before its load).
+constexpr int kKillPoints = 14;
+
+TEST(Resume, KilledAtEvenPointsThenRestartedWithRAllEndsEqualToAnUnbrokenRestore) {
   const int writes = writes_of_a_restore();
   ASSERT_GT(writes, 30);
   FaultSandbox whole;
   whole.restore("");
   const AccountImage expected = image_of(whole.account("SALES"));
-  std::string noted;  // what the ten kills broke off
-  for (int point = 1; point <= 10; ++point) {
-    const int n = writes * point / 11;
+  std::string noted;  // what the kills broke off
+  for (int point = 1; point <= kKillPoints; ++point) {
+    const int n = writes * point / (kKillPoints + 1);
     FaultSandbox box;
     ProgramResult killed = box.restore("kill:" + std::to_string(n));
     ASSERT_EQ(killed.status, 128 + SIGKILL) << killed.output;

@@ -26,7 +26,7 @@ void load(int32_t modulo, int records, int data_bytes, const char* name = "CUST"
   f = CurrentFile{};
   f.name = name;
   f.modulo = modulo;
-  if (reel_create_target(dynamic) != 1 || reel_open_target() != 1) return;
+  if (reel_create_target(dynamic, true) != 1 || reel_open_target() != 1) return;
   const std::string data(static_cast<size_t>(data_bytes), 'd');
   for (int i = 0; i < records; ++i) {
     std::string key = key_of(i);
@@ -224,7 +224,7 @@ TEST(Loader, SpillKeepsEveryLargeRecordOnce) {
         CurrentFile& f = reel_current;
         f.name = "BIG";
         f.modulo = 5;
-        if (reel_create_target(1) != 1 || reel_open_target() != 1) return;
+        if (reel_create_target(1, true) != 1 || reel_open_target() != 1) return;
         for (int i = 0; i < kRecords; ++i) {
           std::string key = key_of(i);
           reel_add_ltuple(key.c_str(), static_cast<int32_t>(key.size()), 5000, 7);

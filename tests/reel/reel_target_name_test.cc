@@ -26,7 +26,7 @@ int create(const char* name, int32_t kind, int32_t modulo = 7) {
   reel_current.name = name;
   reel_current.file_kind = kind;
   reel_current.modulo = modulo;
-  return reel_create_target(0);
+  return reel_create_target(0, false);
 }
 
 TEST(TargetName, CutCleanAndLetter) {
@@ -195,7 +195,7 @@ TEST(TargetName, BlockListAndHashType) {
         reel_current = CurrentFile{};
         reel_current.name = "DYN";
         reel_current.modulo = 11;
-        reel_create_target(1);
+        reel_create_target(1, false);
         for (const char* name : {"CUST", "PLAIN", "DYN"}) {
           REL_TYPE rel;
           M_openfile(&rel, name, OpenMode::Read);

@@ -1,0 +1,140 @@
+#include "flib/fl_heads.h"
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdlib>
+#include <cstring>
+#include <list>
+
+#include "flib/fl_block.h"
+#include "flib/fl_globals.h"
+#include "flib/fl_io.h"
+
+bool M_heads_to_loader = false;
+
+namespace {
+
+// Byte 28 of group g's head block under a spread layout.
+uint8_t spread_part(int32_t spread, int32_t g, int32_t groups_per_part, int32_t modulo) {
+  if (spread == 0) return 0;
+  if (spread == 1) return static_cast<uint8_t>(g / groups_per_part + 1);
+  return static_cast<uint8_t>((g * (spread - 1) - 1) / modulo + 1);
+}
+
+// Largest write of heads at once.
+constexpr size_t kHeadRun = 256 * 1024;
+
+// Entries keep their address while others come and go: a writer holds one.
+std::list<PendingHeads> g_pending;
+bool g_exit_hook = false;
+
+// A run that ends normally leaves no file with holes where heads belong.
+void write_all_at_exit() {
+  // Nobody is left to answer a full disk.
+  M_no_wait = 1;
+  for (auto it = g_pending.begin(); it != g_pending.end();) {
+    auto next = std::next(it);
+    if (it->owner == getpid()) M_heads_write_rest(&*it);
+    it = next;
+  }
+}
+
+void drop(PendingHeads* pending) {
+  g_pending.remove_if([pending](const PendingHeads& p) { return &p == pending; });
+}
+
+}  // namespace
+
+void head_block(const HeadLayout& layout, int32_t g, uint8_t* out) {
+  const uint32_t b = layout.block_size;
+  const uint32_t d = initial_datapos(b);
+  std::memset(out, 0, b);
+  gb_set_byteleft(out, static_cast<int16_t>(b - d));
+  gb_set_datapos(out, static_cast<int16_t>(d));
+  gb_set_flags(out, FLAG_HEAD);
+  gb_set_hashtype(out, static_cast<uint8_t>(layout.hashtype));
+  gb_set_time(out, layout.stamp);
+  gb_set_over_part(out, spread_part(layout.spread, g, layout.groups_per_part, layout.modulo));
+  gb_set_group(out, static_cast<uint32_t>(g));
+}
+
+void M_heads_pending_add(const HeadLayout& layout, std::vector<ScopedFd> parts) {
+  struct stat st {};
+  if (parts.empty() || fstat(parts[0].get(), &st) != 0) return;
+  // A file of the same identity that is still listed was removed and its
+  // inode given again: the old entry means nothing now.
+  g_pending.remove_if([&](const PendingHeads& p) { return p.device == st.st_dev && p.inode == st.st_ino; });
+  PendingHeads& p = g_pending.emplace_back();
+  p.layout = layout;
+  p.parts = std::move(parts);
+  p.device = st.st_dev;
+  p.inode = st.st_ino;
+  p.owner = getpid();
+  p.done.assign(static_cast<size_t>(std::max(layout.modulo, 0)), 0);
+  if (!g_exit_hook) {
+    g_exit_hook = true;
+    std::atexit(write_all_at_exit);
+  }
+}
+
+PendingHeads* M_heads_take(int fd) {
+  struct stat st {};
+  if (g_pending.empty() || fd < 0 || fstat(fd, &st) != 0) return nullptr;
+  for (PendingHeads& p : g_pending) {
+    if (p.device != st.st_dev || p.inode != st.st_ino) continue;
+    p.taken = true;
+    return &p;
+  }
+  return nullptr;
+}
+
+int M_heads_write_rest(PendingHeads* pending) {
+  const HeadLayout& layout = pending->layout;
+  const uint32_t b = layout.block_size;
+  int result = 0;
+  std::vector<uint8_t> run;
+  uint32_t run_part = 0;
+  uint32_t run_offset = 0;
+  // A run that reached the disk is done; one that did not stays pending,
+  // so that the next writer of the file, or the exit, has it made again.
+  int32_t run_first = 0;
+  auto write_run = [&]() {
+    if (run.empty()) return;
+    const int32_t count = static_cast<int32_t>(run.size() / b);
+    if (run_part < pending->parts.size() &&
+        M_write_waiting(pending->parts[run_part].get(), run.data(), run.size(), run_offset) == 0)
+      std::fill_n(pending->done.begin() + run_first, count, 1);
+    else
+      result = -1;
+    run.clear();
+  };
+  for (int32_t g = 0; g < layout.modulo; ++g) {
+    if (pending->done[static_cast<size_t>(g)] != 0) {
+      write_run();
+      continue;
+    }
+    const uint32_t part = head_part(layout, g);
+    const uint32_t offset = head_offset(layout, g);
+    if (!run.empty() && (part != run_part || offset != run_offset + run.size() || run.size() + b > kHeadRun))
+      write_run();
+    if (run.empty()) {
+      run_part = part;
+      run_offset = offset;
+      run_first = g;
+    }
+    run.resize(run.size() + b);
+    head_block(layout, g, run.data() + run.size() - b);
+  }
+  write_run();
+  if (result == 0)
+    drop(pending);
+  else
+    pending->taken = false;
+  return result;
+}
+
+void M_heads_forget(PendingHeads* pending) { drop(pending); }
+
+size_t M_heads_pending_count() { return g_pending.size(); }
