@@ -29,8 +29,6 @@ struct REL_TYPE;
 
 // Bytes of each pool; a whole number of blocks is used.
 inline constexpr uint32_t MEM_POOL_BYTES = 163840;
-// Largest single write of a flush.
-inline constexpr uint32_t MEM_WRITE_PIECE = 64512;
 // Counts the write calls of flushes (statistics, tests and benchmarks).
 extern uint64_t M_mem_write_calls;
 

@@ -1,5 +1,6 @@
 #include "flib/fl_mkfile.h"
 
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -15,6 +16,7 @@
 #include "common/mrv_msgno.h"
 #include "flib/fl_create.h"
 #include "flib/fl_filehdr.h"
+#include "flib/fl_heads.h"
 #include "flib/fl_open.h"
 #include "flib/fl_rel.h"
 #include "flib/fl_voc.h"
@@ -129,6 +131,19 @@ namespace {
 // An entry of the same name may hold the other half of the pair: it is
 // read into *old, and *exists says whether there was one. False, after the
 // message, when it leaves no room for what `flags` asks to make.
+// A data file just laid out with its heads left to a loader, when the
+// creation fails after all: no loader comes, so the file goes rather than
+// stay with holes where its heads belong.
+void discard_laid_out(const std::string& path, bool dynamic) {
+  ScopedFd first(open((dynamic ? path + "/dat001" : path).c_str(), O_RDONLY));
+  if (PendingHeads* heads = M_heads_take(first.get())) M_heads_forget(heads);
+  first.reset();
+  if (dynamic)
+    NT_RemoveFile(path.c_str(), "");
+  else
+    unlink(path.c_str());
+}
+
 bool existing_entry_allows(const std::string& key, int32_t flags, VocEntry* old, bool* exists) {
   std::string record;
   if (M_voc_read(key, &record) != 1) return true;
@@ -159,6 +174,7 @@ int M_create_file(const char* name, const char* dict_name, int32_t dict_modulo, 
                   int32_t dict_block, int32_t block, int32_t flags, int32_t verbose, int32_t type,
                   const char* part_table) {
   (void)dict_name;  // names a multi-level member, which this build does not make
+  const bool heads_to_loader = M_heads_to_loader;
   dict_block = std::clamp(dict_block, BlockSizeCode::kMin, BlockSizeCode::kMax);
   block = std::clamp(block, BlockSizeCode::kMin, BlockSizeCode::kMax);
   if (type == CREATE_TYPE_NONE) type = 0;
@@ -217,6 +233,7 @@ int M_create_file(const char* name, const char* dict_name, int32_t dict_modulo, 
   const char* entry_type = old.type.starts_with("D") || old.type.starts_with("d") ? "DIR" : "F";
   if (M_voc_write(key, entry_text(entry_type, data_path, dict_path)) < 0) {
     M_msgno_out(MRV_MSG_VOC_WRITE, "%s", key.c_str());
+    if (heads_to_loader && (flags & CREATE_DATA) != 0) discard_laid_out(path, dynamic);
     return 0;
   }
   if ((flags & CREATE_DICT) != 0) return M_dict_at_id(short_name.c_str(), dict_path.c_str(), verbose);

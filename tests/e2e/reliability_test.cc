@@ -122,7 +122,10 @@ TEST(Faults, AFailingWriteAtEveryTenthWriteEndsItsFileCleanlyAndCountsHonestly) 
         EXPECT_EQ(check_of(account + "/" + file), "") << file;
       }
     }
-    EXPECT_LT(lines_of(r.output) - lines_of(clean.output), 10 * std::max(failing, 1)) << dispmsg;
+    // A failing file says so in a few lines (the full disk's question, the
+    // write that failed, the VOC entry it broke off), never in one per
+    // record.
+    EXPECT_LT(lines_of(r.output) - lines_of(clean.output), 12 * std::max(failing, 1)) << dispmsg;
   }
 }
 
