@@ -71,8 +71,36 @@ FaultSwitch& fault_switch() {
   return s;
 }
 
-// Counts the write about to be made; false (errno set) when it must fail.
-bool write_allowed() {
+// Writes all `count` bytes through `call` (given the bytes done so far),
+// repeating after an interrupted or short call. count, or -1 with errno.
+template <typename Call>
+ssize_t write_whole(size_t count, Call call) {
+  size_t done = 0;
+  while (done < count) {
+    const ssize_t n = call(done);
+    if (n < 0 && errno == EINTR) continue;
+    if (n <= 0) {
+      // A file system that takes nothing and says nothing is full.
+      if (n == 0) errno = ENOSPC;
+      return -1;
+    }
+    done += static_cast<size_t>(n);
+  }
+  return static_cast<ssize_t>(count);
+}
+
+// A whole write through the seam: counted, made, and its failure counted.
+template <typename Call>
+ssize_t counted_write(size_t count, Call call) {
+  if (!NT_write_begin()) return -1;
+  const ssize_t n = write_whole(count, call);
+  if (n < 0) NT_write_failed(errno);
+  return n;
+}
+
+}  // namespace
+
+bool NT_write_begin() {
   FaultSwitch& s = fault_switch();
   const uint64_t n = ++s.writes;
   switch (s.fault) {
@@ -91,43 +119,33 @@ bool write_allowed() {
     default:
       return true;
   }
+  NT_write_failed(s.error);
   errno = s.error;
-  NT_last_write_errno = s.error;
-  ++NT_write_failures;
   return false;
 }
 
-template <typename Call>
-ssize_t write_whole(size_t count, Call call) {
-  if (!write_allowed()) return -1;
-  size_t done = 0;
-  while (done < count) {
-    const ssize_t n = call(done);
-    if (n < 0 && errno == EINTR) continue;
-    if (n <= 0) {
-      // A file system that takes nothing and says nothing is full.
-      if (n == 0) errno = ENOSPC;
-      NT_last_write_errno = errno;
-      ++NT_write_failures;
-      return -1;
-    }
-    done += static_cast<size_t>(n);
-  }
-  return static_cast<ssize_t>(count);
+void NT_write_failed(int error) {
+  NT_last_write_errno = error;
+  ++NT_write_failures;
 }
 
-}  // namespace
-
-ssize_t NT_write(int fd, const void* buffer, size_t count) {
-  const char* bytes = static_cast<const char*>(buffer);
-  return write_whole(count, [&](size_t done) { return write(fd, bytes + done, count - done); });
-}
-
-ssize_t NT_pwrite(int fd, const void* buffer, size_t count, off_t offset) {
+ssize_t NT_pwrite_whole(int fd, const void* buffer, size_t count, off_t offset) {
   const char* bytes = static_cast<const char*>(buffer);
   return write_whole(count, [&](size_t done) {
     return pwrite(fd, bytes + done, count - done, offset + static_cast<off_t>(done));
   });
+}
+
+ssize_t NT_write(int fd, const void* buffer, size_t count) {
+  const char* bytes = static_cast<const char*>(buffer);
+  return counted_write(count, [&](size_t done) { return write(fd, bytes + done, count - done); });
+}
+
+ssize_t NT_pwrite(int fd, const void* buffer, size_t count, off_t offset) {
+  if (!NT_write_begin()) return -1;
+  const ssize_t n = NT_pwrite_whole(fd, buffer, count, offset);
+  if (n < 0) NT_write_failed(errno);
+  return n;
 }
 
 bool NT_fault_tape_read() {

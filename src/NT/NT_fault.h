@@ -29,6 +29,14 @@
 ssize_t NT_write(int fd, const void* buffer, size_t count);
 // pwrite(2) of the whole buffer at `offset`, in the same way.
 ssize_t NT_pwrite(int fd, const void* buffer, size_t count, off_t offset);
+// The two halves of NT_pwrite for a write made by another thread: the
+// seam's part, on the thread that decides the write (counted in order,
+// false with errno set and the failure counted when it must fail), and the
+// write itself, which counts nothing; its failure is counted later, on the
+// deciding thread, by NT_write_failed.
+bool NT_write_begin();
+ssize_t NT_pwrite_whole(int fd, const void* buffer, size_t count, off_t offset);
+void NT_write_failed(int error);
 // errno of the last write that failed here, 0 when none has, and the
 // number of writes that failed.
 extern int NT_last_write_errno;

@@ -18,6 +18,7 @@
 #include "flib/fl_io.h"
 #include "flib/fl_index.h"
 #include "flib/fl_lock.h"
+#include "flib/fl_memflush.h"
 #include "flib/fl_ovhdr.h"
 #include "flib/fl_rel.h"
 #include "flib/fl_report.h"
@@ -33,6 +34,14 @@ struct Pool {
   std::vector<uint32_t> offsets;
   std::vector<uint8_t> data;
   int32_t count = 0;
+};
+
+// A run of a flush as the reports name it.
+struct SentRun {
+  bool overflow = false;
+  bool last = false;  // the pool's last run
+  uint32_t offset = 0;
+  size_t length = 0;
 };
 
 struct MemState {
@@ -54,6 +63,13 @@ struct MemState {
   // is written when the writer ends.
   PendingHeads* heads = nullptr;
   int32_t next_head = 0;  // groups below it were taken or passed
+  // What the last flush handed to the flush thread (fl_memflush.h): its
+  // rows, which reads find here until the next flush, and its runs, to
+  // report a failure the thread meets.
+  Pool group_sent;
+  Pool over_sent;
+  uint32_t sent_part = 0;
+  std::vector<SentRun> sent_runs;
 };
 MemState g_mem;
 
@@ -64,6 +80,8 @@ int64_t overflow_length(REL_TYPE* rel, uint32_t part) {
   int64_t& length = g_mem.over_length[part];
   struct stat st;
   if (length < 0) {
+    // The length as the flushes so far leave it.
+    M_flush_settle();
     int fd = M_get_fd(rel, make_addr(true, 0, part));
     if (fd >= 0 && fstat(fd, &st) == 0) length = st.st_size;
   }
@@ -156,47 +174,89 @@ int32_t find_row(const Pool& pool, uint32_t offset) {
   return it != end && *it == offset ? static_cast<int32_t>(it - pool.offsets.begin()) : -1;
 }
 
-// Writes `length` bytes at `offset` of the part in one positioned write.
-// A run is at most a pool's bytes; a write of the whole run costs the
-// kernel less than the same bytes in pieces (larger page-cache folios,
-// fewer calls). 0 or -1.
-int M_mem_write_run(REL_TYPE* rel, bool overflow, const uint8_t* bytes, uint32_t offset, size_t length) {
-  uint32_t part = g_mem.current_part;
-  int fd = rel->fd;
-  if (hash_is_dynamic(rel->hashtype)) fd = M_get_fd(rel, make_addr(overflow, 0, part));
-  if (fd < 0) {
-    M_errout(0, "m_lseek error,name=%s,offset=%d.\n", rel->path, static_cast<int>(offset));
-    return -1;
-  }
-  ++M_mem_write_calls;
-  ssize_t n = NT_pwrite(fd, bytes, length, static_cast<off_t>(offset));
-  if (n != static_cast<ssize_t>(length)) {
-    M_errout(0, "m_write error,name=%s,offset=%d.\n", rel->path, static_cast<int>(offset));
-    M_errout(0, "length=%d.ret=%d.\n", static_cast<int>(length), static_cast<int>(n));
-    return -1;
-  }
-  if (overflow && hash_is_dynamic(rel->hashtype)) overflow_written(part, offset, length);
-  return 0;
+// The block at `address` as the last flush handed it to the flush thread:
+// until the next flush it is read here, whether or not the thread has
+// written it yet. Null when that flush did not have it.
+const uint8_t* sent_block(uint32_t address) {
+  if (part_of(address) != g_mem.sent_part) return nullptr;
+  const Pool& pool = is_overflow(address) ? g_mem.over_sent : g_mem.group_sent;
+  const int32_t row = find_row(pool, key_of(address));
+  return row >= 0 ? pool.data.data() + static_cast<size_t>(row) * g_mem.block_size : nullptr;
 }
 
-// Writes a pool's rows in runs of consecutive offsets. 0 or -1.
-int flush_pool(REL_TYPE* rel, Pool& pool, bool overflow) {
-  uint32_t b = g_mem.block_size;
-  int32_t start = 0;
-  for (int32_t i = 1; i <= pool.count; ++i) {
-    if (i < pool.count && pool.offsets[static_cast<size_t>(i)] == pool.offsets[static_cast<size_t>(i - 1)] + b) continue;
-    size_t run = static_cast<size_t>(i - start) * b;
-    if (M_mem_write_run(rel, overflow, pool.data.data() + static_cast<size_t>(start) * b,
-                        pool.offsets[static_cast<size_t>(start)], run) != 0) {
-      M_errout(0, overflow ? (i < pool.count ? "write over block error\n" : "write last blocks error.\n")
-                           : (i < pool.count ? "write group blk error.\n" : "write last piece of group blocks error\n"));
-      return -1;
-    }
-    start = i;
-  }
+void report_pool_failure(const SentRun& run) {
+  M_errout(0, run.overflow ? (run.last ? "write last blocks error.\n" : "write over block error\n")
+                           : (run.last ? "write last piece of group blocks error\n" : "write group blk error.\n"));
+}
+
+// Reports a run of a flush that failed, as the writes of a pool always
+// have: the write, then the pool.
+void report_run_failure(const REL_TYPE* rel, const SentRun& run, ssize_t result) {
+  M_errout(0, "m_write error,name=%s,offset=%d.\n", rel->path, static_cast<int>(run.offset));
+  M_errout(0, "length=%d.ret=%d.\n", static_cast<int>(run.length), static_cast<int>(result));
+  report_pool_failure(run);
+}
+
+// Waits for the batch of the last flush and reports its failure: the run
+// that failed and the write error it met. 0, or -1 after a report.
+int collect_sent(const REL_TYPE* rel) {
+  int error = 0;
+  const int32_t failed = M_flush_collect(&error);
+  if (failed < 0) return 0;
+  NT_write_failed(error);
+  report_run_failure(rel, g_mem.sent_runs[static_cast<size_t>(failed)], -1);
+  return -1;
+}
+
+void clear_pool(Pool& pool) {
   std::fill(pool.offsets.begin(), pool.offsets.end(), 0xFFFFFFFFu);
   pool.count = 0;
-  return 0;
+}
+
+// A pool's runs of consecutive offsets, each one write of the flush.
+void plan_runs(REL_TYPE* rel, const Pool& pool, bool overflow, std::vector<SentRun>* runs,
+               std::vector<FlushRun>* writes) {
+  const uint32_t b = g_mem.block_size;
+  const size_t first = runs->size();
+  int fd = rel->fd;
+  if (hash_is_dynamic(rel->hashtype)) fd = M_get_fd(rel, make_addr(overflow, 0, g_mem.current_part));
+  int32_t start = 0;
+  for (int32_t i = 1; i <= pool.count; ++i) {
+    const auto row = static_cast<size_t>(i);
+    if (i < pool.count && pool.offsets[row] == pool.offsets[row - 1] + b) continue;
+    const uint32_t offset = pool.offsets[static_cast<size_t>(start)];
+    const size_t length = static_cast<size_t>(i - start) * b;
+    runs->push_back({overflow, false, offset, length});
+    writes->push_back({fd, pool.data.data() + static_cast<size_t>(start) * b, length, static_cast<off_t>(offset)});
+    start = i;
+  }
+  if (runs->size() > first) runs->back().last = true;
+}
+
+// The flush of a batch that cannot go to the flush thread whole: a run
+// without a descriptor or one the write seam refuses. The runs are written
+// here, one by one, up to that one, which is reported, as a flush always
+// did; a pool all of whose runs were written is emptied. -1.
+int flush_here(REL_TYPE* rel, const std::vector<SentRun>& runs, const std::vector<FlushRun>& writes,
+               size_t refused, bool no_descriptor) {
+  for (size_t i = 0; i < refused; ++i) {
+    ++M_mem_write_calls;
+    if (NT_pwrite_whole(writes[i].fd, writes[i].bytes, writes[i].length, writes[i].offset) !=
+        static_cast<ssize_t>(writes[i].length)) {
+      NT_write_failed(errno);
+      refused = i;
+      no_descriptor = false;
+      break;
+    }
+  }
+  if (no_descriptor) {
+    M_errout(0, "m_lseek error,name=%s,offset=%d.\n", rel->path, static_cast<int>(runs[refused].offset));
+    report_pool_failure(runs[refused]);
+  } else {
+    report_run_failure(rel, runs[refused], -1);
+  }
+  if (runs[refused].overflow) clear_pool(g_mem.group);
+  return -1;
 }
 
 // Stores a block in the pool by its offset, keeping the rows sorted.
@@ -276,6 +336,9 @@ int M_init_mem_buffers(REL_TYPE* rel) {
   }
   // This writer keeps no index: the file's trees wait for a build.
   M_index_mark_to_build(rel);
+  // A writer left without its force flush may still have a batch out: it
+  // is settled before its rows go, and a failure of it counted.
+  if (int error = 0; M_flush_collect(&error) >= 0) NT_write_failed(error);
   g_mem = MemState{};
   drop_window();
   g_mem.rel = rel;
@@ -284,6 +347,8 @@ int M_init_mem_buffers(REL_TYPE* rel) {
   g_mem.capacity = static_cast<int32_t>(std::max<uint32_t>(MEM_POOL_BYTES / rel->block_size, 1));
   init_pool(g_mem.group);
   init_pool(g_mem.over);
+  init_pool(g_mem.group_sent);
+  init_pool(g_mem.over_sent);
   struct stat st;
   int fd = M_get_fd(rel, hash_is_dynamic(rel->hashtype) ? ADDR_OVERFLOW : 0);
   if (fd >= 0 && fstat(fd, &st) == 0) g_mem.end_of_file = static_cast<uint32_t>(st.st_size - st.st_size % rel->block_size);
@@ -303,7 +368,9 @@ int M_memread(REL_TYPE* rel, uint32_t address, uint8_t* buffer) {
     }
   }
   int fd = M_get_fd(rel, address);
-  if (int32_t g = pending_group(address); g >= 0) {
+  if (const uint8_t* sent = sent_block(address)) {
+    std::memcpy(buffer, sent, b);
+  } else if (int32_t g = pending_group(address); g >= 0) {
     head_block(g_mem.heads->layout, g, buffer);
   } else if (fd < 0 || !(is_overflow(address) ? block_read(fd, key_of(address), buffer)
                                                 : window_read(fd, key_of(address), buffer))) {
@@ -348,13 +415,34 @@ int mem_file_io(REL_TYPE* rel, uint32_t address, uint8_t* buffer, int write) {
 
 int M_mem_flush(REL_TYPE* rel) {
   drop_window();
-  if (flush_pool(rel, g_mem.group, false) != 0) return -1;
-  return flush_pool(rel, g_mem.over, true);
+  // The batch before reports its failure here, as a flush that fails.
+  if (collect_sent(rel) != 0) return -1;
+  std::vector<SentRun> runs;
+  std::vector<FlushRun> writes;
+  plan_runs(rel, g_mem.group, false, &runs, &writes);
+  plan_runs(rel, g_mem.over, true, &runs, &writes);
+  for (size_t i = 0; i < runs.size(); ++i) {
+    if (writes[i].fd < 0) return flush_here(rel, runs, writes, i, true);
+    if (!NT_write_begin()) return flush_here(rel, runs, writes, i, false);
+  }
+  for (const SentRun& run : runs) {
+    ++M_mem_write_calls;
+    if (run.overflow && hash_is_dynamic(rel->hashtype)) overflow_written(g_mem.current_part, run.offset, run.length);
+  }
+  // The rows go with the batch; the pools start again empty.
+  std::swap(g_mem.group, g_mem.group_sent);
+  std::swap(g_mem.over, g_mem.over_sent);
+  clear_pool(g_mem.group);
+  clear_pool(g_mem.over);
+  g_mem.sent_part = g_mem.current_part;
+  g_mem.sent_runs = std::move(runs);
+  if (!writes.empty()) M_flush_start(std::move(writes));
+  return 0;
 }
 
 int M_mem_force_flush(REL_TYPE* rel, int unlock) {
   if (!M_mem_active(rel)) return 1;
-  int result = M_mem_flush(rel) == 0 ? 1 : -1;
+  int result = M_mem_flush(rel) == 0 && collect_sent(rel) == 0 ? 1 : -1;
   if (result != 1) M_errout(0, "forceflush error.\n");
   // A head that cannot be written stays pending (fl_heads.h); the failed
   // write is counted where every write's failure is.
@@ -369,6 +457,7 @@ int M_mem_force_flush(REL_TYPE* rel, int unlock) {
 
 void M_mem_end_for_removal(REL_TYPE* rel) {
   if (!M_mem_active(rel)) return;
+  collect_sent(rel);
   if (g_mem.heads != nullptr) M_heads_forget(g_mem.heads);
   g_mem = MemState{};
   drop_window();

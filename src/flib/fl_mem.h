@@ -28,7 +28,7 @@
 struct REL_TYPE;
 
 // Bytes of each pool; a whole number of blocks is used.
-inline constexpr uint32_t MEM_POOL_BYTES = 163840;
+inline constexpr uint32_t MEM_POOL_BYTES = 524288;
 // Counts the write calls of flushes (statistics, tests and benchmarks).
 extern uint64_t M_mem_write_calls;
 

@@ -23,6 +23,7 @@
 #include "flib/fl_index.h"
 #include "flib/fl_io.h"
 #include "flib/fl_lock.h"
+#include "flib/fl_memflush.h"
 #include "flib/fl_ovhdr.h"
 #include "flib/fl_rel.h"
 #include "flib/fl_report.h"
@@ -263,6 +264,8 @@ int M_openfile(REL_TYPE* rel, const char* path, OpenMode open_mode, int32_t flag
 }
 
 void M_closefile(REL_TYPE* rel) {
+  // A flush may still be writing through the file's descriptors.
+  M_flush_settle();
   M_close_index(rel);
   // Closing a descriptor gives up the process's locks on the file.
   M_unmap_reading(rel);

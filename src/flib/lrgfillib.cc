@@ -13,6 +13,7 @@
 #include "common/readconf.h"
 #include "flib/fl_block.h"
 #include "flib/fl_filehdr.h"
+#include "flib/fl_memflush.h"
 #include "flib/fl_rel.h"
 
 int32_t M_large_file_limit = 1000;
@@ -44,6 +45,8 @@ int32_t descriptor_limit() {
 
 // Closes a part's descriptor; the handle forgets it as its current part.
 void close_part(REL_TYPE* rel, uint32_t part, PartEntry* p) {
+  // A flush may still be writing through the descriptor.
+  M_flush_settle();
   uint32_t number = (part & ~PART_OVERFLOW) + 1;
   if ((part & PART_OVERFLOW) != 0) {
     if (rel->over_current == number) {
@@ -203,6 +206,7 @@ int M_check_file_stat(const REL_TYPE* rel) {
 }
 
 void M_remove_part_files(REL_TYPE* rel) {
+  M_flush_settle();
   std::erase_if(g_table, [rel](const LargeFdEntry& e) { return e.owner == rel; });
   for (auto* parts : {&rel->primary, &rel->overflow}) {
     for (auto& p : *parts) {

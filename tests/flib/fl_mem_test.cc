@@ -4,6 +4,8 @@
 #include <random>
 
 #include "fl_test_util.h"
+#include "NT/NT_fault.h"
+#include "support/run_program.h"
 #include "flib/fl_delete.h"
 #include "flib/fl_globals.h"
 #include "flib/fl_hash.h"
@@ -152,11 +154,42 @@ TEST_F(FlMem, ABufferedLoadIntoAFileWrittenRecordByRecordKeepsItsBlocks) {
   }
 }
 
-// A static file of 400 groups of 1 KiB blocks under the buffered writer.
+// The writes of a flush are made on the flush thread while the load goes
+// on; one that fails there is counted and reported on the loader's thread
+// at the next flush, and the load learns of it as of a flush of its own.
+TEST_F(FlMem, AWriteThatFailsOnTheFlushThreadReachesTheLoad) {
+  const std::string path = dir + "/S";
+  ASSERT_EQ(M_create_hashed(path.c_str(), 31, 1, 0, 0, nullptr), 1);
+  const auto size = static_cast<rlim_t>(read_bytes(path).size());
+  ProgramResult child = run_in_child([&] {
+    REL_TYPE rel;
+    // The group heads may be written, no overflow block past them.
+    if (int failed = open_under_size_limit(&rel, path, size)) _exit(failed);
+    if (M_init_mem_buffers(&rel) != 1) _exit(12);
+    const uint64_t failures = NT_write_failures;
+    const std::string record(3000, 'r');
+    int added = 0;
+    for (int i = 0; i < 2000; ++i) {
+      const std::string key = "K" + std::to_string(i);
+      if (M_mem_add_tuple(&rel, bytes(key), length(key), bytes(record), length(record)) != 1) break;
+      ++added;
+    }
+    if (added == 2000) _exit(13);  // the failure never reached the load
+    if (NT_write_failures == failures || NT_last_write_errno != EFBIG) _exit(14);
+    if (M_mem_force_flush(&rel, 1) != -1) _exit(15);
+    _exit(0);
+  });
+  EXPECT_EQ(child.status, 0) << child.output;
+  EXPECT_NE(child.output.find("m_write error,name="), std::string::npos) << child.output;
+  EXPECT_NE(child.output.find("write last blocks error.\n"), std::string::npos) << child.output;
+}
+
+// A static file of 1 KiB blocks under the buffered writer, with groups for
+// twice a pool's rows.
 class FlMemPools : public RecordFile {
  protected:
   void SetUp() override {
-    create(400, 1, 0);
+    create(2 * static_cast<int32_t>(MEM_POOL_BYTES / 1024) + 7, 1, 0);
     ASSERT_EQ(M_init_mem_buffers(&rel), 1);
   }
   void TearDown() override {
