@@ -147,21 +147,37 @@ const uint8_t* session_map(REL_TYPE* rel, int fd, uint32_t address, size_t* leng
   return part->read_map;
 }
 
-// A block: from the read session's mapping when it holds the block, else
-// by a read call.
-ssize_t read_block(REL_TYPE* rel, int fd, uint32_t address, uint8_t* buffer, uint32_t b, uint32_t offset) {
+// A block: where the read session's mapping holds it, else read into
+// `buffer` by a read call. Its bytes, or null with `*n` the read's result.
+const uint8_t* read_block(REL_TYPE* rel, int fd, uint32_t address, uint8_t* buffer, uint32_t b, uint32_t offset,
+                          ssize_t* n) {
   size_t length = 0;
   const uint8_t* map = session_map(rel, fd, address, &length);
-  if (map != nullptr && static_cast<size_t>(offset) + b <= length) {
-    std::memcpy(buffer, map + offset, b);
-    return static_cast<ssize_t>(b);
-  }
-  return pread(fd, buffer, b, offset);
+  if (map != nullptr && static_cast<size_t>(offset) + b <= length) return map + offset;
+  *n = pread(fd, buffer, b, offset);
+  return *n == static_cast<ssize_t>(b) ? buffer : nullptr;
 }
 
-}  // namespace
+// The checks of M_blkread on a block that was had whole. 1, or the report's
+// result.
+int check_block(REL_TYPE* rel, const uint8_t* block, int check) {
+  char text[96];
+  if (check == CHECK_NONE) return 1;
+  if (!rel_is_dynamic(rel) && gb_group(block) != M_groupno) {
+    std::snprintf(text, sizeof text, "Grpno error. blkbuf->group=%d, M_groupno=%d, ",
+                  static_cast<int>(gb_group(block)), static_cast<int>(M_groupno));
+    return blkread_error(rel, text);
+  }
+  if (check == CHECK_GROUP_ONLY) return 1;
+  uint8_t flags = gb_flags(block);
+  if ((flags & FLAG_GROUP_BIT) == 0) return 1;
+  if ((flags & 1) == check) return 1;
+  return blkread_error(rel, "check over");
+}
 
-int M_blkread(REL_TYPE* rel, uint32_t address, uint8_t* buffer, int check) {
+// The block at `address`, from the pools, the mapping or a read, or null
+// after a report (`*result` its result).
+const uint8_t* get_block(REL_TYPE* rel, uint32_t address, uint8_t* buffer, int* result) {
   errno = 0;
   uint32_t b = rel->block_size;
   int fd = rel->fd;
@@ -170,31 +186,48 @@ int M_blkread(REL_TYPE* rel, uint32_t address, uint8_t* buffer, int check) {
     fd = M_get_fd(rel, address);
     if (fd < 0) {
       std::snprintf(text, sizeof text, "blkoff=0X%X, M_get_fd", address);
-      return blkread_error(rel, text);
+      *result = blkread_error(rel, text);
+      return nullptr;
     }
   }
   uint32_t offset = file_offset(address);
-  if (b == 0 || offset % b != 0) return blkread_error(rel, "block offset");
-  ssize_t n = M_mem_active(rel) ? M_memread(rel, address, buffer) : read_block(rel, fd, address, buffer, b, offset);
-  if (n != static_cast<ssize_t>(b)) {
+  if (b == 0 || offset % b != 0) {
+    *result = blkread_error(rel, "block offset");
+    return nullptr;
+  }
+  ssize_t n = static_cast<ssize_t>(b);
+  const uint8_t* block = nullptr;
+  if (M_mem_active(rel)) {
+    n = M_memread(rel, address, buffer);
+    if (n == static_cast<ssize_t>(b)) block = buffer;
+  } else {
+    block = read_block(rel, fd, address, buffer, b, offset, &n);
+  }
+  if (block == nullptr) {
     std::snprintf(text, sizeof text,
                   "M_pread return error. fd=%d, blkbuf addr=%lX, blksize=%d, blkoff=%d. ret=%d, "
                   "errno=%d. Read",
                   fd, static_cast<unsigned long>(reinterpret_cast<uintptr_t>(buffer)), static_cast<int>(b),
                   static_cast<int>(offset), static_cast<int>(n), errno);
-    return blkread_error(rel, text);
+    *result = blkread_error(rel, text);
   }
-  if (check == CHECK_NONE) return 1;
-  if (!rel_is_dynamic(rel) && gb_group(buffer) != M_groupno) {
-    std::snprintf(text, sizeof text, "Grpno error. blkbuf->group=%d, M_groupno=%d, ",
-                  static_cast<int>(gb_group(buffer)), static_cast<int>(M_groupno));
-    return blkread_error(rel, text);
-  }
-  if (check == CHECK_GROUP_ONLY) return 1;
-  uint8_t flags = gb_flags(buffer);
-  if ((flags & FLAG_GROUP_BIT) == 0) return 1;
-  if ((flags & 1) == check) return 1;
-  return blkread_error(rel, "check over");
+  return block;
+}
+
+}  // namespace
+
+int M_blkread(REL_TYPE* rel, uint32_t address, uint8_t* buffer, int check) {
+  int result = 1;
+  const uint8_t* block = get_block(rel, address, buffer, &result);
+  if (block == nullptr) return result;
+  if (block != buffer) std::memcpy(buffer, block, rel->block_size);
+  return check_block(rel, buffer, check);
+}
+
+const uint8_t* M_blkview(REL_TYPE* rel, uint32_t address, uint8_t* buffer, int check) {
+  int result = 1;
+  const uint8_t* block = get_block(rel, address, buffer, &result);
+  return block != nullptr && check_block(rel, block, check) == 1 ? block : nullptr;
 }
 
 int M_blkwrite(REL_TYPE* rel, uint32_t address, uint8_t* buffer) {

@@ -46,6 +46,11 @@ void M_unmap_reading(REL_TYPE* rel);
 
 int M_get_fd(REL_TYPE* rel, uint32_t address);
 int M_blkread(REL_TYPE* rel, uint32_t address, uint8_t* buffer, int check);
+// The block at `address`, checked as M_blkread checks it, without a copy
+// where the read session's mapping holds it: a pointer into the mapping,
+// good while the file stays held, or else `buffer`, read into. Null after
+// a report.
+const uint8_t* M_blkview(REL_TYPE* rel, uint32_t address, uint8_t* buffer, int check);
 int M_blkwrite(REL_TYPE* rel, uint32_t address, uint8_t* buffer);
 // A positioned write that repeats after an interrupted call. Returns the
 // count written or -1.

@@ -188,7 +188,7 @@ int M_for_each_key(REL_TYPE* rel,
                    const std::function<int(const uint8_t*, int32_t, const uint8_t*, int32_t, uint32_t)>& visit) {
   const char* fn = "M_for_each_key";
   uint32_t b = rel->block_size;
-  uint8_t block[MAX_BLOCK_SIZE];
+  uint8_t buffer[MAX_BLOCK_SIZE];
   char text[64];
   for (int32_t g = 0; g < rel->modulo; ++g) {
     M_groupno = static_cast<uint32_t>(g);
@@ -197,8 +197,8 @@ int M_for_each_key(REL_TYPE* rel,
     for (int step = 0; address != 0; ++step) {
       bool head = step == 0;
       if (step > (1 << 20)) return M_file_error(rel, fn, "chain loop", nullptr, 0, g);
-      if (M_blkread(rel, address, block, head ? CHECK_HEAD : CHECK_CONTINUATION) != 1)
-        return M_file_error(rel, fn, nullptr, nullptr, 0, g);
+      const uint8_t* block = M_blkview(rel, address, buffer, head ? CHECK_HEAD : CHECK_CONTINUATION);
+      if (block == nullptr) return M_file_error(rel, fn, nullptr, nullptr, 0, g);
       if (const char* fault = group_block_fault(block, b, head, text, sizeof text))
         return M_file_error(rel, fn, fault, nullptr, 0, g);
       int32_t count = std::min<int32_t>(gb_key_count(block), max_key_rows(b));
