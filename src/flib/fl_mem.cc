@@ -167,8 +167,10 @@ int32_t pending_group(uint32_t address) {
   return static_cast<int32_t>(g);
 }
 
-// Row of `offset` in the pool, or -1.
+// Row of `offset` in the pool, or -1. A load works on the block it took
+// last, which in ascending order is the last row: that row is tried first.
 int32_t find_row(const Pool& pool, uint32_t offset) {
+  if (pool.count > 0 && pool.offsets[static_cast<size_t>(pool.count - 1)] == offset) return pool.count - 1;
   auto end = pool.offsets.begin() + pool.count;
   auto it = std::lower_bound(pool.offsets.begin(), end, offset);
   return it != end && *it == offset ? static_cast<int32_t>(it - pool.offsets.begin()) : -1;
