@@ -241,23 +241,26 @@ void plan_runs(REL_TYPE* rel, const Pool& pool, bool overflow, std::vector<SentR
 // did; a pool all of whose runs were written is emptied. -1.
 int flush_here(REL_TYPE* rel, const std::vector<SentRun>& runs, const std::vector<FlushRun>& writes,
                size_t refused, bool no_descriptor) {
-  for (size_t i = 0; i < refused; ++i) {
+  size_t failed = refused;
+  bool write_failed = false;
+  for (size_t i = 0; i < refused && !write_failed; ++i) {
     ++M_mem_write_calls;
-    if (NT_pwrite_whole(writes[i].fd, writes[i].bytes, writes[i].length, writes[i].offset) !=
-        static_cast<ssize_t>(writes[i].length)) {
+    if (M_mem_write_run(writes[i]) != static_cast<ssize_t>(writes[i].length)) {
       NT_write_failed(errno);
-      refused = i;
-      no_descriptor = false;
-      break;
+      failed = i;
+      write_failed = true;
+    } else if (runs[i].overflow && hash_is_dynamic(rel->hashtype)) {
+      overflow_written(g_mem.current_part, runs[i].offset, runs[i].length);
     }
   }
-  if (no_descriptor) {
-    M_errout(0, "m_lseek error,name=%s,offset=%d.\n", rel->path, static_cast<int>(runs[refused].offset));
-    report_pool_failure(runs[refused]);
+  if (!write_failed && no_descriptor) {
+    M_errout(0, "m_lseek error,name=%s,offset=%d.\n", rel->path, static_cast<int>(runs[failed].offset));
+    report_pool_failure(runs[failed]);
   } else {
-    report_run_failure(rel, runs[refused], -1);
+    if (!write_failed) ++M_mem_write_calls;  // the refused write was asked for all the same
+    report_run_failure(rel, runs[failed], -1);
   }
-  if (runs[refused].overflow) clear_pool(g_mem.group);
+  if (runs[failed].overflow) clear_pool(g_mem.group);
   return -1;
 }
 

@@ -95,7 +95,7 @@ class FlushThread {
       int error = 0;
       for (size_t i = 0; i < runs.size(); ++i) {
         const FlushRun& r = runs[i];
-        if (NT_pwrite_whole(r.fd, r.bytes, r.length, r.offset) != static_cast<ssize_t>(r.length)) {
+        if (M_mem_write_run(r) != static_cast<ssize_t>(r.length)) {
           failed = static_cast<int32_t>(i);
           error = errno;
           break;
@@ -127,6 +127,8 @@ FlushThread& flush_thread() {
 }
 
 }  // namespace
+
+ssize_t M_mem_write_run(const FlushRun& run) { return NT_pwrite_whole(run.fd, run.bytes, run.length, run.offset); }
 
 void M_flush_start(std::vector<FlushRun> runs) { flush_thread().start(std::move(runs)); }
 

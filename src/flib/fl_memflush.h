@@ -27,6 +27,10 @@ struct FlushRun {
   off_t offset = 0;
 };
 
+// One run written whole at its offset, through no seam and counting
+// nothing: the flush thread's write, and that of a flush made in place.
+// Its length, or -1 with errno.
+ssize_t M_mem_write_run(const FlushRun& run);
 // Starts writing `runs` in order on the flush thread; the batch before
 // must have been collected. Bytes and descriptors must stay as they are
 // until the batch is settled.
