@@ -32,9 +32,8 @@
 struct REL_TYPE;
 
 // Bytes of each pool; a whole number of blocks is used. With the writes on
-// the flush thread, larger pools restore faster up to about this size; at
-// 2 MiB the rows moved by inserts below the last row cost more than the
-// fewer flushes save.
+// the flush thread, larger pools restored faster up to this size; pools of
+// 2 MiB restored at half the speed, for a cause not looked into.
 inline constexpr uint32_t MEM_POOL_BYTES = 524288;
 // Counts the write calls of flushes (statistics, tests and benchmarks).
 extern uint64_t M_mem_write_calls;
