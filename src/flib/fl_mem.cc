@@ -422,6 +422,10 @@ int M_mem_flush(REL_TYPE* rel) {
   drop_window();
   // The batch before reports its failure here, as a flush that fails.
   if (collect_sent(rel) != 0) return -1;
+  // That batch is on disk now: its rows are no longer the latest word on
+  // its blocks once the pools' rows are written.
+  clear_pool(g_mem.group_sent);
+  clear_pool(g_mem.over_sent);
   std::vector<SentRun> runs;
   std::vector<FlushRun> writes;
   plan_runs(rel, g_mem.group, false, &runs, &writes);
