@@ -16,6 +16,7 @@
 #include "NT/NT_fault.h"
 #include "NT/NT_logerror.h"
 #include "common/mrv_msg.h"
+#include "common/mrv_worker.h"
 
 int32_t last_block_size = 0;
 int32_t drive_max_block = 0;
@@ -52,6 +53,9 @@ enum class Medium { kDrive, kImage, kFile };
 // Images are read through a window of this many bytes: a record and its
 // length words come out of memory, and the file is read in large requests.
 constexpr size_t kImageWindow = size_t{1} << 20;
+// A window read ahead leaves this much room in front of its bytes for the
+// tail of the window before: the record that runs across their border.
+constexpr size_t kImageCarry = size_t{64} << 10;
 
 struct Slot {
   int fd = -1;
@@ -60,13 +64,17 @@ struct Slot {
   std::string name;  // without the rewind prefix
   int64_t pos = 0;   // images: offset of the next record; files: kept at close
   bool at_end = false;
-  // Images: bytes of the file from window_at, and the file's size when the
-  // window was read; window_at -1 when nothing is held. Every write to the
-  // image drops the window.
+  // Images: window_len bytes of the file from window_at, held from
+  // window_base of `window`, and the file's size when they were read;
+  // window_at -1 when nothing is held. window_eof: the read that filled the
+  // window reached the end of the file. Every write to the image drops the
+  // window.
   std::shared_ptr<unsigned char[]> window;
+  int64_t window_base = 0;
   int64_t window_at = -1;
   int64_t window_len = 0;
   int64_t window_size = -1;
+  bool window_eof = false;
 };
 
 Slot g_slots[MNT_TAPE_SLOTS];
@@ -126,41 +134,118 @@ int64_t file_size(int fd) {
   return fstat(fd, &st) == 0 ? static_cast<int64_t>(st.st_size) : -1;
 }
 
+std::shared_ptr<unsigned char[]> window_buffer() {
+  return std::shared_ptr<unsigned char[]>(new unsigned char[kImageCarry + kImageWindow]);
+}
+
+// The window after a whole one of a read-only image, read by the tape
+// worker while the decoder works through the window before; at most one
+// is out. Its bytes land kImageCarry into `bytes`. Its fields are the
+// worker's until it is settled.
+struct AheadRead {
+  std::shared_ptr<unsigned char[]> bytes;
+  int fd = -1;
+  int64_t at = -1;  // -1: none
+  ssize_t got = -1;
+  int64_t size = -1;
+};
+AheadRead g_ahead;
+
+struct TapeTag;
+MrvWorker& tape_worker() { return mrv_worker<TapeTag>(); }
+
+// Lets go of the read ahead of `fd` (of any with -1), once the worker is
+// done with it: before the descriptor closes or the image is written.
+void drop_ahead(int fd) {
+  if (g_ahead.at < 0 || (fd >= 0 && g_ahead.fd != fd)) return;
+  tape_worker().settle();
+  g_ahead.at = -1;
+}
+
+// Reads the window after the slot's on the worker.
+void start_ahead(const Slot& s) {
+  drop_ahead(-1);
+  if (!g_ahead.bytes) g_ahead.bytes = window_buffer();
+  g_ahead.fd = s.fd;
+  g_ahead.at = s.window_at + s.window_len;
+  tape_worker().start([fd = s.fd, at = g_ahead.at, bytes = g_ahead.bytes.get() + kImageCarry] {
+    g_ahead.got = pread(fd, bytes, kImageWindow, at);
+    g_ahead.size = file_size(fd);
+  });
+}
+
+// The window from `from` out of the slot's window and the one read ahead
+// after it, when `from` lies in the slot's window no further than
+// kImageCarry from its end: the tail is copied in front of the bytes read
+// ahead, and that buffer becomes the window. False when it cannot be had
+// so (the read ahead is let go of then).
+bool take_ahead(Slot& s, int64_t from) {
+  const int64_t border = s.window_at + s.window_len;
+  if (g_ahead.at < 0 || g_ahead.fd != s.fd || g_ahead.at != border || s.window_at < 0 || from < s.window_at ||
+      from > border || border - from > static_cast<int64_t>(kImageCarry)) {
+    drop_ahead(-1);
+    return false;
+  }
+  tape_worker().settle();
+  g_ahead.at = -1;
+  if (g_ahead.got < 0) return false;
+  const int64_t tail = border - from;
+  unsigned char* front = g_ahead.bytes.get() + kImageCarry - tail;
+  std::memcpy(front, s.window.get() + s.window_base + (from - s.window_at), static_cast<size_t>(tail));
+  std::swap(s.window, g_ahead.bytes);
+  s.window_base = static_cast<int64_t>(kImageCarry) - tail;
+  s.window_at = from;
+  s.window_len = tail + g_ahead.got;
+  s.window_size = g_ahead.size;
+  s.window_eof = g_ahead.got < static_cast<ssize_t>(kImageWindow);
+  return true;
+}
+
 // pread of an image through the slot's window. A request that the window
 // does not hold reads the window anew, from the start of the current
 // record when the request lies behind it (so that the record's length
 // words and bytes come from one read), else from the request's offset.
-// A window shorter than kImageWindow ends at the end of the file.
+// A window whose read reached the end of the file ends there. While a
+// read-only image is read on, the worker reads the window after.
 ssize_t image_pread(Slot& s, void* buffer, size_t count, int64_t offset) {
   const auto want = static_cast<int64_t>(count);
   auto inside = [&] { return s.window_at >= 0 && offset >= s.window_at && offset + want <= s.window_at + s.window_len; };
+  auto held = [&](int64_t at) { return s.window.get() + s.window_base + (at - s.window_at); };
   const int64_t from = std::min(offset, s.pos);
   if (!inside() && offset + want - from <= static_cast<int64_t>(kImageWindow)) {
-    if (!s.window) s.window = std::shared_ptr<unsigned char[]>(new unsigned char[kImageWindow]);
-    ssize_t got = pread(s.fd, s.window.get(), kImageWindow, from);
-    if (got < 0) {
-      s.window_at = -1;
-      return -1;
+    if (!s.window) s.window = window_buffer();
+    if (!take_ahead(s, from)) {
+      ssize_t got = pread(s.fd, s.window.get(), kImageWindow, from);
+      if (got < 0) {
+        s.window_at = -1;
+        return -1;
+      }
+      s.window_base = 0;
+      s.window_at = from;
+      s.window_len = got;
+      s.window_size = file_size(s.fd);
+      s.window_eof = got < static_cast<ssize_t>(kImageWindow);
     }
-    s.window_at = from;
-    s.window_len = got;
-    s.window_size = file_size(s.fd);
+    if (!s.writable && !s.window_eof) start_ahead(s);
   }
   if (inside()) {
-    std::memcpy(buffer, s.window.get() + (offset - s.window_at), count);
+    std::memcpy(buffer, held(offset), count);
     return want;
   }
-  if (s.window_at >= 0 && offset >= s.window_at && s.window_len < static_cast<int64_t>(kImageWindow)) {
+  if (s.window_at >= 0 && offset >= s.window_at && s.window_eof) {
     // The request runs past the end of the file: a short answer, as pread
     // gives.
     int64_t have = std::clamp<int64_t>(s.window_at + s.window_len - offset, 0, want);
-    if (have > 0) std::memcpy(buffer, s.window.get() + (offset - s.window_at), static_cast<size_t>(have));
+    if (have > 0) std::memcpy(buffer, held(offset), static_cast<size_t>(have));
     return have;
   }
   return pread(s.fd, buffer, count, offset);
 }
 
-void drop_window(Slot& s) { s.window_at = -1; }
+void drop_window(Slot& s) {
+  drop_ahead(s.fd);
+  s.window_at = -1;
+}
 
 // One record of an image. A damaged image (a length that runs past the end
 // of the file or disagrees with its copy behind the record) is a fault that
@@ -420,6 +505,7 @@ int MNT_TapeClose(int slot) {
   if (s->medium == Medium::kFile) s->pos = lseek(s->fd, 0, SEEK_CUR);
   if (s->medium != Medium::kDrive && s->pos >= 0) g_kept[s->name].pos = s->pos;
   int fd = s->fd;
+  drop_ahead(fd);
   *s = Slot{};
   if (close(fd) != 0) {
     MNT_LogError("CloseHandle");
