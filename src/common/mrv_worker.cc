@@ -77,9 +77,3 @@ void MrvWorker::settle() {
   std::unique_lock<std::mutex> lock(mutex_);
   changed_.wait(lock, [this] { return !busy_; });
 }
-
-bool MrvWorker::busy() {
-  own_process();
-  std::lock_guard<std::mutex> lock(mutex_);
-  return busy_;
-}

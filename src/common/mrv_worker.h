@@ -28,8 +28,6 @@ class MrvWorker {
   void start(std::function<void()> job);
   // Waits until the job started last is done.
   void settle();
-  // Whether a job is out (not yet settled by its thread).
-  bool busy();
 
  private:
   void own_process();

@@ -82,11 +82,8 @@ void M_heads_pending_add(const HeadLayout& layout, std::vector<ScopedFd> parts) 
 PendingHeads* M_heads_take(int fd) {
   struct stat st {};
   if (g_pending.empty() || fd < 0 || fstat(fd, &st) != 0) return nullptr;
-  for (PendingHeads& p : g_pending) {
-    if (p.device != st.st_dev || p.inode != st.st_ino) continue;
-    p.taken = true;
-    return &p;
-  }
+  for (PendingHeads& p : g_pending)
+    if (p.device == st.st_dev && p.inode == st.st_ino) return &p;
   return nullptr;
 }
 
@@ -128,10 +125,7 @@ int M_heads_write_rest(PendingHeads* pending) {
     head_block(layout, g, run.data() + run.size() - b);
   }
   write_run();
-  if (result == 0)
-    drop(pending);
-  else
-    pending->taken = false;
+  if (result == 0) drop(pending);
   return result;
 }
 

@@ -22,7 +22,6 @@
 #include <sys/types.h>
 
 #include <cstdint>
-#include <memory>
 #include <vector>
 
 #include "NT/NT_utils.h"
@@ -57,7 +56,6 @@ struct PendingHeads {
   ino_t inode = 0;
   pid_t owner = 0;              // the process that laid it out
   std::vector<uint8_t> done;    // per group: its head is on disk or in a writer's pool
-  bool taken = false;           // a writer has it
 };
 
 // Set by a caller that loads the next data file it makes through the
@@ -68,8 +66,8 @@ extern bool M_heads_to_loader;
 // Keeps a layout whose heads were left out; `parts` are descriptors of its
 // primary parts (the list owns them).
 void M_heads_pending_add(const HeadLayout& layout, std::vector<ScopedFd> parts);
-// The pending layout of the file that `fd` (its part 0) belongs to, marked
-// taken; nullptr when it has none.
+// The pending layout of the file that `fd` (its part 0) belongs to, for a
+// writer to take over; nullptr when it has none.
 PendingHeads* M_heads_take(int fd);
 // Writes every head not yet done, closes the layout's descriptors and drops
 // it from the list. -1 when a write failed: the heads not written stay

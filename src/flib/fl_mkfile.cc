@@ -21,6 +21,7 @@
 #include "flib/fl_rel.h"
 #include "flib/fl_voc.h"
 #include "flib/fl_write.h"
+#include "flib/lrgfillib.h"
 
 namespace {
 
@@ -128,14 +129,15 @@ int M_create_dir_file(const char* name, int32_t name_len, int32_t flags, int voc
 
 namespace {
 
-// An entry of the same name may hold the other half of the pair: it is
-// read into *old, and *exists says whether there was one. False, after the
-// message, when it leaves no room for what `flags` asks to make.
 // A data file just laid out with its heads left to a loader, when the
 // creation fails after all: no loader comes, so the file goes rather than
 // stay with holes where its heads belong.
 void discard_laid_out(const std::string& path, bool dynamic) {
-  ScopedFd first(open((dynamic ? path + "/dat001" : path).c_str(), O_RDONLY));
+  REL_TYPE rel;
+  std::snprintf(rel.path, sizeof rel.path, "%s", path.c_str());
+  char first_part[REL_NAME_SIZE + 16];
+  M_part_path(&rel, 1, first_part, sizeof first_part);
+  ScopedFd first(open(dynamic ? first_part : path.c_str(), O_RDONLY));
   if (PendingHeads* heads = M_heads_take(first.get())) M_heads_forget(heads);
   first.reset();
   if (dynamic)
@@ -144,6 +146,9 @@ void discard_laid_out(const std::string& path, bool dynamic) {
     unlink(path.c_str());
 }
 
+// An entry of the same name may hold the other half of the pair: it is
+// read into *old, and *exists says whether there was one. False, after the
+// message, when it leaves no room for what `flags` asks to make.
 bool existing_entry_allows(const std::string& key, int32_t flags, VocEntry* old, bool* exists) {
   std::string record;
   if (M_voc_read(key, &record) != 1) return true;
