@@ -89,11 +89,12 @@ ssize_t write_whole(size_t count, Call call) {
   return static_cast<ssize_t>(count);
 }
 
-// A whole write through the seam: counted, made, and its failure counted.
-template <typename Call>
-ssize_t counted_write(size_t count, Call call) {
+// A whole write through the seam: counted, made by `whole`, and its
+// failure counted.
+template <typename Whole>
+ssize_t counted_write(Whole whole) {
   if (!NT_write_begin()) return -1;
-  const ssize_t n = write_whole(count, call);
+  const ssize_t n = whole();
   if (n < 0) NT_write_failed(errno);
   return n;
 }
@@ -138,14 +139,12 @@ ssize_t NT_pwrite_whole(int fd, const void* buffer, size_t count, off_t offset) 
 
 ssize_t NT_write(int fd, const void* buffer, size_t count) {
   const char* bytes = static_cast<const char*>(buffer);
-  return counted_write(count, [&](size_t done) { return write(fd, bytes + done, count - done); });
+  return counted_write(
+      [&] { return write_whole(count, [&](size_t done) { return write(fd, bytes + done, count - done); }); });
 }
 
 ssize_t NT_pwrite(int fd, const void* buffer, size_t count, off_t offset) {
-  if (!NT_write_begin()) return -1;
-  const ssize_t n = NT_pwrite_whole(fd, buffer, count, offset);
-  if (n < 0) NT_write_failed(errno);
-  return n;
+  return counted_write([&] { return NT_pwrite_whole(fd, buffer, count, offset); });
 }
 
 bool NT_fault_tape_read() {
