@@ -386,7 +386,7 @@ int M_read_grpblk(REL_TYPE* rel, uint32_t* address, uint8_t* block, const uint8_
       return M_file_error(rel, fn, nullptr, key, length, group);
     int found = find_key_in_block(block, rel->block_size, key, length);
     if (found >= 0) {
-      std::memcpy(M_blkbuf, block, rel->block_size);
+      if (block != M_blkbuf) std::memcpy(M_blkbuf, block, rel->block_size);
       M_found_position = ke_position(block, found);
       M_found_length = ke_length(block, found);
       *row = found;

@@ -25,9 +25,6 @@ int M_pre_read(REL_TYPE* rel, const uint8_t* key, int32_t length, int32_t* size)
 int M_post_read(REL_TYPE* rel, const uint8_t* key, int32_t* size, uint8_t* buffer);
 // M_pre_read for a directory-type file: opens the entry, gives its size.
 int M_preread_seq(REL_TYPE* rel, const uint8_t* name, int32_t length, int32_t* size);
-// The record of row `row` of the group block `block` at `address`; with
-// `with_key` the result is the key, a field mark, then the record. 1 or -1
-// (the string then holds what was read).
 // Calls `visit` with each key of the file, group by group along each
 // chain, with the group block that holds it and the row; a non-zero result
 // of `visit` ends the walk with that result. 0 when all were visited, -1
@@ -35,5 +32,8 @@ int M_preread_seq(REL_TYPE* rel, const uint8_t* name, int32_t length, int32_t* s
 int M_for_each_key(REL_TYPE* rel,
                    const std::function<int(const uint8_t* key, int32_t key_length, const uint8_t* block,
                                            int32_t row, uint32_t address)>& visit);
+// The record of row `row` of the group block `block` at `address`; with
+// `with_key` the result is the key, a field mark, then the record. 1 or -1
+// (the string then holds what was read).
 int M_catch_tuple(REL_TYPE* rel, const uint8_t* key, int32_t key_length, const uint8_t* block, int32_t row,
                   uint32_t address, std::string* record, int with_key);
