@@ -33,9 +33,6 @@
 
 namespace {
 
-// Largest write of group heads while a file is made.
-constexpr size_t kCreateRun = 256 * 1024;
-
 void remove_new_file(const REL_TYPE* rel) {
   if (hash_is_dynamic(rel->hashtype))
     NT_RemoveFile(rel->path, "");
@@ -91,53 +88,39 @@ int32_t write_group_heads(REL_TYPE* rel, int fd, const FileHeader& h, const Head
   const uint32_t b = rel->block_size;
   const int32_t modulo = rel->modulo;
   const int32_t groups_per_part = layout.groups_per_part;
-  const bool to_loader = loader_parts != nullptr;
   // Later primary parts start with a copy of the header.
   FileHeader copy = h;
   uint8_t block[MAX_BLOCK_SIZE] = {};
-  if (to_loader) loader_parts->emplace_back(dup(fd));
-
-  // The part being written when it is not `fd`; closed when its last group
-  // head is written.
-  ScopedFd part;
-  int32_t primary_parts = 1;
-  // Group heads are consecutive blocks of their part: they are gathered and
-  // written in runs of up to kCreateRun bytes.
   std::vector<uint8_t> run;
-  off_t run_offset = 0;
-  auto write_run = [&]() {
-    if (run.empty()) return 0;
-    int r = M_write_waiting(part.valid() ? part.get() : fd, run.data(), run.size(), run_offset);
-    run.clear();
-    return r;
-  };
-  for (int32_t g = 0; g < modulo; ++g) {
-    if (g > 0 && g % groups_per_part == 0) {
-      copy.first_group = g;
-      ++primary_parts;
+  int32_t primary_parts = 0;
+  for (int32_t first = 0; first == 0 || first < modulo; first += groups_per_part) {
+    // The part being written when it is not `fd`; closed when its heads
+    // are written.
+    ScopedFd part;
+    if (first > 0) {
+      copy.first_group = first;
       char path[REL_NAME_SIZE + 16];
-      M_part_path(rel, static_cast<uint32_t>(g / groups_per_part + 1), path, sizeof path);
-      uint32_t size = static_cast<uint32_t>(std::min(modulo - g + 1, groups_per_part)) * b;
+      M_part_path(rel, static_cast<uint32_t>(first / groups_per_part + 1), path, sizeof path);
+      uint32_t size = static_cast<uint32_t>(std::min(modulo - first + 1, groups_per_part)) * b;
       part.reset(layout_part(rel, path, size));
       if (!part.valid()) return initfile_error(rel, "M_create_part_file");
       std::memset(block, 0, b);
       encode_file_header(copy, block);
       if (M_write_waiting(part.get(), block, b, 0) != 0) return initfile_error(rel, "write", &part);
-      if (to_loader) loader_parts->emplace_back(dup(part.get()));
     }
-    bool last_of_part = g + 1 == modulo || (g + 1) % groups_per_part == 0;
-    if (to_loader) {
+    const int part_fd = part.valid() ? part.get() : fd;
+    ++primary_parts;
+    const int32_t end = std::min(modulo, first + groups_per_part);
+    if (loader_parts != nullptr) {
       // The part's full length, as the heads would give it.
-      if (last_of_part && ftruncate(part.valid() ? part.get() : fd, head_offset(layout, g) + b) != 0)
+      loader_parts->emplace_back(dup(part_fd));
+      if (end > first && ftruncate(part_fd, head_offset(layout, end - 1) + b) != 0)
         return initfile_error(rel, "write", &part);
-    } else {
-      if (run.empty()) run_offset = head_offset(layout, g);
-      run.resize(run.size() + b);
-      head_block(layout, g, run.data() + run.size() - b);
-      if ((last_of_part || run.size() + b > kCreateRun) && write_run() != 0)
-        return initfile_error(rel, "write", &part);
+      continue;
     }
-    if (last_of_part) part.reset();
+    for (int32_t g = first; g < end; g = head_run_end(layout, g, end))
+      if (M_write_head_run(layout, part_fd, g, head_run_end(layout, g, end), &run) != 0)
+        return initfile_error(rel, "write", &part);
   }
   return primary_parts;
 }

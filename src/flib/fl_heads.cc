@@ -24,7 +24,7 @@ uint8_t spread_part(int32_t spread, int32_t g, int32_t groups_per_part, int32_t 
 }
 
 // Largest write of heads at once.
-constexpr size_t kHeadRun = 256 * 1024;
+constexpr uint32_t kHeadRun = 256 * 1024;
 
 // Entries keep their address while others come and go: a writer holds one.
 std::list<PendingHeads> g_pending;
@@ -87,44 +87,42 @@ PendingHeads* M_heads_take(int fd) {
   return nullptr;
 }
 
+int32_t head_run_end(const HeadLayout& layout, int32_t first, int32_t end) {
+  const int32_t most = static_cast<int32_t>(std::max<uint32_t>(kHeadRun / layout.block_size, 1));
+  return first + std::min(most, end - first);
+}
+
+int M_write_head_run(const HeadLayout& layout, int fd, int32_t first, int32_t end, std::vector<uint8_t>* scratch) {
+  const uint32_t b = layout.block_size;
+  scratch->resize(static_cast<size_t>(end - first) * b);
+  for (int32_t g = first; g < end; ++g) head_block(layout, g, scratch->data() + static_cast<size_t>(g - first) * b);
+  return M_write_waiting(fd, scratch->data(), scratch->size(), head_offset(layout, first));
+}
+
 int M_heads_write_rest(PendingHeads* pending) {
   const HeadLayout& layout = pending->layout;
-  const uint32_t b = layout.block_size;
+  std::vector<uint8_t>& done = pending->done;
   int result = 0;
   std::vector<uint8_t> run;
-  uint32_t run_part = 0;
-  uint32_t run_offset = 0;
-  // A run that reached the disk is done; one that did not stays pending,
-  // so that the next writer of the file, or the exit, has it made again.
-  int32_t run_first = 0;
-  auto write_run = [&]() {
-    if (run.empty()) return;
-    const int32_t count = static_cast<int32_t>(run.size() / b);
-    if (run_part < pending->parts.size() &&
-        M_write_waiting(pending->parts[run_part].get(), run.data(), run.size(), run_offset) == 0)
-      std::fill_n(pending->done.begin() + run_first, count, 1);
-    else
-      result = -1;
-    run.clear();
-  };
-  for (int32_t g = 0; g < layout.modulo; ++g) {
-    if (pending->done[static_cast<size_t>(g)] != 0) {
-      write_run();
+  for (int32_t g = 0; g < layout.modulo;) {
+    if (done[static_cast<size_t>(g)] != 0) {
+      ++g;
       continue;
     }
+    // The heads not done from g on, in g's part, up to one run.
     const uint32_t part = head_part(layout, g);
-    const uint32_t offset = head_offset(layout, g);
-    if (!run.empty() && (part != run_part || offset != run_offset + run.size() || run.size() + b > kHeadRun))
-      write_run();
-    if (run.empty()) {
-      run_part = part;
-      run_offset = offset;
-      run_first = g;
-    }
-    run.resize(run.size() + b);
-    head_block(layout, g, run.data() + run.size() - b);
+    const int32_t part_end = std::min(layout.modulo, static_cast<int32_t>(part + 1) * layout.groups_per_part);
+    int32_t end = g;
+    while (end < part_end && done[static_cast<size_t>(end)] == 0) ++end;
+    end = head_run_end(layout, g, end);
+    // A run that reached the disk is done; one that did not stays pending,
+    // so that the next writer of the file, or the exit, has it made again.
+    if (part < pending->parts.size() && M_write_head_run(layout, pending->parts[part].get(), g, end, &run) == 0)
+      std::fill(done.begin() + g, done.begin() + end, 1);
+    else
+      result = -1;
+    g = end;
   }
-  write_run();
   if (result == 0) drop(pending);
   return result;
 }

@@ -47,6 +47,21 @@ inline uint32_t head_part(const HeadLayout& layout, int32_t g) {
 inline uint32_t head_offset(const HeadLayout& layout, int32_t g) {
   return static_cast<uint32_t>(g % layout.groups_per_part + 1) * layout.block_size;
 }
+// The group whose head lies at `offset` of primary part `part`, or -1 when
+// no head lies there.
+inline int32_t head_group(const HeadLayout& layout, uint32_t part, uint32_t offset) {
+  if (offset < layout.block_size) return -1;
+  const int64_t g = static_cast<int64_t>(part) * layout.groups_per_part + offset / layout.block_size - 1;
+  return g < layout.modulo ? static_cast<int32_t>(g) : -1;
+}
+// Heads are written in runs of consecutive groups of one part, each run at
+// most this many groups: the end of the run that starts at `first` when
+// the groups up to `end` (exclusive) are to be written.
+int32_t head_run_end(const HeadLayout& layout, int32_t first, int32_t end);
+// Makes the heads of groups [first, end), all of one primary part, and
+// writes them into that part (`fd`) in one call. `scratch` holds them. 0 or
+// -1.
+int M_write_head_run(const HeadLayout& layout, int fd, int32_t first, int32_t end, std::vector<uint8_t>* scratch);
 
 // A laid-out file whose heads are not all on disk.
 struct PendingHeads {

@@ -159,12 +159,8 @@ uint32_t part_of(uint32_t address) {
 int32_t pending_group(uint32_t address) {
   const PendingHeads* heads = g_mem.heads;
   if (heads == nullptr || is_overflow(address)) return -1;
-  const uint32_t b = g_mem.block_size;
-  const uint32_t offset = key_of(address);
-  if (offset < b) return -1;
-  const int64_t g = static_cast<int64_t>(part_of(address)) * heads->layout.groups_per_part + offset / b - 1;
-  if (g >= heads->layout.modulo || heads->done[static_cast<size_t>(g)] != 0) return -1;
-  return static_cast<int32_t>(g);
+  const int32_t g = head_group(heads->layout, part_of(address), key_of(address));
+  return g >= 0 && heads->done[static_cast<size_t>(g)] == 0 ? g : -1;
 }
 
 // Row of `offset` in the pool, or -1. A load works on the block it took
